@@ -1,0 +1,69 @@
+// The texts of the events that the host's callable receives, the same for every camera maker.
+//
+// An event is a type code and one to three values; lists and status reports travel as texts that
+// read like a Python dictionary literal.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// Camera makers, as Lumatie::m_nVendor holds them.
+enum TetherVendor : int {
+    VENDOR_NONE = 0,
+    VENDOR_NIKON = 1,
+    VENDOR_CANON = 2,
+};
+
+// Event type codes: the first argument of every call, and the first one of SetValue.
+enum TetherType : int {
+    TETHER_GENERAL = 0,
+    TETHER_EXPOSUREMODE = 1,
+    TETHER_EXPOSUREMODE_LIST = 2,
+    TETHER_SHUTTERSPEED = 3,
+    TETHER_SHUTTERSPEED_LIST = 4,
+    TETHER_APERTURE = 5,
+    TETHER_APERTURE_LIST = 6,
+    TETHER_ISO = 7,
+    TETHER_ISO_LIST = 8,
+    TETHER_WB = 9,
+    TETHER_WB_LIST = 10,
+    TETHER_COLORTEMP = 11,
+    TETHER_COLORTEMP_LIST = 12,
+    TETHER_IMAGEQUALITY = 13,
+    TETHER_IMAGEQUALITY_LIST = 14,
+};
+
+// The key words of the texts below.
+extern const char* const TETHER_GENERAL_DEVICEBUSY;
+extern const char* const TETHER_GENERAL_NEWFILE;
+extern const char* const TETHER_GENERAL_WRITEFAIL;
+extern const char* const TETHER_NIKON_EDITABLE;
+
+// Canon's codes that a host compares with the keys it receives.
+constexpr int TETHER_CANON_COLORTEMP = 9;  // white balance "Color temperature"
+constexpr int TETHER_CANON_AUTO = 0;       // "Auto" of every table that has it
+constexpr int TETHER_CANON_BULB = 12;      // shutter speed "Bulb"
+
+// "{'GENERAL_DEVICEBUSY':1}"
+std::string deviceBusyText();
+
+// What became of a picture: "{'GENERAL_NEWFILE':r'<path>'}", nothing escaped, or, when `lastFile`
+// is kLastFileError in any letter case, "{'GENERAL_WRITEFAIL':1}".
+std::string pictureText(const std::string& lastFile);
+
+// Builds a list text entry by entry: "{16:'30',19:'25',}". The comma after the last one stays.
+class ListText
+{
+public:
+    // Appends <key>:'<text>', with nothing escaped.
+    void add(std::uint32_t key, const char* text);
+
+    // Appends <key>:<value>, with the value as a bare number.
+    void add(std::uint32_t key, std::int32_t value);
+
+    // The whole text, in braces; "{}" when nothing was added.
+    std::string text() const { return "{" + m_entries + "}"; }
+
+private:
+    std::string m_entries;
+};

@@ -1,0 +1,69 @@
+#include "TetherTexts.h"
+
+#include "Text.h"
+
+const char* const kLastFileError = "error";
+
+ExportFolder g_szExportFolder;
+LastFile g_szLastFile;
+
+namespace {
+
+thread_local std::string t_ownLastFile;
+
+}  // namespace
+
+void ExportFolder::set(const char* szExportFolder)
+{
+    char checked[kExportFolderSize];
+    boundedCopy(checked, sizeof checked, szExportFolder,
+                "the export folder is missing or longer than 255 bytes");
+
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_text = checked;
+    m_forPictures = checked;
+}
+
+void ExportFolder::clear()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_text.clear();
+}
+
+std::string ExportFolder::text() const
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_text;
+}
+
+std::string ExportFolder::forPictures() const
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_forPictures;
+}
+
+void LastFile::set(const std::string& text)
+{
+    char checked[kLastFileSize];
+    boundedCopy(checked, sizeof checked, text.c_str(),
+                "the path of a picture is longer than 259 bytes");
+    t_ownLastFile = checked;
+
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_shared = checked;
+}
+
+void LastFile::clear()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_shared.clear();
+}
+
+std::string LastFile::take()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    std::string text = t_ownLastFile.empty() ? m_shared : t_ownLastFile;
+    t_ownLastFile.clear();
+    m_shared.clear();
+    return text;
+}

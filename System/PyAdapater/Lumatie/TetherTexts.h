@@ -1,0 +1,65 @@
+// The two process-wide texts that every tether object shares: where pictures go, and which one
+// came last.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+constexpr std::size_t kExportFolderSize = 256;  // bytes, terminator included
+constexpr std::size_t kLastFileSize = 260;      // bytes, terminator included
+
+// What g_szLastFile holds instead of a path after a picture could not be written.
+extern const char* const kLastFileError;
+
+// The folder that pictures are written into, without a trailing separator. Thread-safe.
+class ExportFolder
+{
+public:
+    // Sets the folder that the host named; a null text or one of 256 bytes or more ends the
+    // process.
+    void set(const char* szExportFolder);
+
+    // Empties the text when a session ends. A picture that is still under way keeps the folder
+    // that was set before (see forPictures).
+    void clear();
+
+    // The text as it stands.
+    std::string text() const;
+
+    // The folder for a picture now: the text or, once a session's end has emptied it, what it
+    // held before. Empty when the host named no folder; then no path may be formed, for it would
+    // lie in the root folder.
+    std::string forPictures() const;
+
+private:
+    mutable std::mutex m_lock;  // guards both texts
+    std::string m_text;
+    std::string m_forPictures;
+};
+
+// The full path of the last picture, or kLastFileError. Thread-safe.
+//
+// The text is one for the process, but a download and its report are two steps of one worker
+// thread; what a thread has put here itself it therefore finds again, whatever the host or
+// another session's worker has done to the shared text in between.
+class LastFile
+{
+public:
+    // Stores the text, for the process and for the calling thread; one of 260 bytes or more ends
+    // the process.
+    void set(const std::string& text);
+
+    // Empties the shared text.
+    void clear();
+
+    // Returns the calling thread's own text or, when it has none, the shared one, and empties
+    // both: each picture is reported once.
+    std::string take();
+
+private:
+    std::mutex m_lock;  // guards the shared text
+    std::string m_shared;
+};
+
+extern ExportFolder g_szExportFolder;
+extern LastFile g_szLastFile;

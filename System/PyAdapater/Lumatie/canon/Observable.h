@@ -1,0 +1,42 @@
+// The list of observers of a camera model.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "canon/Observer.h"
+
+namespace canon {
+
+// Observers are not owned. Unless noted, operations belong to one thread at a time: the
+// session's start, then its worker.
+class Observable
+{
+public:
+    Observable() = default;
+    Observable(const Observable&) = delete;
+    Observable& operator=(const Observable&) = delete;
+    virtual ~Observable() = default;
+
+    // Adds an observer, unless it is there already.
+    void addObserver(Observer* observer);
+
+    // Takes an observer out; may be called from inside its `update`.
+    void removeObserver(Observer* observer);
+
+    // Tells every observer, the last registered first.
+    void notifyObservers(const CameraEvent& event);
+
+    // Notifies without an argument, or with a 32-bit one.
+    void notify(const char* name);
+    void notify(const char* name, std::uint32_t argument);
+
+    // From now on no observer of any model is told anything: the process is about to end and has
+    // left a worker behind. Any thread.
+    static void silenceAll();
+
+private:
+    std::vector<Observer*> m_observers;  // in the order of registration
+};
+
+}  // namespace canon

@@ -1,0 +1,87 @@
+// What the module asks of the operating system: small functions, one answer per platform in
+// windows/ and posix/, of which the build picks one folder. Nothing else names a system header.
+//
+// Texts are UTF-8. Every function is thread-safe.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+namespace platform {
+
+// Bits and the failure value of fileAttributes, as GetFileAttributes gives them.
+constexpr std::uint32_t kAttributeReadOnly = 0x1;
+constexpr std::uint32_t kAttributeDirectory = 0x10;
+constexpr std::uint32_t kAttributeArchive = 0x20;
+constexpr std::uint32_t kAttributeNormal = 0x80;
+constexpr std::uint32_t kNoAttributes = 0xFFFFFFFF;
+
+// The separator between the export folder and a picture's name.
+extern const char kPathSeparator;
+
+// The attribute bits of `path`, or kNoAttributes when nothing is there. On POSIX a regular file
+// is "archive", plus "read-only" when its owner may not write it; a folder is "directory";
+// everything else that exists is "normal". A null path names nothing.
+std::uint32_t fileAttributes(const char* path);
+
+// Deletes the file at `path`; returns whether it is gone.
+bool removeFile(const char* path);
+
+// Copies the environment variable `name` into `buffer` of `size` bytes, terminator included.
+// Returns false, with an empty buffer, when it is not set or does not fit.
+bool environmentVariable(const char* name, char* buffer, std::size_t size);
+
+// The machine-wide number "DumpMsg": nothing when the machine has no settings of ours at all, 0
+// when it has some but not this one. Windows: the registry key SOFTWARE\Zentrovik\Imagrelle of
+// HKEY_LOCAL_MACHINE. POSIX: the line "DumpMsg=<number>" of Imagrelle.conf.
+std::optional<std::uint32_t> dumpMessageSetting();
+
+// Writes one finished line to the debugger; on POSIX to standard error, in one piece.
+void debuggerOutput(const char* line);
+
+// Says on standard error that `what` was rejected, and ends the process at once: a text that is
+// missing or does not fit is never cut or skipped.
+[[noreturn]] void rejectText(const char* what);
+
+// The number of this process. A process that was split off (POSIX only) has another one, and none
+// of the threads that it had.
+unsigned long processNumber();
+
+// Blocks the calling thread for at least `milliseconds`.
+void sleepFor(unsigned milliseconds);
+
+// A recursive mutex that is fair: a waiter gets it before the releasing thread can take it again.
+class Mutex
+{
+public:
+    Mutex();
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+    ~Mutex();
+
+    // Waits without limit; returns whether the calling thread owns the mutex now.
+    bool lock();
+
+    // Gives up one level of ownership; returns false, and changes nothing, on a thread that does
+    // not own the mutex.
+    bool unlock();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+// Makes the calling thread a member of COM's multithreaded apartment while it lives; nothing on
+// POSIX. Destroyed on the thread that made it.
+class ComApartment
+{
+public:
+    ComApartment();
+    ComApartment(const ComApartment&) = delete;
+    ComApartment& operator=(const ComApartment&) = delete;
+    ~ComApartment();
+};
+
+}  // namespace platform

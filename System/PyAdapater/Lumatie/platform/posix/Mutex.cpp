@@ -1,0 +1,71 @@
+// The fair recursive mutex for POSIX: ownership is handed to the longest waiter on release.
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "platform/Platform.h"
+
+namespace platform {
+
+namespace {
+
+struct Waiter {
+    std::thread::id thread;
+    std::condition_variable granted;
+};
+
+}  // namespace
+
+struct Mutex::State {
+    std::mutex guard;  // guards the fields below; held for a few instructions only
+    std::thread::id owner;
+    unsigned depth = 0;
+    std::deque<Waiter*> waiters;  // longest first; each lives on its thread's stack
+};
+
+Mutex::Mutex() : m_state(std::make_unique<State>()) {}
+
+Mutex::~Mutex() = default;
+
+bool Mutex::lock()
+{
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> guard(m_state->guard);
+
+    if (m_state->depth == 0) {
+        m_state->owner = self;
+    } else if (m_state->owner != self) {
+        Waiter waiter{self, {}};
+        m_state->waiters.push_back(&waiter);
+        waiter.granted.wait(guard, [&] { return m_state->owner == self; });
+        return true;
+    }
+    ++m_state->depth;
+    return true;
+}
+
+bool Mutex::unlock()
+{
+    const std::lock_guard<std::mutex> guard(m_state->guard);
+    if (m_state->depth == 0 || m_state->owner != std::this_thread::get_id()) {
+        return false;
+    }
+    if (--m_state->depth > 0) {
+        return true;
+    }
+    if (m_state->waiters.empty()) {
+        m_state->owner = {};
+        return true;
+    }
+
+    // The next owner is named before anybody else can come in: that is what makes it fair.
+    Waiter* next = m_state->waiters.front();
+    m_state->waiters.pop_front();
+    m_state->owner = next->thread;
+    m_state->depth = 1;
+    next->granted.notify_one();
+    return true;
+}
+
+}  // namespace platform

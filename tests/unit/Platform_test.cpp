@@ -1,0 +1,416 @@
+// What the operating system is asked.
+#include "PythonSupport.h"
+
+#include "platform/Platform.h"
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <optional>
+
+#include "SettingsFile.h"
+#include "TestSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+class FileTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
+        m_folder = fs::temp_directory_path() / (std::string("lumatie_platform_") + test->name());
+        fs::remove_all(m_folder);
+        fs::create_directories(m_folder);
+    }
+
+    void TearDown() override { fs::remove_all(m_folder); }
+
+    std::string makeFile(const char* name = "file.md3") const
+    {
+        const fs::path path = m_folder / fs::u8path(name);
+        std::ofstream(path) << "content";
+        return path.u8string();
+    }
+
+    static std::uint32_t attributes(const std::string& path)
+    {
+        return platform::fileAttributes(path.c_str());
+    }
+
+    fs::path m_folder;
+};
+
+TEST_F(FileTest, AFileIsArchived)
+{
+    EXPECT_EQ(attributes(makeFile()), 0x20U);
+}
+
+TEST_F(FileTest, AFileThatItsOwnerMayNotWriteIsReadOnlyToo)
+{
+    const std::string path = makeFile();
+    fs::permissions(path, fs::perms::owner_read, fs::perm_options::replace);
+    EXPECT_EQ(attributes(path), 0x21U);
+}
+
+TEST_F(FileTest, AnEmptyFileIsAFile)
+{
+    const std::string path = makeFile();
+    fs::resize_file(path, 0);
+    EXPECT_EQ(attributes(path), 0x20U);
+}
+
+TEST_F(FileTest, AFolderIsADirectoryWhoeverMayWriteIt)
+{
+    EXPECT_EQ(attributes(m_folder.u8string()), 0x10U);
+    fs::permissions(m_folder, fs::perms::owner_read | fs::perms::owner_exec,
+                    fs::perm_options::replace);
+    EXPECT_EQ(attributes(m_folder.u8string()), 0x10U);
+    fs::permissions(m_folder, fs::perms::owner_all, fs::perm_options::replace);
+}
+
+TEST_F(FileTest, ADeviceIsNormal)
+{
+    EXPECT_EQ(attributes("/dev/null"), 0x80U);
+}
+
+TEST_F(FileTest, WhereNothingIsThereAreNoAttributes)
+{
+    EXPECT_EQ(attributes((m_folder / "nothing").u8string()), 0xFFFFFFFFU);
+    EXPECT_EQ(attributes(makeFile() + "/below"), 0xFFFFFFFFU);
+    EXPECT_EQ(attributes("Virtual EOS"), 0xFFFFFFFFU);
+    EXPECT_EQ(attributes(""), 0xFFFFFFFFU);
+    EXPECT_EQ(platform::fileAttributes(nullptr), 0xFFFFFFFFU);
+}
+
+TEST_F(FileTest, ALinkIsWhatItPointsTo)
+{
+    fs::create_symlink(makeFile(), m_folder / "link");
+    EXPECT_EQ(attributes((m_folder / "link").u8string()), 0x20U);
+    fs::create_symlink(m_folder / "nothing", m_folder / "broken");
+    EXPECT_EQ(attributes((m_folder / "broken").u8string()), 0xFFFFFFFFU);
+}
+
+TEST_F(FileTest, NamesAreUtf8)
+{
+    const std::string path = makeFile("\xC3\xBC \xE5\x86\x99\xE7\x9C\x9F.md3");
+    EXPECT_EQ(attributes(path), 0x20U);
+    EXPECT_TRUE(platform::removeFile(path.c_str()));
+    EXPECT_EQ(attributes(path), 0xFFFFFFFFU);
+}
+
+TEST_F(FileTest, ARemovedFileIsGoneAndCanBeRemovedAgain)
+{
+    const std::string path = makeFile();
+    EXPECT_TRUE(platform::removeFile(path.c_str()));
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_TRUE(platform::removeFile(path.c_str()));
+}
+
+TEST_F(FileTest, AFolderIsNotRemoved)
+{
+    EXPECT_FALSE(platform::removeFile(m_folder.u8string().c_str()));
+    EXPECT_TRUE(fs::exists(m_folder));
+}
+
+// The environment.
+
+// The variable as it is read into `Size` bytes; nothing when that failed, which has to leave an
+// empty buffer.
+template <std::size_t Size>
+std::optional<std::string> environment(const char* name)
+{
+    std::array<char, Size> buffer;
+    buffer.fill('x');
+    if (platform::environmentVariable(name, buffer.data(), buffer.size())) {
+        return buffer.data();
+    }
+    EXPECT_EQ(buffer[0], '\0');
+    return std::nullopt;
+}
+
+class EnvironmentTest : public testing::Test
+{
+protected:
+    // By way of Python, which knows how on every system.
+    static void set(const std::string& value)
+    {
+        const InterpreterLock lock;
+        runPython("import os\nos.environ['lumatie test variable'] = '" + value + "'\n");
+    }
+
+    void TearDown() override
+    {
+        const InterpreterLock lock;
+        runPython("import os\nos.environ.pop('lumatie test variable', None)\n");
+    }
+
+    const char* const m_name = "lumatie test variable";
+};
+
+TEST_F(EnvironmentTest, AVariableThatFitsIsCopied)
+{
+    set("abc");
+    EXPECT_EQ(environment<64>(m_name), "abc");
+    EXPECT_EQ(environment<4>(m_name), "abc");
+}
+
+TEST_F(EnvironmentTest, AVariableThatDoesNotFitIsNone)
+{
+    set("abc");
+    EXPECT_EQ(environment<3>(m_name), std::nullopt);
+    EXPECT_EQ(environment<1>(m_name), std::nullopt);
+}
+
+TEST_F(EnvironmentTest, AVariableThatIsNotSetIsNone)
+{
+    EXPECT_EQ(environment<64>(m_name), std::nullopt);
+}
+
+// The settings.
+
+class SettingsTest : public testing::Test
+{
+protected:
+    std::optional<std::uint32_t> read(const std::string& text) const
+    {
+        m_settings.write(text);
+        return platform::dumpMessageSetting();
+    }
+
+    SettingsFile m_settings;
+};
+
+TEST_F(SettingsTest, WithoutAFileThereAreNone)
+{
+    EXPECT_EQ(platform::dumpMessageSetting(), std::nullopt);
+}
+
+TEST_F(SettingsTest, TheNumberIsRead)
+{
+    EXPECT_EQ(read("DumpMsg=1\n"), 1U);
+    EXPECT_EQ(read("DumpMsg=0\n"), 0U);
+    EXPECT_EQ(read("DumpMsg=4294967295\n"), 0xFFFFFFFFU);
+    EXPECT_EQ(read("DumpMsg=007"), 7U);
+}
+
+TEST_F(SettingsTest, TheLineMayBeAnywhereAndEndInBlanksOrACarriageReturn)
+{
+    EXPECT_EQ(read("# DumpMsg=1\nOther=2\n\nDumpMsg=3 \t\r\nDumpMsg=4\n"), 3U);
+}
+
+TEST_F(SettingsTest, WithoutTheLineTheNumberIsZero)
+{
+    EXPECT_EQ(read(""), 0U);
+    EXPECT_EQ(read("Other=1\n"), 0U);
+    EXPECT_EQ(read("DumpMsg\nDumpMessage=1\n"), 0U);
+}
+
+TEST_F(SettingsTest, WhatIsNoUnsignedNumberOf32BitsIsZero)
+{
+    for (const char* value : {"", "on", "-1", "0x1", "1.5", "4294967296", "99999999999999999999"}) {
+        EXPECT_EQ(read(std::string("DumpMsg=") + value + "\n"), 0U) << value;
+    }
+}
+
+// Output, time.
+
+TEST(PlatformTest, ALineForTheDebuggerGoesToStandardErrorAsItIs)
+{
+    testing::internal::CaptureStderr();
+    platform::debuggerOutput("100%s \xFF\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "100%s \xFF\n");
+}
+
+TEST(PlatformTest, ARejectedTextEndsTheProcessWithoutRunningExitFunctions)
+{
+    const auto act = [] {
+        std::atexit([] { std::_Exit(9); });
+        platform::rejectText("this");
+    };
+    EXPECT_EXIT(act(), testing::ExitedWithCode(3),
+                testing::Eq("Lumatie: this; the process ends.\n"));
+}
+
+TEST(PlatformTest, SleepsAtLeastAsLongAsAsked)
+{
+    for (const unsigned milliseconds : {0U, 1U, 20U, 1001U}) {
+        const auto begin = Clock::now();
+        platform::sleepFor(milliseconds);
+        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(milliseconds));
+    }
+}
+
+TEST(PlatformTest, AComApartmentMayBeMadeOnAnyThreadAndTwice)
+{
+    std::thread([] {
+        const platform::ComApartment outer;
+        const platform::ComApartment inner;
+    }).join();
+}
+
+// The mutex.
+
+TEST(Mutex, IsGivenUpAsOftenAsItWasTaken)
+{
+    platform::Mutex mutex;
+    EXPECT_TRUE(mutex.lock());
+    EXPECT_TRUE(mutex.lock());
+    EXPECT_TRUE(mutex.unlock());
+    EXPECT_TRUE(mutex.unlock());
+    EXPECT_FALSE(mutex.unlock());
+}
+
+TEST(Mutex, ThatIsFreeCannotBeGivenUp)
+{
+    platform::Mutex mutex;
+    EXPECT_FALSE(mutex.unlock());
+    EXPECT_TRUE(mutex.lock());
+    EXPECT_TRUE(mutex.unlock());
+}
+
+TEST(Mutex, StaysItsOwnersWhenAnotherThreadGivesItUp)
+{
+    platform::Mutex mutex;
+    mutex.lock();
+    EXPECT_FALSE(std::async(std::launch::async, [&] { return mutex.unlock(); }).get());
+    EXPECT_TRUE(mutex.unlock());
+}
+
+TEST(Mutex, KeepsOthersOutUntilItsLastLevelIsGivenUp)
+{
+    platform::Mutex mutex;
+    std::atomic<bool> entered{false};
+    mutex.lock();
+    mutex.lock();
+    std::future<void> other = std::async(std::launch::async, [&] {
+        mutex.lock();
+        entered = true;
+        mutex.unlock();
+    });
+    mutex.unlock();
+    // Nothing says that the other one waits by now; were it let in, it would mostly show.
+    EXPECT_EQ(other.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    EXPECT_FALSE(entered);
+    mutex.unlock();
+    other.get();
+    EXPECT_TRUE(entered);
+}
+
+TEST(Mutex, LetsOneThreadInAtATime)
+{
+    platform::Mutex mutex;
+    int count = 0;  // unguarded but for the mutex
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i) {
+                mutex.lock();
+                ++count;
+                mutex.unlock();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(count, 4000);
+}
+
+TEST(Mutex, DoesNotStarveAThreadBesideOneThatSleepsWhileItHoldsIt)
+{
+    platform::Mutex mutex;
+    std::atomic<bool> arriving{false};
+    std::atomic<bool> entered{false};
+    mutex.lock();
+    std::thread poster([&] {
+        arriving = true;
+        mutex.lock();
+        entered = true;
+        mutex.unlock();
+    });
+    EXPECT_TRUE(waitFor([&] { return arriving.load(); }));
+    int rounds = 0;
+    for (; !entered && rounds < 100; ++rounds) {
+        platform::sleepFor(10);
+        mutex.unlock();
+        mutex.lock();
+    }
+    mutex.unlock();
+    poster.join();
+    // One round once the poster waits; the rest is for a busy machine to bring it there.
+    EXPECT_LT(rounds, 50);
+}
+
+TEST(Mutex, IsTakenInTurnsByThreadsThatNeverRest)
+{
+    constexpr int kTurns = 120;
+    platform::Mutex mutex;
+    int turns = 0;
+    std::array<int, 3> turnsOf = {};
+    std::vector<std::thread> threads;
+    for (int& own : turnsOf) {
+        threads.emplace_back([&] {
+            for (bool more = true; more;) {
+                mutex.lock();
+                platform::sleepFor(1);
+                more = turns < kTurns;
+                turns += more ? 1 : 0;
+                own += more ? 1 : 0;
+                mutex.unlock();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const int own : turnsOf) {
+        EXPECT_GE(own, kTurns / 6);
+    }
+}
+
+// The order in which threads get the mutex that asked for it one after the other, `pause` apart.
+std::vector<int> orderOfEntry(unsigned pause)
+{
+    platform::Mutex mutex;
+    std::vector<int> order;
+    std::vector<std::thread> threads;
+    mutex.lock();
+    for (int number = 0; number < 5; ++number) {
+        std::atomic<bool> arriving{false};
+        threads.emplace_back([&mutex, &order, &arriving, number] {
+            arriving = true;
+            mutex.lock();
+            order.push_back(number);
+            mutex.unlock();
+        });
+        EXPECT_TRUE(waitFor([&] { return arriving.load(); }));
+        platform::sleepFor(pause);
+    }
+    mutex.unlock();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return order;
+}
+
+TEST(Mutex, GoesToTheOneThatHasWaitedLongest)
+{
+    // Nothing tells when a thread has begun to wait: a busy machine gets more time.
+    std::vector<int> order;
+    for (const unsigned pause : {5U, 20U, 80U, 320U}) {
+        order = orderOfEntry(pause);
+        if (order == std::vector<int>{0, 1, 2, 3, 4}) {
+            break;
+        }
+    }
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+}  // namespace

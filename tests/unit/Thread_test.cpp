@@ -1,0 +1,106 @@
+// The worker thread.
+#include "canon/Thread.h"
+
+#include <atomic>
+#include <future>
+#include <memory>
+
+#include "TestSupport.h"
+
+namespace {
+
+// Runs until it is let go.
+class GatedThread : public canon::Thread
+{
+public:
+    void run() override
+    {
+        m_entered.set_value();
+        m_open.wait();
+        if (m_atEnd) {
+            m_atEnd();
+        }
+    }
+
+    void awaitEntry() { m_entered.get_future().wait(); }
+    void letGo() { m_gate.set_value(); }
+
+    std::function<void()> m_atEnd;
+
+private:
+    std::promise<void> m_entered;
+    std::promise<void> m_gate;
+    std::shared_future<void> m_open = m_gate.get_future().share();
+};
+
+TEST(Thread, IsAliveWhileItRuns)
+{
+    GatedThread thread;
+    EXPECT_FALSE(thread.isAlive());
+    ASSERT_TRUE(thread.start());
+    thread.awaitEntry();
+    EXPECT_TRUE(thread.isAlive());
+    thread.letGo();
+    thread.join();
+    EXPECT_FALSE(thread.isAlive());
+}
+
+TEST(Thread, KnowsTheThreadThatItRunsOn)
+{
+    GatedThread thread;
+    EXPECT_FALSE(thread.runsOn(std::this_thread::get_id()));
+    std::atomic<bool> runsOnItself{false};
+    thread.m_atEnd = [&] { runsOnItself = thread.runsOn(std::this_thread::get_id()); };
+    thread.start();
+    thread.letGo();
+    thread.join();
+    EXPECT_TRUE(runsOnItself);
+    EXPECT_FALSE(thread.runsOn(std::this_thread::get_id()));
+}
+
+TEST(Thread, IsJoinedAtOnceWhenItWasNeverStarted)
+{
+    GatedThread thread;
+    thread.join();
+    thread.letGo();
+}
+
+TEST(Thread, IsJoinedAtOnceTheSecondTime)
+{
+    GatedThread thread;
+    thread.start();
+    thread.letGo();
+    thread.join();
+    thread.join();
+    EXPECT_FALSE(thread.isAlive());
+}
+
+TEST(Thread, DoesNotWaitForItself)
+{
+    GatedThread thread;
+    thread.m_atEnd = [&] { thread.join(); };
+    thread.start();
+    thread.letGo();
+    thread.join();
+    EXPECT_FALSE(thread.isAlive());
+}
+
+TEST(Thread, SaysItsFarewellAfterItsRunAndMayBeDestroyedByIt)
+{
+    auto thread = std::make_unique<GatedThread>();
+    GatedThread& running = *thread;
+    const auto aliveAtFarewell = std::make_shared<std::promise<bool>>();
+    running.m_atEnd = [&] {
+        running.endWith([&thread, aliveAtFarewell] {
+            const bool alive = thread->isAlive();
+            thread.reset();
+            aliveAtFarewell->set_value(alive);
+        });
+    };
+    running.start();
+    running.letGo();
+    EXPECT_FALSE(aliveAtFarewell->get_future().get());
+    EXPECT_EQ(thread, nullptr);
+}
+
+}  // namespace
