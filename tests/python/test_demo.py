@@ -1,0 +1,426 @@
+"""The example host: what it prints, what it leaves behind, and how it ends."""
+
+import importlib.util
+import os
+import pathlib
+import random
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+from concurrent import futures
+from unittest import mock
+
+from support import DEADLINE, PYTHON_DIR, REPOSITORY, HostRun, Lumatie, run_host, wait_until
+
+DEMO = REPOSITORY / "host" / "tether_demo.py"
+
+# Bounds for one end after Ctrl-C: a part of a picture may have to be waited for.
+END_BOUND = 8.0
+
+JPEG_START = b"\xff\xd8\xff"
+RAW_START = b"II*\0"
+
+
+def load_demo():
+    """The demo as a module, for its functions."""
+    spec = importlib.util.spec_from_file_location("tether_demo", str(DEMO))
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+demo = load_demo()
+
+
+class DemoProcess:
+    """One run of the demo with a virtual camera of the given settings."""
+
+    def __init__(self, base, settings, arguments):
+        self.log_path = pathlib.Path(base, "camera.log")
+        configuration = pathlib.Path(base, "camera.txt")
+        configuration.write_text(settings)
+        environment = dict(
+            os.environ,
+            PYTHONPATH=str(PYTHON_DIR),
+            PYTHONIOENCODING="utf-8",
+            PYTHONDONTWRITEBYTECODE="1",
+            TMPDIR=str(base),
+            LUMATIE_VIRTUAL_CANON=str(configuration),
+            LUMATIE_VIRTUAL_LOG=str(self.log_path),
+        )
+        self._process = subprocess.Popen(
+            [sys.executable, str(DEMO)] + list(arguments),
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            env=environment,
+        )
+
+    def read_until(self, start):
+        """Reads the output up to the line that starts so."""
+        line = None
+        while line is None or not line.startswith(start):
+            line = self._process.stdout.readline().decode()
+            if not line:
+                raise AssertionError("no line %r: %r" % (start, self.finish()))
+
+    def interrupt(self):
+        self._process.send_signal(signal.SIGINT)
+
+    def log(self):
+        """The virtual camera's log so far."""
+        return self.log_path.read_text() if self.log_path.exists() else ""
+
+    def wait_for_log(self, fragment):
+        wait_until(lambda: fragment in self.log(), fragment + " in the log")
+
+    def finish(self, deadline=DEADLINE):
+        """Waits for the end; the output that was read before is missing in the result."""
+        try:
+            written = self._process.communicate(timeout=deadline)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            written = self._process.communicate()
+            raise AssertionError("the demo did not end: %r" % (written,)) from None
+        return HostRun(self._process.returncode, written[0].decode(), written[1].decode())
+
+
+class DemoTestCase(unittest.TestCase):
+    def setUp(self):
+        base = tempfile.TemporaryDirectory(prefix="lumatie-demo-")
+        self.addCleanup(base.cleanup)
+        self.base = os.path.realpath(base.name)
+        self.folder = self.make_folder("pictures")
+
+    def make_folder(self, name):
+        folder = os.path.join(self.base, name)
+        os.mkdir(folder)
+        return folder
+
+    def start(self, *arguments, settings="", base=None, folder=None):
+        base = self.base if base is None else base
+        folder = self.folder if folder is None else folder
+        return DemoProcess(base, settings, ("--folder", folder) + arguments)
+
+    def run_demo(self, *arguments, **options):
+        """Runs the demo to its end; returns what it wrote, and what the camera saw."""
+        process = self.start(*arguments, **options)
+        return process.finish(), process.log()
+
+    def run_impatiently(self, settings, patience):
+        """Runs the demo with one of its patiences cut to 0.3 seconds."""
+        configuration = pathlib.Path(self.base, "camera.txt")
+        configuration.write_text(settings)
+        script = """
+            import sys
+            sys.path.insert(0, {!r})
+            import tether_demo
+            tether_demo.{} = 0.3
+            sys.argv = ["tether_demo.py", "--folder", {!r}]
+            sys.exit(tether_demo.main())
+        """
+        return run_host(
+            script.format(str(DEMO.parent), patience, self.folder),
+            environment={"LUMATIE_VIRTUAL_CANON": configuration},
+        )
+
+    def pictures(self, folder=None):
+        folder = pathlib.Path(self.folder if folder is None else folder)
+        return [path.read_bytes() for path in sorted(folder.iterdir())]
+
+    def assert_session_ended(self, log):
+        """The library was terminated, and the camera's session, if one was opened, closed."""
+        self.assertIn("EdsTerminateSDK() = 0x0", log)
+        self.assertNotIn("MISUSE", log)
+
+    def assert_fails(self, run, message):
+        self.assertEqual(run.status, 1, run)
+        self.assertIn("error: " + message, run.stderr)
+        self.assertNotIn("Traceback", run.stderr)
+        self.assertEqual(len(run.stderr.splitlines()), 1, run.stderr)
+
+
+class ShootingTest(DemoTestCase):
+    def test_five_pictures_are_taken_and_verified(self):
+        run, log = self.run_demo()
+        self.assertEqual((run.status, run.stderr), (0, ""))
+        pictures = self.pictures()
+        self.assertEqual([data[:3] for data in pictures], [JPEG_START] * 5)
+        self.assertEqual(len(re.findall(r"^  picture \d .*\(JPEG, ", run.stdout, re.M)), 5)
+        self.assertTrue(run.stdout.endswith("5 files are in %s\n" % self.folder), run.stdout)
+        self.assert_session_ended(log)
+
+    def test_five_settings_are_changed(self):
+        run, log = self.run_demo("--shots", "1")
+        self.assertEqual(run.status, 0, run)
+        for changed in ("0x406", "0x405", "0x402", "0x106", "0x107"):
+            self.assertRegex(log, r"EdsSetPropertyData\(camera#\d+, %s, .* = 0x0" % changed)
+        before, after = run.stdout.split("Changing settings:")
+        self.assertRegex(before, r"(?m)^  shutter speed +1/125$")
+        self.assertRegex(before, r"(?m)^  shutter speed +55 choices: 30, 25, 20, ..., 1/8000$")
+        self.assertRegex(after, r"(?m)^  shutter speed +1/250$")
+        self.assertRegex(after, r"(?m)^  colour temperature +5600$")
+
+    def test_a_setting_that_is_as_wanted_is_left_alone(self):
+        run, log = self.run_demo("--shots", "1", settings="property.0x406 = 0x78")
+        self.assertEqual(run.status, 0, run)
+        self.assertNotRegex(log, r"EdsSetPropertyData\(camera#\d+, 0x406")
+
+    def test_a_wish_that_the_camera_lacks_is_replaced_by_the_middle_of_its_list(self):
+        run, _ = self.run_demo("--shots", "1", settings="allowed.0x406 = 0x70 0x60 0x68")
+        self.assertEqual(run.status, 0, run)
+        self.assertRegex(run.stdout, r"Changing settings:\n  shutter speed +1/30\n")
+
+    def test_without_a_folder_a_new_temporary_one_is_named(self):
+        process = DemoProcess(self.base, "", ("--shots", "1"))
+        run = process.finish()
+        self.assertEqual(run.status, 0, run)
+        folder = re.search(r"^Pictures: (.*)$", run.stdout, re.M).group(1)
+        self.assertEqual(os.path.dirname(folder), self.base)
+        self.assertEqual(len(self.pictures(folder)), 1)
+
+    def test_another_camera_is_found_by_its_name(self):
+        run, _ = self.run_demo("--camera", "other eos", settings="camera.name = Other EOS")
+        self.assertEqual((run.status, len(self.pictures())), (0, 5), run)
+
+    def test_raw_and_jpeg_make_two_files_a_picture(self):
+        run, _ = self.run_demo("--shots", "2", settings="property.0x100 = 0x00640013")
+        self.assertEqual(run.status, 0, run)
+        starts = sorted(data[:3] for data in self.pictures())
+        self.assertEqual(starts, [RAW_START[:3]] * 2 + [JPEG_START] * 2)
+
+    def test_settings_that_the_camera_chooses_itself_are_left_alone(self):
+        for mode in ("0", "9"):
+            with self.subTest(mode=mode):
+                run, log = self.run_demo("--shots", "1", settings="property.0x436 = " + mode)
+                self.assertEqual(run.status, 0, run)
+                self.assertIn("is the camera's own choice", run.stdout)
+                self.assertNotRegex(log, r"EdsSetPropertyData\(camera#\d+, 0x40[56]")
+
+    def test_a_busy_camera_is_waited_for(self):
+        settings = "fault = EdsSetPropertyData code=0x81 property=0x406 calls=2"
+        run, _ = self.run_demo("--shots", "1", settings=settings)
+        self.assertEqual(run.status, 0, run)
+
+    def test_a_camera_that_says_it_is_busy_with_something_else_is_waited_for(self):
+        settings = "fault = EdsOpenSession code=0xC0"
+        run, _ = self.run_demo("--shots", "1", settings=settings)
+        self.assertEqual(run.status, 0, run)
+        self.assertRegex(run.stdout, r"(?m)^  camera +busy$")
+
+    def test_a_folder_with_quotes_or_a_separator_at_its_end_works(self):
+        for name in ("it's mine", "a' 'b", "'}", 'say "hi"', "ü 写真", "with/"):
+            with self.subTest(name=name):
+                folder = os.path.join(self.base, name)
+                os.mkdir(folder)
+                run, _ = self.run_demo("--shots", "1", folder=folder)
+                self.assertEqual((run.status, run.stderr), (0, ""))
+                self.assertEqual(len(self.pictures(folder)), 1)
+
+
+class FailureTest(DemoTestCase):
+    def test_an_unknown_camera_is_named(self):
+        run, log = self.run_demo("--camera", "Nobody's Camera")
+        self.assert_fails(run, 'no camera "Nobody\'s Camera" was found')
+        self.assert_session_ended(log)
+
+    def test_a_driver_module_is_refused_with_its_own_message(self):
+        run, _ = self.run_demo("--camera", str(DEMO))
+        self.assert_fails(run, '"%s" is a file: driver modules are not' % DEMO)
+
+    def test_a_folder_that_is_none_is_refused_before_the_start(self):
+        file = os.path.join(self.base, "file")
+        pathlib.Path(file).touch()
+        for folder in (os.path.join(self.base, "missing"), file, ""):
+            with self.subTest(folder=folder):
+                run, log = self.run_demo(folder=folder)
+                self.assert_fails(run, "there is no folder " + folder)
+                self.assertEqual(log, "")
+
+    def test_a_folder_that_may_not_be_written_is_refused(self):
+        refused = self.assertRaisesRegex(demo.Failure, "is not writable")
+        with mock.patch("os.access", return_value=False), refused:
+            demo.check_folder(self.folder)
+
+    def test_the_root_folder_is_refused(self):
+        refused = self.assertRaisesRegex(demo.Failure, "root folder")
+        with mock.patch("os.access", return_value=True), refused:
+            demo.check_folder("/")
+
+    def test_a_folder_name_that_is_not_utf_8_is_refused(self):
+        folder = self.make_folder("\udcff")
+        with self.assertRaisesRegex(demo.Failure, "not valid UTF-8"):
+            demo.check_folder(folder)
+
+    def test_the_longest_folder_works_and_a_longer_one_is_refused(self):
+        longest = 255 - len("/Canon_1700000000_2147483647.JPG")
+        folder = self.make_folder("x" * (longest - len(self.base) - 1))
+        run, _ = self.run_demo(folder=folder)
+        self.assertEqual((run.status, len(self.pictures(folder))), (0, 5), run)
+        os.rename(folder, folder + "x")
+        run, _ = self.run_demo(folder=folder + "x")
+        self.assert_fails(run, "the folder's path is too long by 1 bytes: ")
+        self.assertNotIn("The camera reports", run.stdout)
+
+    def test_a_folder_that_vanishes_is_noticed_by_the_missing_picture(self):
+        process = self.start(settings="shutter.lag_ms = 300")
+        process.read_until("Shooting:")
+        shutil.rmtree(self.folder)
+        run = process.finish()
+        self.assert_fails(run, os.path.join(self.folder, "Canon_"))
+        self.assertIn("was announced but is not there: No such file", run.stderr)
+        self.assert_session_ended(process.log())
+
+    def test_a_write_failure_is_reported(self):
+        for settings in (
+            "download.disk_full_after = 1000",
+            "fault = EdsDownload unplug percent=50",
+        ):
+            with self.subTest(settings=settings):
+                run, log = self.run_demo(settings=settings)
+                self.assert_fails(run, "the module could not write a picture")
+                self.assertEqual(self.pictures(), [])
+                self.assert_session_ended(log)
+
+    def test_a_picture_that_does_not_arrive_is_reported(self):
+        run = self.run_impatiently("event = 0x208 lose", "PICTURE_PATIENCE")
+        self.assert_fails(run, "picture 1 did not arrive within 0.3 seconds")
+
+    def test_a_session_that_does_not_open_is_reported(self):
+        run = self.run_impatiently("fault = EdsOpenSession code=0x80 calls=0", "START_PATIENCE")
+        self.assert_fails(run, 'the camera "Virtual EOS" did not report its settings within')
+
+    def test_a_setting_that_is_refused_is_reported(self):
+        rule = "fault = EdsSetPropertyData code=0x60 property=0x405 calls=0"
+        run = self.run_impatiently(rule, "CHANGE_PATIENCE")
+        self.assert_fails(run, "the camera did not change its aperture within 0.3 seconds")
+
+    def test_arguments_that_make_no_sense_are_a_usage_error(self):
+        for arguments in (("--shots", "0"), ("--shots", "x"), ("--camera", b"\xff")):
+            with self.subTest(arguments=arguments):
+                run, _ = self.run_demo(*arguments)
+                self.assertEqual(run.status, 2, run)
+                self.assertNotIn("Traceback", run.stderr)
+
+    def test_a_picture_that_is_still_being_written_is_refused(self):
+        path = os.path.join(self.folder, "picture")
+        pathlib.Path(path).write_bytes(JPEG_START)
+        still = self.assertRaisesRegex(demo.Failure, "is still being written")
+        with mock.patch("os.path.getsize", return_value=4), still:
+            demo.check_picture(path)
+
+    def test_a_file_that_is_no_picture_is_refused(self):
+        path = os.path.join(self.folder, "text")
+        pathlib.Path(path).write_text("no picture")
+        with self.assertRaisesRegex(demo.Failure, "neither a JPEG nor a TIFF file"):
+            demo.check_picture(path)
+
+
+class InterruptTest(DemoTestCase):
+    # Slow enough that Ctrl-C always comes before the end, in whatever the demo is doing.
+    SLOW = """
+        shutter.lag_ms = 150
+        picture.size = 1000000
+        download.rate = 4
+        fault = EdsSetPropertyData delay_ms=30 calls=0
+    """
+
+    def assert_interrupted(self, process, sent):
+        run = process.finish()
+        took = time.monotonic() - sent
+        self.assertEqual((run.status, run.stderr), (130, "Interrupted.\n"), run)
+        self.assertIn("The session has ended.\n", run.stdout)
+        self.assertLess(took, END_BOUND)
+        self.assert_session_ended(process.log())
+
+    def interrupt_after(self, delay):
+        base = tempfile.mkdtemp(dir=self.base)
+        process = self.start("--shots", "100", settings=self.SLOW, base=base)
+        process.read_until("Camera:")
+        time.sleep(delay)
+        process.interrupt()
+        self.assert_interrupted(process, time.monotonic())
+
+    def test_ctrl_c_at_any_moment_ends_the_session(self):
+        delays = [random.uniform(0, 1.5) for _ in range(12)]
+        with futures.ThreadPoolExecutor(4) as pool:
+            for delay, end in [
+                (delay, pool.submit(self.interrupt_after, delay)) for delay in delays
+            ]:
+                with self.subTest(delay=delay):
+                    end.result()
+
+    def interrupt_at(self, fragment, settings):
+        process = self.start(settings=settings)
+        process.wait_for_log(fragment)
+        process.interrupt()
+        self.assert_interrupted(process, time.monotonic())
+
+    def test_ctrl_c_inside_the_start_ends_the_session(self):
+        self.interrupt_at("EdsGetCameraList", "fault = EdsGetChildCount delay_ms=500")
+
+    def test_ctrl_c_while_the_session_does_not_open_ends_the_session(self):
+        self.interrupt_at("EdsOpenSession", "fault = EdsOpenSession code=0x80 calls=0")
+
+    def test_ctrl_c_inside_a_download_ends_the_session(self):
+        settings = "picture.size = 1000000\ndownload.rate = 2"
+        self.interrupt_at("EdsSetProgressCallback", settings)
+
+    def test_ctrl_c_inside_the_end_ends_the_session(self):
+        process = self.start("--shots", "1", settings="fault = EdsTerminateSDK delay_ms=500")
+        process.wait_for_log("EdsCloseSession")
+        process.interrupt()
+        self.assert_interrupted(process, time.monotonic())
+
+    def test_a_second_ctrl_c_changes_nothing(self):
+        process = self.start(settings="fault = EdsTerminateSDK delay_ms=500")
+        process.wait_for_log("EdsOpenSession")
+        process.interrupt()
+        process.wait_for_log("EdsCloseSession")
+        process.interrupt()
+        self.assert_interrupted(process, time.monotonic())
+
+
+class StatusTextTest(unittest.TestCase):
+    def test_a_path_is_taken_as_it_stands(self):
+        for path in ("/a/Canon_1_2.JPG", "/it's/x.JPG", "/a' 'b/x.JPG", "/'}/x.JPG", "/a\nb/x"):
+            with self.subTest(path=path):
+                text = "{'GENERAL_NEWFILE':r'" + path + "'}"
+                self.assertEqual(demo.status_of(text), ("GENERAL_NEWFILE", path))
+
+    def test_the_other_texts_carry_a_1(self):
+        for word in ("GENERAL_WRITEFAIL", "GENERAL_DEVICEBUSY"):
+            self.assertEqual(demo.status_of("{'%s':1}" % word), (word, 1))
+
+
+class ReadmeTest(unittest.TestCase):
+    def setUp(self):
+        self.text = (REPOSITORY / "README.md").read_text(encoding="utf-8")
+
+    def test_the_example_runs_as_it_stands(self):
+        example = re.search(r"^```python\n(.*?)^```$", self.text, re.M | re.S).group(1)
+        self.assertLessEqual(len(example.splitlines()), 25)
+        with tempfile.TemporaryDirectory(prefix="lumatie-readme-") as folder:
+            run = run_host(example, environment={"TMPDIR": folder})
+            self.assertEqual((run.status, run.stderr), (0, ""))
+            path = re.search(r"^new picture: (.*)$", run.stdout, re.M).group(1)
+            self.assertEqual(pathlib.Path(path).read_bytes()[:3], JPEG_START)
+
+    def test_the_table_of_events_names_every_code(self):
+        found = re.findall(r"^\| (\d+) \| `(TETHER_\w+)`", self.text, re.M)
+        rows = {name: int(code) for code, name in found}
+        codes = {
+            name: value
+            for name, value in vars(Lumatie).items()
+            if name.startswith("TETHER_") and isinstance(value, int) and "CANON" not in name
+        }
+        self.assertEqual(rows, codes)
+
+
+if __name__ == "__main__":
+    unittest.main()

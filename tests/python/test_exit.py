@@ -1,0 +1,814 @@
+"""The interpreter's end with a live session: the process ends by itself, with the status it wants.
+
+Each test runs small hosts in processes of their own, most of them many times. A host must end
+before its deadline, with the exit status that the host asked for and with nothing on standard error
+but what the host itself put there: no fatal error, no crash.
+"""
+
+import concurrent.futures
+import os
+import signal
+import tempfile
+import time
+import unittest
+
+from support import VIRTUAL_DIR, run_host
+
+REPEATS = 20
+AT_ONCE = 4  # hosts that run at the same time
+QUICK = 30.0  # seconds; a quick end takes a tenth of one, unless the machine is busy
+PATIENCE = 10.0  # seconds that the module waits for a session that gives no sign of life
+
+PRELUDE = """
+import atexit, ctypes, gc, os, signal, sys, threading, time
+{before_import}
+import Lumatie
+
+folder = sys.argv[1]
+camera = ctypes.CDLL(sys.argv[2])
+called = threading.Event()
+
+def hear(*arguments):
+    called.set()
+
+def wait(event):
+    if not event.wait(20):
+        os._exit(99)
+
+def wait_for_call(function):
+    if not camera.VirtualCameraWaitForCalls(function, 1, 20000):
+        os._exit(98)
+
+def wait_for_hang(function):
+    if not camera.VirtualCameraWaitForHang(function, 20000):
+        os._exit(97)
+
+def configure(text):
+    assert camera.VirtualCameraConfigure(text) == 0
+
+def start(callback=hear, tether=None):
+    tether = tether or Lumatie.Lumatie()
+    assert tether.Init("Virtual EOS", folder, callback) == 1
+    return tether
+
+def uninit_on_daemon_thread(tether):
+    # Returns when Uninit has begun: nobody takes the interpreter lock from the thread before.
+    sys.setswitchinterval(100)
+    begun = threading.Event()
+
+    def end():
+        begun.set()
+        tether.Uninit()
+
+    threading.Thread(target=end, daemon=True).start()
+    wait(begun)
+
+"""
+
+# Makes the interpreter's taking down last a second, in which other threads may run.
+SLOW_TAKING_DOWN = """
+class Slow:
+    def __del__(self, sleep=time.sleep):
+        sleep(1)
+
+sys.slow = Slow()
+"""
+
+
+class End:
+    """How one host ended: `status`, `stdout`, `stderr`, `seconds`, `files` and the call `log`."""
+
+    def __init__(self, script, before_import, deadline):
+        with tempfile.TemporaryDirectory(prefix="lumatie-exit-") as base:
+            folder, log = os.path.join(base, "export"), os.path.join(base, "log")
+            os.mkdir(folder)
+            begun = time.monotonic()
+            run = run_host(
+                PRELUDE.format(before_import=before_import) + script,
+                deadline,
+                environment={"LUMATIE_VIRTUAL_LOG": log},
+                arguments=(folder, VIRTUAL_DIR / "libEDSDK.so"),
+            )
+            self.seconds = time.monotonic() - begun
+            self.status, self.stdout, self.stderr = run
+            self.files = {
+                name: os.path.getsize(os.path.join(folder, name)) for name in os.listdir(folder)
+            }
+            self.log = ""
+            if os.path.exists(log):
+                with open(log, encoding="utf-8", errors="replace") as file:
+                    self.log = file.read()
+
+
+def run_often(script, before_import="", repeats=REPEATS, at_once=AT_ONCE, deadline=QUICK):
+    """Runs the host `repeats` times; returns how each run ended."""
+    with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
+        runs = [pool.submit(End, script, before_import, deadline) for _ in range(repeats)]
+        return [run.result() for run in runs]
+
+
+class ExitTestCase(unittest.TestCase):
+    """Runs hosts and states how they end."""
+
+    def assert_ends(self, script, status=0, stderr="", **how):
+        """Each run of the script ends with this status, and with `stderr` in what it prints."""
+        ends = run_often(script, **how)
+        for end in ends:
+            self.assertEqual(end.status, status, end.stderr)
+            if stderr:
+                self.assertIn(stderr, end.stderr)
+                self.assertNotIn("Fatal", end.stderr)
+            else:
+                self.assertEqual(end.stderr, "")
+        return ends
+
+    def assert_closed(self, ends):
+        """In each run the camera's session was closed and the library terminated, once."""
+        for end in ends:
+            self.assertEqual(end.log.count(" EdsCloseSession("), 1, end.log)
+            self.assertEqual(end.log.count(" EdsTerminateSDK("), 1, end.log)
+
+
+class QuickEnds(ExitTestCase):
+    """States in which nothing keeps the session from ending at once."""
+
+    def test_an_idle_session_is_closed_at_the_end(self):
+        self.assert_closed(self.assert_ends("tether = start(); wait(called)"))
+
+    def test_a_session_that_has_only_just_started_is_closed_at_the_end(self):
+        self.assert_ends("tether = start()")
+
+    def test_an_object_without_session_does_not_disturb_the_end(self):
+        self.assert_ends("tether = Lumatie.Lumatie()")
+
+    def test_a_start_that_failed_does_not_disturb_the_end(self):
+        self.assert_ends("tether = Lumatie.Lumatie(); tether.Init('Nobody', folder, hear)")
+
+    def test_a_download_under_way_is_finished(self):
+        ends = self.assert_ends(
+            """
+configure(b"picture.size = 300000\\ndownload.rate = 1")
+tether = start()
+wait(called)
+tether.Shoot()
+wait_for_call(b"EdsSetProgressCallback")
+""",
+            repeats=8,
+        )
+        self.assert_closed(ends)
+        self.assertEqual([list(end.files.values()) for end in ends], [[300000]] * len(ends))
+
+    def test_pictures_that_are_still_in_the_queue_do_not_hold_the_end_up(self):
+        self.assert_ends(
+            """
+tether = start()
+wait(called)
+for _ in range(500):
+    tether.Shoot()
+"""
+        )
+
+    def test_a_callable_that_runs_is_awaited(self):
+        ends = self.assert_ends(
+            """
+def work(*arguments):
+    called.set()
+    end = time.monotonic() + 0.2
+    while time.monotonic() < end:
+        pass
+    os.write(1, b"done")
+
+tether = start(work)
+wait(called)
+"""
+        )
+        self.assertEqual({end.stdout for end in ends}, {"done"})
+
+    def test_a_callable_that_sleeps_two_seconds_is_awaited(self):
+        ends = self.assert_ends(
+            """
+def work(*arguments):
+    called.set()
+    time.sleep(2)
+    os.write(1, b"done")
+
+tether = start(work)
+wait(called)
+""",
+            repeats=6,
+            at_once=6,
+        )
+        self.assertEqual({end.stdout for end in ends}, {"done"})
+
+    def test_the_pause_before_a_retry_ends_with_the_process(self):
+        ends = self.assert_ends(
+            """
+configure(b"fault = EdsOpenSession code=0x81 calls=0")
+tether = start()
+wait_for_call(b"EdsOpenSession")
+""",
+            repeats=8,
+        )
+        self.assertLess(min(end.seconds for end in ends), 3)
+
+    def test_a_camera_without_cable_does_not_hold_the_end_up(self):
+        self.assert_ends(
+            """
+tether = start()
+wait(called)
+camera.VirtualCameraUnplug(0)
+tether.Shoot()
+"""
+        )
+
+    def test_two_objects_with_sessions_are_both_ended(self):
+        self.assert_ends(
+            """
+configure(b"[camera 1]\\ncamera.name = Second")
+first, second = start(), Lumatie.Lumatie()
+assert second.Init("Second", folder, hear) == 1
+wait(called)
+"""
+        )
+
+    def test_two_sessions_of_one_object_are_both_ended(self):
+        self.assert_ends(
+            """
+configure(b"[camera 1]\\ncamera.name = Second")
+tether = start()
+assert tether.Init("Second", folder, hear) == 1
+wait(called)
+"""
+        )
+
+
+class Statuses(ExitTestCase):
+    """Ways to end a process, each with its own exit status."""
+
+    def test_sys_exit_in_the_main_thread_keeps_its_status(self):
+        self.assert_closed(self.assert_ends("tether = start(); wait(called); sys.exit(7)", 7))
+
+    def test_an_unhandled_exception_ends_with_status_one_and_its_traceback(self):
+        script = "tether = start(); wait(called); raise RuntimeError('host at fault')"
+        self.assert_closed(self.assert_ends(script, 1, "RuntimeError: host at fault"))
+
+    def test_sys_exit_with_a_text_prints_it_and_ends_with_status_one(self):
+        self.assert_ends("tether = start(); wait(called); sys.exit('a word')", 1, "a word")
+
+    def test_sys_exit_inside_the_callable_ends_the_process_with_its_status(self):
+        ends = self.assert_ends(
+            """
+tether = start(lambda *arguments: sys.exit(5))
+time.sleep(1000)
+""",
+            5,
+        )
+        self.assert_closed(ends)
+
+    def test_sys_exit_inside_the_callable_while_the_main_thread_works(self):
+        self.assert_ends(
+            """
+tether = start(lambda *arguments: sys.exit(5))
+while True:
+    tether.UpdateExportFolder(folder)
+""",
+            5,
+        )
+
+    def test_sys_exit_inside_the_callable_while_uninit_waits_for_it(self):
+        self.assert_ends(
+            """
+ending = threading.Event()
+
+def leave(*arguments):
+    called.set()
+    ending.wait()
+    sys.exit(5)
+
+tether = start(leave)
+wait(called)
+ending.set()
+tether.Uninit()
+time.sleep(1000)
+""",
+            5,
+        )
+
+    def test_sys_exit_inside_the_callable_after_uninit_inside_it(self):
+        self.assert_ends(
+            """
+def leave(*arguments):
+    tether.Uninit()
+    sys.exit(5)
+
+tether = Lumatie.Lumatie()
+start(leave, tether)
+time.sleep(1000)
+""",
+            5,
+        )
+
+    def test_os_exit_ends_at_once_with_its_status(self):
+        self.assert_ends("tether = start(); wait(called); os._exit(9)", 9)
+
+    def test_os_exit_inside_the_callable_ends_at_once_with_its_status(self):
+        self.assert_ends("tether = start(lambda *a: os._exit(9)); time.sleep(1000)", 9)
+
+    def test_an_interrupt_from_the_keyboard_ends_with_its_signal(self):
+        self.assert_closed(
+            self.assert_ends(
+                """
+signal.signal(signal.SIGINT, signal.default_int_handler)
+tether = start()
+wait(called)
+os.kill(os.getpid(), signal.SIGINT)
+time.sleep(1000)
+""",
+                -signal.SIGINT,
+                "KeyboardInterrupt",
+            )
+        )
+
+    def test_a_termination_ends_with_its_signal(self):
+        self.assert_ends(
+            """
+signal.signal(signal.SIGTERM, signal.SIG_DFL)
+tether = start()
+wait(called)
+os.kill(os.getpid(), signal.SIGTERM)
+time.sleep(1000)
+""",
+            -signal.SIGTERM,
+        )
+
+    def test_a_handler_of_a_termination_that_exits_keeps_its_status(self):
+        self.assert_closed(
+            self.assert_ends(
+                """
+signal.signal(signal.SIGTERM, lambda *arguments: sys.exit(3))
+tether = start()
+wait(called)
+os.kill(os.getpid(), signal.SIGTERM)
+time.sleep(1000)
+""",
+                3,
+            )
+        )
+
+
+class Owners(ExitTestCase):
+    """Where the object lives, and who uses it, when the interpreter ends."""
+
+    def test_an_object_in_a_reference_cycle(self):
+        self.assert_closed(
+            self.assert_ends(
+                """
+class Window:
+    def __init__(self):
+        self.tether = start(self.hear)
+
+    def hear(self, *arguments):
+        called.set()
+
+window = Window()
+window.itself = window
+del window
+wait(called)
+"""
+            )
+        )
+
+    def test_an_object_in_the_globals_of_another_module(self):
+        self.assert_closed(
+            self.assert_ends("sys.tether = start(); os.tether = sys.tether; wait(called)")
+        )
+
+    def test_an_object_in_thread_local_storage(self):
+        self.assert_ends(
+            """
+store = threading.local()
+store.tether = start()
+wait(called)
+"""
+        )
+
+    def test_an_object_that_is_deleted_in_the_callable(self):
+        self.assert_ends(
+            """
+box = [Lumatie.Lumatie()]
+
+def hear_once(*arguments):
+    box.clear()
+    called.set()
+
+box[0].Init("Virtual EOS", folder, hear_once)
+wait(called)
+"""
+        )
+
+    def test_an_object_that_is_deleted_by_atexit(self):
+        self.assert_ends("box = [start()]; wait(called); atexit.register(box.clear)")
+
+    def test_an_object_that_is_used_by_its_destructor_at_the_end(self):
+        self.assert_ends(
+            """
+class Window:
+    def __init__(self):
+        self.tether = start()
+
+    def __del__(self):
+        self.tether.Shoot()
+        self.tether.SetValue(3, 0x60)
+        self.tether.UpdateExportFolder(folder)
+        self.tether.Init("Virtual EOS", folder, hear)
+        self.tether.Uninit()
+
+window = Window()
+wait(called)
+"""
+        )
+
+    def test_a_daemon_thread_that_goes_on_shooting(self):
+        self.assert_ends(
+            """
+tether = start()
+wait(called)
+
+def go_on():
+    while True:
+        tether.Shoot()
+        tether.SetValue(3, 0x60)
+        tether.UpdateExportFolder(folder)
+
+threading.Thread(target=go_on, daemon=True).start()
+"""
+        )
+
+    def test_a_daemon_thread_that_goes_on_starting_and_ending_sessions(self):
+        self.assert_ends(
+            """
+tether = Lumatie.Lumatie()
+
+def go_on():
+    while True:
+        tether.Init("Virtual EOS", folder, hear)
+        called.set()
+        tether.Uninit()
+
+threading.Thread(target=go_on, daemon=True).start()
+wait(called)
+"""
+        )
+
+    def test_a_daemon_thread_that_waits_in_uninit(self):
+        self.assert_ends(
+            """
+def work(*arguments):
+    called.set()
+    time.sleep(0.2)
+
+tether = start(work)
+wait(called)
+uninit_on_daemon_thread(tether)
+"""
+        )
+
+    def test_a_daemon_thread_that_comes_out_of_uninit_while_the_interpreter_is_taken_down(self):
+        self.assert_ends(
+            SLOW_TAKING_DOWN
+            + """
+def work(*arguments):
+    called.set()
+    time.sleep(0.3)
+
+tether = start(work)
+wait(called)
+uninit_on_daemon_thread(tether)
+""",
+            repeats=8,
+            at_once=8,
+        )
+
+    def test_a_daemon_thread_that_comes_out_of_init_while_the_interpreter_is_taken_down(self):
+        self.assert_ends(
+            SLOW_TAKING_DOWN
+            + """
+configure(b"fault = EdsGetCameraList delay_ms=300")
+tether = Lumatie.Lumatie()
+threading.Thread(target=start, args=(hear, tether), daemon=True).start()
+wait_for_call(b"EdsInitializeSDK")
+""",
+            repeats=8,
+            at_once=8,
+        )
+
+    def test_a_thread_that_finishes_its_work_after_the_main_thread(self):
+        ends = self.assert_ends(
+            """
+tether = start()
+wait(called)
+
+def finish():
+    for _ in range(5):
+        tether.Shoot()
+        tether.SetValue(3, 0x60)
+    tether.Uninit()
+    os.write(1, b"finished")
+
+threading.Thread(target=finish).start()
+"""
+        )
+        self.assert_closed(ends)
+        self.assertEqual({end.stdout for end in ends}, {"finished"})
+
+    def test_many_objects_with_failed_starts_and_live_sessions(self):
+        self.assert_ends(
+            """
+configure(b"misuse.one_thread = 0")
+tethers = [Lumatie.Lumatie() for _ in range(20)]
+for number, tether in enumerate(tethers):
+    tether.Init("Virtual EOS" if number % 10 == 0 else "Nobody", folder, hear)
+wait(called)
+""",
+            repeats=8,
+        )
+
+
+class StartsAtTheEnd(ExitTestCase):
+    """Sessions that are started when the interpreter has begun to end."""
+
+    def test_an_atexit_function_registered_before_the_import_starts_no_session(self):
+        ends = self.assert_ends(
+            "tether = Lumatie.Lumatie()",
+            before_import="""
+def late():
+    os.write(1, str(tether.Init("Virtual EOS", folder, hear)).encode())
+
+atexit.register(late)
+""",
+        )
+        self.assertEqual({end.stdout for end in ends}, {"0"})
+        self.assertEqual({end.log.count("EdsOpenSession") for end in ends}, {0})
+
+    def test_an_atexit_function_registered_after_the_import_starts_one_that_is_ended(self):
+        ends = self.assert_ends(
+            """
+def late():
+    os.write(1, str(tether.Init("Virtual EOS", folder, hear)).encode())
+    wait(called)
+
+tether = Lumatie.Lumatie()
+atexit.register(late)
+"""
+        )
+        self.assertEqual({end.stdout for end in ends}, {"1"})
+        self.assert_closed(ends)
+
+    def test_the_operations_still_answer_after_the_sessions_were_ended(self):
+        ends = self.assert_ends(
+            "tether = start(); wait(called)",
+            before_import="""
+def late():
+    results = [tether.Uninit(), tether.Shoot(), tether.SetValue(3, 1)]
+    results.append(tether.UpdateExportFolder(folder))
+    os.write(1, repr(results).encode())
+
+atexit.register(late)
+""",
+        )
+        self.assertEqual({end.stdout for end in ends}, {"[0, 1, 1, 1]"})
+
+    def test_a_callable_that_starts_sessions_while_the_interpreter_ends(self):
+        self.assert_ends(
+            """
+def restart(*arguments):
+    called.set()
+    tether.Uninit()
+    tether.Init("Virtual EOS", folder, restart)
+
+tether = Lumatie.Lumatie()
+start(restart, tether)
+wait(called)
+"""
+        )
+
+    def test_a_finalizer_of_the_callable_that_starts_a_session_at_the_end(self):
+        ends = self.assert_ends(
+            """
+class Callable:
+    def __call__(self, *arguments):
+        called.set()
+
+    def __del__(self):
+        os.write(1, str(tether.Init("Virtual EOS", folder, None)).encode())
+
+tether = start(Callable())
+wait(called)
+"""
+        )
+        self.assertEqual({end.stdout for end in ends}, {"0"})
+
+    def test_a_finalizer_of_the_callable_that_deletes_other_objects_at_the_end(self):
+        self.assert_ends(
+            """
+others = [Lumatie.Lumatie() for _ in range(10)]
+
+class Callable:
+    def __call__(self, *arguments):
+        called.set()
+
+    def __del__(self):
+        others.clear()
+        others.append(Lumatie.Lumatie())
+
+tether = start(Callable())
+wait(called)
+"""
+        )
+
+
+# Hosts whose sessions give no sign of life any more. Each takes the module's whole patience, so
+# they all run at the same time, each several times: name -> (script, status).
+STUCK_REPEATS = 3
+STUCK = {
+    "callable": (
+        """
+def sleep(*arguments):
+    called.set()
+    time.sleep(1000)
+
+tether = start(sleep)
+wait(called)
+""",
+        0,
+    ),
+    "callable with status": (
+        """
+def sleep(*arguments):
+    called.set()
+    threading.Event().wait()
+
+tether = start(sleep)
+wait(called)
+sys.exit(7)
+""",
+        7,
+    ),
+    "callable that turns in circles": (
+        """
+def turn(*arguments):
+    called.set()
+    while True:
+        time.sleep(0.001)
+
+tether = start(turn)
+wait(called)
+""",
+        0,
+    ),
+    "callable that wakes up later": (
+        SLOW_TAKING_DOWN
+        + """
+def sleep(*arguments):
+    called.set()
+    time.sleep(10.5)
+
+tether = start(sleep)
+wait(called)
+""",
+        0,
+    ),
+    "two objects": (
+        """
+def sleep(*arguments):
+    called.set()
+    time.sleep(1000)
+
+configure(b"[camera 1]\\ncamera.name = Second")
+first, second = start(sleep), Lumatie.Lumatie()
+second.Init("Second", folder, sleep)
+wait(called)
+""",
+        0,
+    ),
+    "uninit on a daemon thread": (
+        """
+def sleep(*arguments):
+    called.set()
+    time.sleep(1000)
+
+tether = start(sleep)
+wait(called)
+uninit_on_daemon_thread(tether)
+sys.exit(7)
+""",
+        7,
+    ),
+    "open session": (
+        """
+configure(b"fault = EdsOpenSession hang")
+tether = start()
+wait_for_hang(b"EdsOpenSession")
+""",
+        0,
+    ),
+    "download": (
+        """
+configure(b"fault = EdsDownload hang")
+tether = start()
+wait(called)
+tether.Shoot()
+wait_for_hang(b"EdsDownload")
+""",
+        0,
+    ),
+    "property read": (
+        """
+configure(b"fault = EdsGetPropertyData hang")
+tether = start()
+wait_for_hang(b"EdsGetPropertyData")
+""",
+        0,
+    ),
+    "close session": ("configure(b'fault = EdsCloseSession hang'); tether = start()", 0),
+    "release": (
+        """
+tether = start()
+wait(called)
+camera.VirtualCameraWaitUntilIdle(20000)
+configure(b"fault = EdsRelease hang calls=0")
+""",
+        0,
+    ),
+    "terminate": ("configure(b'fault = EdsTerminateSDK hang'); tether = start()", 0),
+    "terminate with status": (
+        "configure(b'fault = EdsTerminateSDK hang'); tether = start(); sys.exit(7)",
+        7,
+    ),
+}
+
+
+class StuckSessions(ExitTestCase):
+    """Sessions that never end by themselves are given up after a while."""
+
+    @classmethod
+    def setUpClass(cls):
+        pool = concurrent.futures.ThreadPoolExecutor(len(STUCK) * STUCK_REPEATS)
+        cls.addClassCleanup(pool.shutdown)
+        cls._runs = {
+            name: [pool.submit(End, script, "", PATIENCE + QUICK) for _ in range(STUCK_REPEATS)]
+            for name, (script, _) in STUCK.items()
+        }
+
+    def assert_given_up(self, name):
+        """The hosts of this name end after the patience, and as they wanted."""
+        for run in self._runs[name]:
+            end = run.result()
+            self.assertEqual((end.status, end.stderr), (STUCK[name][1], ""))
+            self.assertGreater(end.seconds, PATIENCE)
+
+    def test_a_callable_that_sleeps_is_given_up(self):
+        self.assert_given_up("callable")
+
+    def test_a_callable_that_waits_for_ever_does_not_change_the_status(self):
+        self.assert_given_up("callable with status")
+
+    def test_a_callable_that_turns_in_circles_is_given_up(self):
+        self.assert_given_up("callable that turns in circles")
+
+    def test_a_callable_that_comes_back_after_it_was_given_up_does_no_harm(self):
+        self.assert_given_up("callable that wakes up later")
+
+    def test_two_objects_whose_callables_sleep_are_given_up_together(self):
+        self.assert_given_up("two objects")
+
+    def test_an_uninit_that_waits_on_a_daemon_thread_is_given_up(self):
+        # Its session is not the exit's any more: nothing is left to wait for.
+        for run in self._runs["uninit on a daemon thread"]:
+            end = run.result()
+            self.assertEqual((end.status, end.stderr), (7, ""))
+
+    def test_an_open_session_that_hangs_is_given_up(self):
+        self.assert_given_up("open session")
+
+    def test_a_download_that_hangs_is_given_up(self):
+        self.assert_given_up("download")
+
+    def test_a_property_read_that_hangs_is_given_up(self):
+        self.assert_given_up("property read")
+
+    def test_a_close_session_that_hangs_is_given_up(self):
+        self.assert_given_up("close session")
+
+    def test_a_release_that_hangs_is_given_up(self):
+        self.assert_given_up("release")
+
+    def test_a_terminate_that_hangs_is_given_up(self):
+        self.assert_given_up("terminate")
+
+    def test_a_terminate_that_hangs_does_not_change_the_status(self):
+        self.assert_given_up("terminate with status")
+
+
+if __name__ == "__main__":
+    unittest.main()
