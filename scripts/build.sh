@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# build.sh [configure] [linux|linux-asan|linux-tsan]: builds (or only configures) one tree in build/.
+# The sanitizers' trees hold the C++ tests and the virtual cameras, but no module for Python.
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+what=build
+if [[ ${1:-} == configure ]]; then
+    what=configure
+    shift
+fi
+tree=${1:-linux}
+(($# <= 1)) || usage_error "./run build"
+
+case $tree in
+    linux) sanitizers= ;;
+    linux-asan) sanitizers=address,undefined ;;
+    linux-tsan) sanitizers=thread ;;
+    *) usage_error "./run build" ;;
+esac
+options=("-DLUMATIE_SANITIZE=$sanitizers")
+if [[ -n $sanitizers ]]; then
+    # Half of -O2's time to compile, and better stacks.
+    options+=("-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g -DNDEBUG")
+fi
+
+need_packages g++ cmake ninja-build python3-dev libgtest-dev googletest libstb-dev
+if [[ $tree == linux ]]; then
+    if [[ -z ${LUMATIE_SWIG:-} ]]; then
+        need_python_tool swig
+    fi
+    pythons=$("$system_python" scripts/find_pythons.py)
+    [[ -n $pythons ]] || fail "no 64-bit CPython 3.8 or newer that has its headers"
+    note "building for ${pythons//$'\n'/, }"
+    options+=(-DLUMATIE_SWIG="${LUMATIE_SWIG:-$tools/swig/bin/swig}"
+        -DLUMATIE_PYTHONS="${pythons//$'\n'/;}")
+fi
+
+note "build/$tree"
+cmake -S . -B "build/$tree" -G Ninja --log-level=WARNING "${options[@]}"
+[[ $what == configure ]] || cmake --build "build/$tree" --parallel "$(nproc)"

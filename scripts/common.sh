@@ -1,0 +1,72 @@
+# Sourced by the other scripts: messages, and the installation of what a command needs.
+# They all run with the root of the tree as their working directory.
+# shellcheck shell=bash
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+# Tools run on the system's interpreter, whatever a user's PATH puts in front of it.
+readonly system_python=/usr/bin/python3
+readonly tools=$PWD/build/tools
+
+note() { printf '== %s\n' "$*"; }
+
+fail() {
+    printf 'error: %s\n' "$*" >&2
+    exit 1
+}
+
+# usage_error TEXT: what the caller should have typed.
+usage_error() {
+    printf 'usage: %s\n' "$*" >&2
+    exit 2
+}
+
+is_installed() { [[ $(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]; }
+
+# need_packages NAME...: installs the Debian packages that are missing.
+need_packages() {
+    local package missing=() as_root=()
+    if ! command -v apt-get >/dev/null; then
+        note "no apt-get here: taking for granted the counterparts of the Debian packages $*"
+        return
+    fi
+    for package in "$@"; do
+        is_installed "$package" || missing+=("$package")
+    done
+    ((${#missing[@]})) || return 0
+    if ((EUID != 0)); then
+        command -v sudo >/dev/null ||
+            fail "neither root nor sudo; have these packages installed: ${missing[*]}"
+        as_root=(sudo)
+    fi
+    note "installing ${missing[*]}"
+    as_root+=(env DEBIAN_FRONTEND=noninteractive apt-get -qq -o Dpkg::Use-Pty=0)
+    if [[ -z ${lists_are_fresh:-} ]]; then
+        "${as_root[@]}" update || note "the package lists could not be refreshed; using the old ones"
+        lists_are_fresh=yes
+    fi
+    "${as_root[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null ||
+        fail "apt-get could not install ${missing[*]}"
+}
+
+# need_python_tool COMMAND: installs the pinned wheel of scripts/COMMAND.txt in an environment of
+# its own. A tree that was moved has environments that no longer start: they are made anew.
+need_python_tool() {
+    local name=$1 requirements=scripts/$1.txt environment=$tools/$1
+    if cmp -s "$requirements" "$environment/installed.txt" &&
+        "$environment/bin/$name" --help >/dev/null 2>&1; then
+        return
+    fi
+    need_packages python3-venv ca-certificates
+    note "installing $(grep -om1 '^[a-z]*==[0-9.]*' "$requirements") in $environment"
+    rm -rf "$environment"
+    "$system_python" -m venv "$environment" || fail "no virtual environment in $environment"
+    "$environment/bin/pip" install --quiet --disable-pip-version-check --no-input \
+        --only-binary :all: --require-hashes --requirement "$requirements" ||
+        fail "$name could not be downloaded; $(head -1 "$requirements" | sed 's/^# *//')"
+    cp "$requirements" "$environment/installed.txt"
+}
+
+# The hand-written files, one a line; whatever is generated lies in build/.
+cpp_files() { find System virtual tests -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort; }
+shell_files() { printf '%s\n' run .ci/run scripts/*.sh; }

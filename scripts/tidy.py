@@ -1,0 +1,103 @@
+"""Runs clang-tidy over the hand-written C++ sources that a build tree compiles.
+
+A source that was clean is checked again only when it, a header of ours that it includes, its
+compile options or the set of checks changed: lint stays quick while one works.
+"""
+
+import concurrent.futures
+import hashlib
+import json
+import os
+import pathlib
+import re
+import shlex
+import subprocess
+import sys
+
+TIDY = "clang-tidy-14"
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+OURS = [ROOT / folder for folder in ("System", "virtual", "tests")]
+CONFIGURATION = [str(ROOT / ".clang-tidy"), str(ROOT / "tests" / ".clang-tidy")]
+# Options that GCC alone understands, and those that would stop at its warnings' names.
+FOREIGN = {"-fno-gnu-unique"}
+
+
+def sources(build):
+    """One entry of the compilation database for each source of ours, options made clang's."""
+    entries = {}
+    for entry in json.loads((build / "compile_commands.json").read_text()):
+        source = pathlib.Path(entry["directory"], entry["file"]).resolve()
+        if any(folder in source.parents for folder in OURS):
+            options = [word for word in shlex.split(entry["command"]) if word not in FOREIGN]
+            entries.setdefault(source, {**entry, "command": shlex.join(options)})
+    return entries
+
+
+def fingerprint(entry):
+    """Changes with everything that can change what clang-tidy says; None when it is not known."""
+    options = shlex.split(entry["command"])
+    output = options.index("-o")
+    listing = subprocess.run(
+        options[:output] + options[output + 2 :] + ["-MM"],
+        cwd=entry["directory"],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL,
+        text=True,
+        check=False,
+    )
+    if listing.returncode:
+        return None
+    digest = hashlib.sha256(entry["command"].encode())
+    files = listing.stdout.replace("\\\n", " ").split()[1:]
+    for path in [__file__, *CONFIGURATION, *files]:
+        digest.update(pathlib.Path(entry["directory"], path).read_bytes())
+    return digest.hexdigest()
+
+
+def check(source, entry, folder):
+    """What clang-tidy has to say about one source; an empty text when it is clean."""
+    mark = fingerprint(entry)
+    stamp = folder / (str(source.relative_to(ROOT)).replace(os.sep, "__") + ".clean")
+    if mark and stamp.exists() and stamp.read_text() == mark:
+        return ""
+    result = subprocess.run(
+        [TIDY, "--quiet", "-p", str(folder), str(source)],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        check=False,
+    )
+    if result.returncode:
+        return result.stdout
+    if mark:
+        stamp.write_text(mark)
+    return ""
+
+
+def unique_complaints(outputs):
+    """Each complaint once: every source that includes a header repeats what is said of it."""
+    counter = re.compile(r"^\d+ warnings? (?:and \d+ errors? )?generated.*\n", re.MULTILINE)
+    start = re.compile(r"^(?=\S+:\d+:\d+: (?:error|warning):)", re.MULTILINE)
+    blocks = {}
+    for text in outputs:
+        for block in start.split(counter.sub("", text)):
+            blocks.setdefault(block.strip())
+    return [block for block in blocks if block]
+
+
+def main(build):
+    folder = build / "tidy"
+    folder.mkdir(exist_ok=True)
+    entries = sources(build)
+    (folder / "compile_commands.json").write_text(json.dumps(list(entries.values())))
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        checks = [pool.submit(check, *item, folder) for item in entries.items()]
+        outputs = [text for text in (one.result() for one in checks) if text]
+    for text in unique_complaints(outputs):
+        print(text)
+    print("clang-tidy: %d sources, %d with complaints" % (len(entries), len(outputs)))
+    return 1 if outputs or not entries else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(pathlib.Path(sys.argv[1]).resolve()))
