@@ -1,18 +1,14 @@
 #!/usr/bin/env bash
-# build.sh [configure] [linux|linux-asan|linux-tsan]: builds (or only configures) one tree in build/.
-# The sanitizers' trees hold the C++ tests and the virtual cameras, but no module for Python.
+# build.sh [linux|linux-asan|linux-tsan|lint]: builds one tree in build/. The sanitizers' trees hold
+# the C++ tests and the virtual cameras, but no module for Python. The tree lint is only configured:
+# it says how each source is compiled.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-what=build
-if [[ ${1:-} == configure ]]; then
-    what=configure
-    shift
-fi
 tree=${1:-linux}
 (($# <= 1)) || usage_error "./run build"
 
 case $tree in
-    linux) sanitizers= ;;
+    linux | lint) sanitizers= ;;
     linux-asan) sanitizers=address,undefined ;;
     linux-tsan) sanitizers=thread ;;
     *) usage_error "./run build" ;;
@@ -37,4 +33,4 @@ fi
 
 note "build/$tree"
 cmake -S . -B "build/$tree" -G Ninja --log-level=WARNING "${options[@]}"
-[[ $what == configure ]] || cmake --build "build/$tree" --parallel "$(nproc)"
+[[ $tree == lint ]] || cmake --build "build/$tree" --parallel "$(nproc)"

@@ -23,30 +23,39 @@ usage_error() {
 
 is_installed() { [[ $(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]; }
 
-# need_packages NAME...: installs the Debian packages that are missing.
+# need_packages NAME...: installs the Debian packages that are missing. Scripts that run side by side
+# do so one after the other: apt-get does not wait for another one.
 need_packages() {
-    local package missing=() as_root=()
+    local package missing=() turn
     if ! command -v apt-get >/dev/null; then
         note "no apt-get here: taking for granted the counterparts of the Debian packages $*"
         return
     fi
+    mkdir -p build
+    exec {turn}>build/apt-get.lock
+    flock "$turn"
     for package in "$@"; do
         is_installed "$package" || missing+=("$package")
     done
-    ((${#missing[@]})) || return 0
+    ((${#missing[@]} == 0)) || install "${missing[@]}"
+    exec {turn}>&-
+}
+
+install() {
+    local as_root=()
     if ((EUID != 0)); then
         command -v sudo >/dev/null ||
-            fail "neither root nor sudo; have these packages installed: ${missing[*]}"
+            fail "neither root nor sudo; have these packages installed: $*"
         as_root=(sudo)
     fi
-    note "installing ${missing[*]}"
+    note "installing $*"
     as_root+=(env DEBIAN_FRONTEND=noninteractive apt-get -qq -o Dpkg::Use-Pty=0)
     if [[ -z ${lists_are_fresh:-} ]]; then
         "${as_root[@]}" update || note "the package lists could not be refreshed; using the old ones"
         lists_are_fresh=yes
     fi
-    "${as_root[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null ||
-        fail "apt-get could not install ${missing[*]}"
+    "${as_root[@]}" install -y --no-install-recommends "$@" </dev/null ||
+        fail "apt-get could not install $*"
 }
 
 # need_python_tool COMMAND: installs the pinned wheel of scripts/COMMAND.txt in an environment of

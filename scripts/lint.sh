@@ -13,7 +13,7 @@ check() {
 }
 
 # clang-tidy has to know how each source is compiled.
-tidy() { scripts/build.sh configure && "$system_python" scripts/tidy.py build/linux; }
+tidy() { scripts/build.sh lint && "$system_python" scripts/tidy.py build/lint; }
 
 mapfile -t cpp < <(cpp_files)
 mapfile -t shell < <(shell_files)

@@ -21,18 +21,28 @@ stop_runners() {
 }
 trap stop_runners EXIT
 
-# runner NAME COMMAND...: runs one test runner, shows its output and keeps it with its exit status.
-# One that hangs is aborted, so that it can say where it was.
-runner() {
-    local name=$1 log=$results/$1.log status=0
+declare -A runners=()
+
+# start NAME COMMAND...: starts a test runner, whose output is kept. One that hangs is aborted, so
+# that it can say where it was.
+start() {
+    local name=$1
     shift
-    note "$tree: $name"
-    : >"$log"
-    timeout --signal=ABRT --kill-after=20 300 "$@" >"$log" 2>&1 </dev/null &
-    # Not a pipe: a process that outlives its runner would hold it open.
-    tail --lines=+1 --follow --sleep-interval=0.1 --pid=$! "$log"
-    wait $! || status=$?
-    echo "$status" >"$results/$name.status"
+    timeout --signal=ABRT --kill-after=20 600 "$@" >"$results/$name.log" 2>&1 </dev/null &
+    runners[$name]=$!
+}
+
+# finish NAME...: shows the output of runners that were started, and keeps their exit status.
+finish() {
+    local name status
+    for name in "$@"; do
+        note "$tree: $name"
+        # Not a pipe: a process that outlives its runner would hold it open.
+        tail --lines=+1 --follow --sleep-interval=0.1 --pid="${runners[$name]}" "$results/$name.log"
+        status=0
+        wait "${runners[$name]}" || status=$?
+        echo "$status" >"$results/$name.status"
+    done
 }
 
 run_cpp_tests() {
@@ -40,28 +50,40 @@ run_cpp_tests() {
     export LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp:print_suppressions=0
     export UBSAN_OPTIONS=print_stacktrace=1
     export TSAN_OPTIONS=second_deadlock_stack=1
-    runner cpp "${fixed_layout[@]}" ctest --test-dir "build/$tree" --output-on-failure \
+    start cpp "${fixed_layout[@]}" ctest --test-dir "build/$tree" --output-on-failure \
         --no-tests=error --timeout 120 --parallel "$(nproc)"
+    finish cpp
 }
 
+# suite NAME FOLDER PYTHON: starts the tests of a folder in tests/.
+suite() { start "$1" "$3" -X dev -m unittest discover --verbose -s "tests/$2" -t "tests/$2"; }
+
 run_python_tests() {
-    local python pythons tested
-    pythons=$("$system_python" scripts/find_pythons.py)
-    tested=$("$system_python" scripts/find_pythons.py --tested)
-    export PYTHONPATH=$PWD/build/linux/python
+    local python pythons tested name names=()
+    mapfile -t pythons < <("$system_python" scripts/find_pythons.py)
+    mapfile -t tested < <("$system_python" scripts/find_pythons.py --tested)
+    export PYTHONPATH=$PWD/build/linux/python:$PWD/tests/python
     # The stubs are compared with the module by a tool that runs on the system's interpreter.
-    if grep -qxF "$system_python" <<<"$pythons"; then
+    if [[ " ${pythons[*]} " == *" $system_python "* ]]; then
         need_python_tool stubtest
         export LUMATIE_STUBTEST="'$tools/stubtest/bin/stubtest'"
     fi
-    while read -r python; do
-        if grep -qxF "$python" <<<"$tested"; then
-            runner "$(label "$python")" "$python" -X dev -m unittest discover --verbose \
-                --start-directory tests/python --top-level-directory tests/python
-        else
-            runner "$(label "$python")-import" "$python" -X dev scripts/smoke_test.py
-        fi
-    done <<<"$pythons"
+    for python in "${pythons[@]}"; do
+        name=$(label "$python")-import
+        start "$name" "$python" -X dev scripts/smoke_test.py
+        finish "$name"
+    done
+    # They wait more than they work, so the interpreters take the suite at the same time.
+    for python in "${tested[@]}"; do
+        names+=("$(label "$python")")
+        suite "${names[-1]}" python "$python"
+    done
+    finish "${names[@]}"
+    for python in "${tested[@]}"; do
+        name=$(label "$python")-alone
+        suite "$name" python/alone "$python"
+        finish "$name"
+    done
 }
 
 label() { "$1" -c 'import sys; print("python%d.%d" % sys.version_info[:2])'; }

@@ -241,6 +241,23 @@ wait(called)
 """
         )
 
+    def test_a_session_that_was_ended_inside_the_callable_is_closed_before_the_end(self):
+        ends = self.assert_ends(
+            """
+configure(b"fault = EdsCloseSession delay_ms=300")
+
+def leave(*arguments):
+    tether.Uninit()
+    called.set()
+
+tether = Lumatie.Lumatie()
+start(leave, tether)
+wait(called)
+""",
+            repeats=8,
+        )
+        self.assert_closed(ends)
+
 
 class Statuses(ExitTestCase):
     """Ways to end a process, each with its own exit status."""

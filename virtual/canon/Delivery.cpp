@@ -67,6 +67,10 @@ void deliver(World& world, Lock& lock, Crew& crew, const Event& event)
     const Clock::time_point start = Clock::now();
     if (!hasHandler(event)) {
         world.log.write(describe(event, event.reference) + " has no handler", start);
+        if (event.reference != nullptr) {
+            world.objects.release(event.reference);
+        }
+        world.changed.notify_all();
         return;
     }
     const EdsBaseRef reference = referenceOf(world, event);

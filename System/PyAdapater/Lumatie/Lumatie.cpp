@@ -199,22 +199,24 @@ void Lumatie::endAllSessions()
     dropAllEvents();
 
     // Letting go runs code of the host, which may make and delete objects.
+    const std::thread::id exiting = std::this_thread::get_id();
     std::vector<std::function<void()>> ends;
     for (Lumatie* object : liveObjects()) {
         if (isLive(object) && !object->isCopy()) {
-            ends.emplace_back([canon = object->m_canon, exiting = std::this_thread::get_id()] {
+            ends.emplace_back([canon = object->m_canon, exiting] {
                 canon::CanonCloseInPlaceOf(exiting, *canon);
             });
             ends.push_back(object->letGo());
         }
     }
     const PyThreadAllow allow;
-    const bool done = runPatiently([ends] {
+    const bool done = runPatiently([ends, exiting] {
         for (const auto& end : ends) {
             if (end) {
                 end();
             }
         }
+        canon::CanonAwaitEnds(exiting);
     });
     if (!done) {
         canon::Observable::silenceAll();

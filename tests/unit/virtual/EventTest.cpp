@@ -1,4 +1,5 @@
 // Events: lost, doubled, late, injected, and on which thread they come.
+#include <chrono>
 #include <set>
 #include <thread>
 
@@ -40,6 +41,21 @@ TEST_F(Events, CanBeLost)
     ASSERT_EQ(m_host.set(0x406, 0x60), 0U);
     ASSERT_EQ(VirtualCameraWaitUntilIdle(kDeadlineMs), 1);
     EXPECT_EQ(m_host.count(0x101, 0x406), 1);
+}
+
+TEST_F(Events, WithoutAHandlerTheySetAnIdleWaitFreeAndLeaveNoReference)
+{
+    using Clock = std::chrono::steady_clock;
+    ASSERT_EQ(m_host.shoot(), 0U);
+    ASSERT_EQ(VirtualCameraWaitForPictures(1, kDeadlineMs), 1);
+    ASSERT_EQ(VirtualCameraWaitUntilIdle(kDeadlineMs), 1);
+    const int references = VirtualCameraReferenceCount("item");
+    ASSERT_EQ(EdsSetObjectEventHandler(m_host.camera(), 0x200, nullptr, nullptr), 0U);
+    ASSERT_EQ(VirtualCameraSendObjectEvent(0, 0x204, VirtualCameraNewItem(0, 0)), 1);
+    const auto begun = Clock::now();
+    ASSERT_EQ(VirtualCameraWaitUntilIdle(kDeadlineMs), 1);
+    EXPECT_LT(Clock::now() - begun, std::chrono::milliseconds(kDeadlineMs / 4));
+    EXPECT_EQ(VirtualCameraReferenceCount("item"), references);
 }
 
 TEST_F(Events, LostPictureLeavesNoReference)

@@ -1,6 +1,6 @@
 #include "canon/CanonSession.h"
 
-#include <atomic>
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -33,8 +33,40 @@ LibraryUse& libraryUse()
     return *use;
 }
 
-// How many ends were put off and are not done yet.
-std::atomic<unsigned> g_endsUnderWay{0};
+// The workers that still have an end to do which was put off.
+struct EndsUnderWay {
+    std::mutex lock;  // guards the field below
+    std::vector<std::thread::id> workers;
+};
+
+// Never destroyed either.
+EndsUnderWay& endsUnderWay()
+{
+    static auto* const ends = new EndsUnderWay;
+    return *ends;
+}
+
+// Whether a thread other than `but` has an end to do.
+bool isEndUnderWay(std::thread::id but = {})
+{
+    const std::lock_guard<std::mutex> guard(endsUnderWay().lock);
+    const auto& workers = endsUnderWay().workers;
+    return std::any_of(workers.begin(), workers.end(),
+                       [but](std::thread::id worker) { return worker != but; });
+}
+
+void beginEnd(std::thread::id worker)
+{
+    const std::lock_guard<std::mutex> guard(endsUnderWay().lock);
+    endsUnderWay().workers.push_back(worker);
+}
+
+void finishEnd(std::thread::id worker)
+{
+    const std::lock_guard<std::mutex> guard(endsUnderWay().lock);
+    auto& workers = endsUnderWay().workers;
+    workers.erase(std::remove(workers.begin(), workers.end(), worker), workers.end());
+}
 
 // Holds a new session's first command back until the ends that were put off are done, so that an
 // old session is not closed after the new one was opened.
@@ -47,7 +79,7 @@ public:
 
     bool execute() override
     {
-        while (g_endsUnderWay > 0 && m_processor.isRunning()) {
+        while (isEndUnderWay() && m_processor.isRunning()) {
             platform::sleepFor(1);
         }
         return true;
@@ -160,7 +192,7 @@ void startWorker(CameraController& controller, CameraModel& model)
 {
     Processor& processor = controller.processor();
     processor.startAndWait();
-    if (g_endsUnderWay > 0) {
+    if (isEndUnderWay()) {
         processor.enqueue(std::make_unique<AwaitEndsCommand>(model, processor));
     }
     processor.enqueue(std::make_unique<OpenSessionCommand>(model));
@@ -182,10 +214,11 @@ void dispose(Sessions&& sessions, bool terminate)
 // Lets the own worker do the rest of the end when it has left the command that it is in.
 void endOnOwnWorker(Processor& processor, Sessions&& sessions, bool terminate)
 {
-    ++g_endsUnderWay;
-    processor.endWith([rest = std::make_shared<Sessions>(std::move(sessions)), terminate] {
+    const std::thread::id worker = std::this_thread::get_id();
+    beginEnd(worker);
+    processor.endWith([rest = std::make_shared<Sessions>(std::move(sessions)), terminate, worker] {
         dispose(std::move(*rest), terminate);
-        --g_endsUnderWay;
+        finishEnd(worker);
     });
 }
 
@@ -322,6 +355,13 @@ void CanonCloseInPlaceOf(std::thread::id worker, CanonState& state)
     // The worker's frames, which nobody unwinds, still point to both.
     static_cast<void>(own->m_pModel.release());
     static_cast<void>(own->m_pController.release());
+}
+
+void CanonAwaitEnds(std::thread::id exiting)
+{
+    while (isEndUnderWay(exiting)) {
+        platform::sleepFor(1);
+    }
 }
 
 int CanonSetValue(CanonState& state, int nType, std::uint32_t value)

@@ -56,6 +56,11 @@ bool CanonHasSessions(CanonState& state);
 // leaves that worker alone. Called while `worker` waits.
 void CanonCloseInPlaceOf(std::thread::id worker, CanonState& state);
 
+// Waits until the workers whose sessions were ended from inside the host's callable have done the
+// rest, but not for the thread `exiting`, which ends the process from there. Interpreter lock not
+// held.
+void CanonAwaitEnds(std::thread::id exiting);
+
 // Hands a setting to the newest session; a type that cannot be set is ignored, and so is
 // everything while there is no session. `value` is the library's code, or the colour temperature
 // itself. Returns 1. Any thread.
