@@ -28,6 +28,7 @@ declare -A runners=()
 start() {
     local name=$1
     shift
+    : >"$results/$name.log"
     timeout --signal=ABRT --kill-after=20 600 "$@" >"$results/$name.log" 2>&1 </dev/null &
     runners[$name]=$!
 }

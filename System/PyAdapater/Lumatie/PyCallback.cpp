@@ -89,7 +89,7 @@ PyObject* takePendingError()
     callAndForget(PyImport_ImportModule("atexit"), "_run_exitfuncs");
     callAndForget(PySys_GetObject("stdout"), "flush");
     callAndForget(PySys_GetObject("stderr"), "flush");
-    std::exit(status);
+    std::exit(status);  // NOLINT(concurrency-mt-unsafe): only this thread ends the process
 }
 
 #endif
