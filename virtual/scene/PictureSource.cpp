@@ -128,6 +128,8 @@ struct RawParts {
 
 constexpr std::size_t kRawHeader = 16;
 
+enum class RawForm { kMarked, kPlain };
+
 void describePreview(TiffDirectory& directory, int width, int height)
 {
     directory.number(0x0100, static_cast<std::uint32_t>(width));
@@ -173,7 +175,17 @@ RawParts rawParts(const PictureFacts& facts, bool brief)
     return parts;
 }
 
-Bytes assemble(RawParts& parts, int width, std::size_t strip, std::uint64_t seed)
+void appendHeader(Bytes& file, RawForm form, std::size_t sensorAt)
+{
+    file = {'I', 'I', 42, 0, kRawHeader, 0, 0, 0};
+    if (form == RawForm::kMarked) {
+        file.insert(file.end(), {'C', 'R', 2, 0});
+        append32(file, static_cast<std::uint32_t>(sensorAt));
+    }
+    file.resize(kRawHeader);
+}
+
+Bytes assemble(RawParts& parts, int width, std::size_t strip, std::uint64_t seed, RawForm form)
 {
     const std::size_t exifAt = kRawHeader + parts.main.size();
     const std::size_t sensorAt = exifAt + (parts.hasExif ? parts.exif.size() : 0);
@@ -189,9 +201,9 @@ Bytes assemble(RawParts& parts, int width, std::size_t strip, std::uint64_t seed
     parts.sensor.number(0x0111, static_cast<std::uint32_t>(stripAt));
     parts.sensor.number(0x0117, static_cast<std::uint32_t>(strip));
 
-    Bytes file{'I', 'I', 42, 0, kRawHeader, 0, 0, 0, 'C', 'R', 2, 0};
+    Bytes file;
     file.reserve(stripAt + strip);
-    append32(file, static_cast<std::uint32_t>(sensorAt));
+    appendHeader(file, form, sensorAt);
     parts.main.append(file, static_cast<std::uint32_t>(sensorAt));
     if (parts.hasExif) {
         parts.exif.append(file, 0);
@@ -203,6 +215,31 @@ Bytes assemble(RawParts& parts, int width, std::size_t strip, std::uint64_t seed
                 parts.mosaic.begin() + static_cast<std::ptrdiff_t>(sensed));
     appendNoise(file, strip - sensed, seed);
     return file;
+}
+
+Bytes makeRawOf(const PictureFacts& facts, std::int64_t size, RawForm form)
+{
+    // The preview and the mosaic are half as wide as the pictures: a small file is a quick test.
+    PictureFacts half = facts;
+    half.width = std::max(kSmallestWidth, facts.width / 2);
+    half.height = std::max(kSmallestWidth, facts.height / 2);
+
+    const auto wanted = static_cast<std::size_t>(size);
+    const auto seed = static_cast<std::uint64_t>(facts.shot);
+    for (const PictureFacts& step : shrinking(half)) {
+        RawParts parts = rawParts(step, false);
+        const std::size_t made = kRawHeader + parts.directories() + parts.preview.size();
+        if (wanted == 0) {
+            return assemble(parts, step.width, parts.mosaic.size(), seed, form);
+        }
+        if (made <= wanted) {
+            return assemble(parts, step.width, wanted - made, seed, form);
+        }
+    }
+    PictureFacts smallest = shrinking(half).back();
+    RawParts parts = rawParts(smallest, true);
+    const std::size_t made = kRawHeader + parts.directories() + parts.preview.size();
+    return assemble(parts, smallest.width, wanted > made ? wanted - made : 0, seed, form);
 }
 
 }  // namespace
@@ -228,27 +265,19 @@ Bytes makeJpeg(const PictureFacts& facts, std::int64_t size)
 
 Bytes makeRaw(const PictureFacts& facts, std::int64_t size)
 {
-    // The preview and the mosaic are half as wide as the pictures: a small file is a quick test.
-    PictureFacts half = facts;
-    half.width = std::max(kSmallestWidth, facts.width / 2);
-    half.height = std::max(kSmallestWidth, facts.height / 2);
+    return makeRawOf(facts, size, RawForm::kMarked);
+}
 
-    const auto wanted = static_cast<std::size_t>(size);
-    const auto seed = static_cast<std::uint64_t>(facts.shot);
-    for (const PictureFacts& step : shrinking(half)) {
-        RawParts parts = rawParts(step, false);
-        const std::size_t made = kRawHeader + parts.directories() + parts.preview.size();
-        if (wanted == 0) {
-            return assemble(parts, step.width, parts.mosaic.size(), seed);
-        }
-        if (made <= wanted) {
-            return assemble(parts, step.width, wanted - made, seed);
-        }
-    }
-    PictureFacts smallest = shrinking(half).back();
-    RawParts parts = rawParts(smallest, true);
-    const std::size_t made = kRawHeader + parts.directories() + parts.preview.size();
-    return assemble(parts, smallest.width, wanted > made ? wanted - made : 0, seed);
+Bytes makePlainRaw(const PictureFacts& facts, std::int64_t size)
+{
+    return makeRawOf(facts, size, RawForm::kPlain);
+}
+
+Bytes makeSensorRows(const PictureFacts& facts)
+{
+    Bytes rows;
+    appendMosaic(rows, render(facts));
+    return rows;
 }
 
 Bytes makeFrame(const PictureFacts& facts, Histogram& histogram)

@@ -16,8 +16,13 @@ constexpr std::int64_t kSmallestFile = 1000;
 // filled up inside the file, for smaller ones the picture shrinks.
 Bytes makeJpeg(const PictureFacts& facts, std::int64_t size = 0);
 
-// A raw file: a TIFF with an embedded JPEG preview and a mosaic of 14-bit sensor values.
+// A raw file: a TIFF with an embedded JPEG preview and a mosaic of 14-bit sensor values. The first
+// has marks of its own behind the TIFF header, the second begins like any other TIFF.
 Bytes makeRaw(const PictureFacts& facts, std::int64_t size = 0);
+Bytes makePlainRaw(const PictureFacts& facts, std::int64_t size = 0);
+
+// The sensor's values alone, `height` rows of `width` 16-bit values.
+Bytes makeSensorRows(const PictureFacts& facts);
 
 // A live-view frame: a JPEG without caption fill-up, and the histogram of what it shows.
 Bytes makeFrame(const PictureFacts& facts, Histogram& histogram);

@@ -1,0 +1,105 @@
+// The library can be unloaded: after a clean end, with objects open, and many times.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "Driver.h"
+
+namespace {
+
+void MAIDAPI ignore(MaidObject* /*object*/, std::uint32_t /*command*/, std::uint32_t /*parameter*/,
+                    std::uint32_t /*dataType*/, MaidData /*data*/, MaidReference /*reference*/,
+                    MaidResult /*result*/)
+{}
+
+MaidData dataOf(MaidObject& record)
+{
+    return reinterpret_cast<MaidData>(&record);
+}
+
+void open(const Driver& library, MaidObject& module, MaidObject& source)
+{
+    ASSERT_EQ(library.entryPoint(nullptr, kMaidCommandOpen, 0, kMaidDataTypeObjectPtr,
+                                 dataOf(module), nullptr, nullptr),
+              kMaidOk);
+    ASSERT_EQ(library.entryPoint(&module, kMaidCommandOpen, 1, kMaidDataTypeObjectPtr,
+                                 dataOf(source), nullptr, nullptr),
+              kMaidOk);
+}
+
+TEST(NikonUnloading, IsPossibleAfterACleanEnd)
+{
+    for (int i = 0; i < 20; ++i) {
+        Driver library(VIRTUAL_NIKON_LIBRARY);
+        ASSERT_TRUE(library.isLoaded());
+        MaidObject module{};
+        MaidObject source{};
+        open(library, module, source);
+        library.pressShutter(0);
+        ASSERT_TRUE(library.waitForPictures(1, 20000));
+        library.entryPoint(&source, kMaidCommandClose, 0, 0, 0, nullptr, nullptr);
+        library.entryPoint(&module, kMaidCommandClose, 0, 0, 0, nullptr, nullptr);
+        EXPECT_EQ(library.misuseCount(), 0);
+        library.unload();
+        ASSERT_FALSE(Driver::isThere(VIRTUAL_NIKON_LIBRARY));
+    }
+}
+
+TEST(NikonUnloading, WithObjectsOpenIsMisuseThatTheLogFileTells)
+{
+    const std::string path = testing::TempDir() + "virtual-nikon-unload.log";
+    std::remove(path.c_str());
+    setenv("LUMATIE_VIRTUAL_LOG", path.c_str(), 1);
+    {
+        const Driver library(VIRTUAL_NIKON_LIBRARY);
+        MaidObject module{};
+        MaidObject source{};
+        open(library, module, source);
+    }
+    unsetenv("LUMATIE_VIRTUAL_LOG");
+    EXPECT_FALSE(Driver::isThere(VIRTUAL_NIKON_LIBRARY));
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    std::remove(path.c_str());
+    EXPECT_NE(text.str().find("MISUSE unloaded with open objects: module#0 source#1"),
+              std::string::npos)
+        << text.str();
+}
+
+TEST(NikonUnloading, IsPossibleWithCommandsThatHaveNotCompleted)
+{
+    for (const char* rule :
+         {"CapGet never", "CapGet complete_ms=3600000 complete_thread", "CapGet complete_thread"}) {
+        Driver library(VIRTUAL_NIKON_LIBRARY);
+        MaidObject module{};
+        MaidObject source{};
+        open(library, module, source);
+        ASSERT_TRUE(library.fault(rule));
+        static std::uint32_t value = 0;
+        library.entryPoint(&source, kMaidCommandCapGet, kMaidCapLiveness, kMaidDataTypeUnsignedPtr,
+                           reinterpret_cast<MaidData>(&value), &ignore, nullptr);
+        library.unload();
+        EXPECT_FALSE(Driver::isThere(VIRTUAL_NIKON_LIBRARY));
+    }
+}
+
+TEST(NikonUnloading, ForgetsEverything)
+{
+    {
+        const Driver library(VIRTUAL_NIKON_LIBRARY);
+        library.configure("camera.id = 9");
+        library.add("Second", 4);
+    }
+    const Driver library(VIRTUAL_NIKON_LIBRARY);
+    EXPECT_EQ(library.count(), 1);
+}
+
+TEST(NikonUnloading, ExportsNothingOfItsOwnInside)
+{
+    const Driver library(VIRTUAL_NIKON_LIBRARY);
+    EXPECT_NE(library.entryPoint, nullptr);
+    EXPECT_EQ(library.find<void (*)()>("stbi_write_jpg_to_func"), nullptr);
+}
+
+}  // namespace

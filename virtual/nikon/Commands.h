@@ -1,0 +1,41 @@
+// One command of the application, from its entry to its answer.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "nikon/World.h"
+
+namespace virtualnikon {
+
+// The entry point's arguments, and what becomes of them.
+struct Command {
+    MaidObject* record = nullptr;
+    std::uint32_t command = 0;
+    std::uint32_t parameter = 0;
+    std::uint32_t dataType = 0;
+    MaidData data = 0;
+    MaidCompletionProcedure procedure = nullptr;
+    MaidReference reference = nullptr;
+
+    ObjectRef object;
+    CommandFault fault;
+    Completion how;
+    bool isHandedOver = false;  // it will complete with the work it began
+
+    // "CapGet", "source#1, 0x8112"
+    const char* name() const { return commandName(command); }
+    bool isOfCapability() const;
+    bool needsCompletion() const;
+};
+
+// Does the command's work; the answer for the application.
+MaidResult perform(World& world, Lock& lock, Command& command);
+
+// The command as it waits for its completion.
+PendingRef pendingOf(const Command& command, MaidResult result);
+
+// Notes a misuse by this command.
+void misuse(World& world, const Command& command, const std::string& text);
+
+}  // namespace virtualnikon
