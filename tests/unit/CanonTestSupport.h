@@ -5,12 +5,10 @@
 #include "TestSupport.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <random>
 #include <sstream>
 
+#include "TemporaryFolder.h"
 #include "canon/CameraModel.h"
 #include "canon/Processor.h"
 #include "canon/ShootingCommands.h"
@@ -130,53 +128,6 @@ inline void finishQueue(canon::Processor& processor, canon::CameraModel& model,
     const auto before = told();
     processor.enqueue(std::make_unique<canon::NotifyCommand>(model, "done"));
     ASSERT_TRUE(waitFor([&] { return told() > before; }));
-}
-
-// A fresh folder, removed with everything in it at the end.
-class TemporaryFolder
-{
-public:
-    TemporaryFolder()
-    {
-        // The process of a death test could not remove one.
-        if (testing::internal::InDeathTestChild()) {
-            m_path = (std::filesystem::temp_directory_path() / "lumatie-none").string();
-            return;
-        }
-        std::random_device number;
-        do {
-            m_path = (std::filesystem::temp_directory_path() / "lumatie-").string() +
-                     std::to_string(number());
-        } while (!std::filesystem::create_directory(m_path));
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    ~TemporaryFolder()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-
-    const std::string& path() const { return m_path; }
-
-    // How many entries there are.
-    std::ptrdiff_t size() const
-    {
-        return std::distance(std::filesystem::directory_iterator(m_path),
-                             std::filesystem::directory_iterator());
-    }
-
-private:
-    std::string m_path;
-};
-
-// The bytes of a file; empty when there is none.
-inline std::string contentOf(const std::string& path)
-{
-    const std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
 }
 
 // The bytes of picture file `file` on the virtual camera.

@@ -46,9 +46,9 @@ bool isLive(const Lumatie* object)
 }
 
 // Neither joined nor freed: a session whose threads and locks are another process's.
-void keepForEver(std::shared_ptr<canon::CanonState> state)
+void keepForEver(std::shared_ptr<void> state)
 {
-    static auto* const kept = new std::vector<std::shared_ptr<canon::CanonState>>;
+    static auto* const kept = new std::vector<std::shared_ptr<void>>;
     kept->push_back(std::move(state));
 }
 
@@ -84,7 +84,8 @@ bool runPatiently(const std::function<void()>& work)
 
 }  // namespace
 
-Lumatie::Lumatie() : m_canon(std::make_shared<canon::CanonState>())
+Lumatie::Lumatie()
+    : m_canon(std::make_shared<canon::CanonState>()), m_nikon(std::make_shared<nikon::NikonState>())
 {
     readDebugLogSwitch();
 
@@ -116,9 +117,10 @@ BOOL Lumatie::Init(const char* szInfo, const char* szExportFolder, PyObject* cal
     const PyThreadAllow allow;
     if (namesFile(szInfo)) {
         m_nVendor = VENDOR_NIKON;
-        return nikon::NikonInit(szInfo);
+        return nikon::NikonInit(*m_nikon, *this, szInfo);
     }
     m_nVendor = VENDOR_CANON;
+    nikon::NikonEndReports(*m_nikon);
     return canon::CanonInit(*m_canon, *this, szInfo);
 }
 
@@ -131,13 +133,14 @@ BOOL Lumatie::UpdateExportFolder(const char* szExportFolder)
 
 BOOL Lumatie::Uninit()
 {
-    const std::function<void()> endBackend = letGo();
+    std::function<void()> endBackend = letGo();
     if (!endBackend) {
         return 0;
     }
     // Without the interpreter lock the object may be deleted: nothing of it is touched any more.
     const PyThreadAllow allow;
     endBackend();
+    endBackend = nullptr;
     return 1;
 }
 
@@ -155,24 +158,29 @@ std::function<void()> Lumatie::letGo()
     }
     if (isOthers) {
         keepForEver(std::exchange(m_canon, std::make_shared<canon::CanonState>()));
+        keepForEver(std::exchange(m_nikon, std::make_shared<nikon::NikonState>()));
         SetCallback(nullptr);
         return [] {};
     }
+    // Before code of the host runs, which may let the interpreter end.
+    const auto underWay =
+        nikon::NikonHasSessions(*m_nikon) ? std::make_shared<const nikon::EndUnderWay>() : nullptr;
     g_szExportFolder.clear();
     g_szLastFile.clear();
     SetCallback(nullptr);
-    m_bShootRequest = 0;
-    return [vendor, canon = m_canon, self = static_cast<canon::Observer*>(this)] {
+    return [underWay, vendor, canon = m_canon, nikon = m_nikon,
+            self = static_cast<canon::Observer*>(this), caller = std::this_thread::get_id()] {
         if (vendor == VENDOR_CANON || canon::CanonHasSessions(*canon)) {
             canon::CanonClose(*canon, *self);
         }
+        nikon::NikonUninit(*nikon, caller);
     };
 }
 
 BOOL Lumatie::Shoot()
 {
-    if (m_nVendor == VENDOR_NIKON) {
-        m_bShootRequest = 1;
+    if (m_nVendor == VENDOR_NIKON && !isCopy()) {
+        nikon::NikonShoot(*m_nikon);
     } else if (m_nVendor == VENDOR_CANON) {
         canon::CanonShoot(*m_canon);
     }
@@ -181,7 +189,9 @@ BOOL Lumatie::Shoot()
 
 BOOL Lumatie::SetValue(int nType, int value)
 {
-    if (m_nVendor == VENDOR_CANON) {
+    if (m_nVendor == VENDOR_NIKON && !isCopy()) {
+        nikon::NikonSetValue(*m_nikon, nType, value);
+    } else if (m_nVendor == VENDOR_CANON) {
         canon::CanonSetValue(*m_canon, nType, static_cast<std::uint32_t>(value));
     }
     return 1;
@@ -217,6 +227,7 @@ void Lumatie::endAllSessions()
             }
         }
         canon::CanonAwaitEnds(exiting);
+        nikon::NikonAwaitEnds(exiting);
     });
     if (!done) {
         canon::Observable::silenceAll();

@@ -16,6 +16,9 @@ using BOOL = int;
 namespace canon {
 struct CanonState;
 }
+namespace nikon {
+struct NikonState;
+}
 
 // Chooses the camera's maker in Init and hands every operation to that maker's backend.
 //
@@ -68,7 +71,8 @@ public:
 
 private:
     // The first half of Uninit, with the interpreter lock held: lets go of everything that the
-    // host gave and returns what ends the backend; null when no vendor was active.
+    // host gave and returns what ends the backend; null when no vendor was active. The calling
+    // thread, which may be inside the callable, waits for that end on whatever thread it runs.
     std::function<void()> letGo();
 
     void update(canon::Observable* from, const canon::CameraEvent& event) override;
@@ -78,6 +82,6 @@ private:
 
     std::atomic<unsigned long> m_process{0};  // where Init was called last
     std::atomic<std::int32_t> m_nVendor{VENDOR_NONE};
-    std::atomic<std::int32_t> m_bShootRequest{0};
     std::shared_ptr<canon::CanonState> m_canon;
+    std::shared_ptr<nikon::NikonState> m_nikon;
 };

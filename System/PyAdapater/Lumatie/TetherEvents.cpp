@@ -40,3 +40,8 @@ void ListText::add(std::uint32_t key, std::int32_t value)
 {
     m_entries += std::to_string(key) + ":" + std::to_string(value) + ",";
 }
+
+void ListText::addFlag(const char* keyWord, bool flag)
+{
+    m_entries += std::string("'") + keyWord + "':" + (flag ? "1" : "0") + ",";
+}

@@ -61,6 +61,9 @@ public:
     // Appends <key>:<value>, with the value as a bare number.
     void add(std::uint32_t key, std::int32_t value);
 
+    // Appends '<keyWord>':1 or :0.
+    void addFlag(const char* keyWord, bool flag);
+
     // The whole text, in braces; "{}" when nothing was added.
     std::string text() const { return "{" + m_entries + "}"; }
 

@@ -57,6 +57,13 @@ void LastFile::clear()
 {
     const std::lock_guard<std::mutex> guard(m_lock);
     m_shared.clear();
+    ++m_clears;
+}
+
+unsigned LastFile::clears() const
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_clears;
 }
 
 std::string LastFile::take()

@@ -52,13 +52,17 @@ public:
     // Empties the shared text.
     void clear();
 
+    // How often the shared text was emptied by `clear`; it is compared only.
+    unsigned clears() const;
+
     // Returns the calling thread's own text or, when it has none, the shared one, and empties
     // both: each picture is reported once.
     std::string take();
 
 private:
-    std::mutex m_lock;  // guards the shared text
+    mutable std::mutex m_lock;  // guards both fields
     std::string m_shared;
+    unsigned m_clears = 0;
 };
 
 extern ExportFolder g_szExportFolder;

@@ -6,8 +6,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace platform {
 
@@ -28,6 +30,10 @@ std::uint32_t fileAttributes(const char* path);
 
 // Deletes the file at `path`; returns whether it is gone.
 bool removeFile(const char* path);
+
+// Creates an empty file at `path`, or empties the one that is there, for writing bytes; null when
+// that fails. The caller closes it.
+std::FILE* createFile(const char* path);
 
 // Copies the environment variable `name` into `buffer` of `size` bytes, terminator included.
 // Returns false, with an empty buffer, when it is not set or does not fit.
@@ -64,6 +70,9 @@ public:
     // Waits without limit; returns whether the calling thread owns the mutex now.
     bool lock();
 
+    // Waits for at most `milliseconds`; returns whether the calling thread owns the mutex now.
+    bool lockFor(unsigned milliseconds);
+
     // Gives up one level of ownership; returns false, and changes nothing, on a thread that does
     // not own the mutex.
     bool unlock();
@@ -71,6 +80,30 @@ public:
 private:
     struct State;
     std::unique_ptr<State> m_state;
+};
+
+// A library that was loaded at run time; unloaded when this is destroyed.
+class Library
+{
+public:
+    // Loads the library in the file `path`; null, with the system's reason in `error`, when there
+    // is none. One that is loaded already is loaded once more, and is the same.
+    static std::unique_ptr<Library> load(const char* path, std::string& error);
+
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+    ~Library();
+
+    // The exported function of that name; null when there is none.
+    void (*function(const char* name) const)();
+
+    // Equal for two objects exactly when they stand for the same library.
+    const void* identity() const { return m_handle; }
+
+private:
+    explicit Library(void* handle) : m_handle(handle) {}
+
+    void* m_handle;
 };
 
 // Makes the calling thread a member of COM's multithreaded apartment while it lives; nothing on

@@ -1,4 +1,6 @@
 // The fair recursive mutex for POSIX: ownership is handed to the longest waiter on release.
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -40,6 +42,28 @@ bool Mutex::lock()
         m_state->waiters.push_back(&waiter);
         waiter.granted.wait(guard, [&] { return m_state->owner == self; });
         return true;
+    }
+    ++m_state->depth;
+    return true;
+}
+
+bool Mutex::lockFor(unsigned milliseconds)
+{
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> guard(m_state->guard);
+
+    if (m_state->depth == 0) {
+        m_state->owner = self;
+    } else if (m_state->owner != self) {
+        Waiter waiter{self, {}};
+        std::deque<Waiter*>& waiters = m_state->waiters;
+        waiters.push_back(&waiter);
+        const bool granted = waiter.granted.wait_for(guard, std::chrono::milliseconds(milliseconds),
+                                                     [&] { return m_state->owner == self; });
+        if (!granted) {
+            waiters.erase(std::find(waiters.begin(), waiters.end(), &waiter));
+        }
+        return granted;
     }
     ++m_state->depth;
     return true;

@@ -51,6 +51,11 @@ bool removeFile(const char* path)
     return ::unlink(path) == 0 || errno == ENOENT;
 }
 
+std::FILE* createFile(const char* path)
+{
+    return std::fopen(path, "wb");
+}
+
 bool environmentVariable(const char* name, char* buffer, std::size_t size)
 {
     buffer[0] = '\0';

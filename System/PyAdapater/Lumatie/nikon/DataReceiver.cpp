@@ -1,0 +1,230 @@
+#include "nikon/DataReceiver.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "PictureName.h"
+#include "TetherTexts.h"
+#include "nikon/Console.h"
+#include "platform/Platform.h"
+
+namespace nikon {
+
+namespace {
+
+constexpr const char* kVendorWord = "Nikon";
+
+// A slow disk gives a sign of life after each of these.
+constexpr std::size_t kWriteSize = std::size_t{1} << 20U;
+
+// More than any picture has; files are limited to 4 GiB anyway, images in rows are not.
+constexpr std::uint64_t kMostBytes = std::uint64_t{16} << 30U;
+
+const char* extensionOf(std::uint32_t fileType)
+{
+    switch (fileType) {
+        case kMaidFileJpeg:
+            return ".jpg";
+        case kMaidFileTiff:
+            return ".tif";
+        case kMaidFileNef:
+            return ".nef";
+        case kMaidFileNdf:
+            return ".ndf";
+        default:
+            return ".dat";
+    }
+}
+
+// A record of the module's; it may lie anywhere.
+template <typename Record>
+Record copyOf(const void* source)
+{
+    Record record = {};
+    std::memcpy(&record, source, sizeof record);
+    return record;
+}
+
+}  // namespace
+
+// A part in bytes, whatever form the module describes it in. 64 bits, so that nothing overflows.
+struct DataReceiver::Part {
+    bool isFile = false;
+    bool mayRemoveItem = false;
+    std::uint64_t total = 0;
+    std::uint64_t length = 0;
+    const char* extension = "";
+
+    static Part of(const void* info);
+};
+
+DataReceiver::Part DataReceiver::Part::of(const void* info)
+{
+    Part part;
+    const std::uint32_t kind = copyOf<MaidDataInfo>(info).kind;
+    part.isFile = (kind & kMaidDataFile) != 0;
+    bool removes = false;
+    if (part.isFile) {
+        const auto file = copyOf<MaidFileInfo>(info);
+        part.total = file.totalLength;
+        part.length = file.length;
+        part.extension = extensionOf(file.fileType);
+        removes = file.removeObject != 0;
+    } else {
+        const auto image = copyOf<MaidImageInfo>(info);
+        part.total = std::uint64_t{image.totalRows} * image.rowBytes;
+        part.length = std::uint64_t{image.rows} * image.rowBytes;
+        part.extension = ".raw";
+        removes = image.removeObject != 0;
+    }
+    part.mayRemoveItem = removes && (kind & kMaidDataImage) != 0;
+    return part;
+}
+
+// The room for one picture. Plain memory, because nothing needs to fill it first.
+class DataReceiver::Buffer
+{
+public:
+    explicit Buffer(const Part& part)
+        : total(part.total), isFile(part.isFile), m_bytes(allocate(part.total))
+    {}
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+    ~Buffer() { std::free(m_bytes); }  // NOLINT(cppcoreguidelines-no-malloc)
+
+    unsigned char* bytes() const { return m_bytes; }
+
+    const std::uint64_t total;
+    const bool isFile;
+    std::uint64_t offset = 0;
+
+private:
+    static unsigned char* allocate(std::uint64_t size)
+    {
+        const auto bytes = static_cast<std::size_t>(size);
+        if (bytes != size || size > kMostBytes) {
+            return nullptr;
+        }
+        // NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
+        return static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(bytes, 1)));
+    }
+
+    unsigned char* const m_bytes;
+};
+
+DataReceiver::DataReceiver(std::int32_t itemId, std::shared_ptr<LifeSigns> signs)
+    : m_itemId(itemId), m_signs(std::move(signs))
+{}
+
+DataReceiver::~DataReceiver() = default;
+
+MaidResult DataReceiver::take(const void* info, const void* data)
+{
+    m_signs->note();
+    if (info == nullptr) {
+        return kMaidFileFailed;
+    }
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return takePart(Part::of(info), data);
+}
+
+MaidResult DataReceiver::takePart(const Part& part, const void* data)
+{
+    if (!m_buffer) {
+        auto buffer = std::make_unique<Buffer>(part);
+        if (buffer->bytes() == nullptr) {
+            Console::puts("There is not enough memory.");
+            return kMaidOutOfMemory;
+        }
+        m_buffer = std::move(buffer);
+    }
+    if (part.total != m_buffer->total || part.isFile != m_buffer->isFile ||
+        (data == nullptr && part.length > 0)) {
+        return kMaidFileFailed;
+    }
+    if (part.length > m_buffer->total - m_buffer->offset) {
+        return kMaidOutOfMemory;
+    }
+    if (part.length > 0) {
+        std::memcpy(m_buffer->bytes() + m_buffer->offset, data,
+                    static_cast<std::size_t>(part.length));
+    }
+    if (m_buffer->offset + part.length < m_buffer->total) {
+        m_buffer->offset += part.length;
+        return kMaidOk;
+    }
+    return finish(part);
+}
+
+// The picture is complete. Its file that cannot be made leaves all as it was before the last part,
+// which the module may deliver again.
+MaidResult DataReceiver::finish(const Part& part)
+{
+    // An empty folder text never forms a path: it would lie in the root folder.
+    const std::string folder = g_szExportFolder.forPictures();
+    std::string result = kLastFileError;
+    if (!folder.empty()) {
+        const std::string path = newPicturePath(folder, kVendorWord, part.extension);
+        std::FILE* file = platform::createFile(path.c_str());
+        if (file == nullptr) {
+            return kMaidFileFailed;
+        }
+        if (write(file) || !part.isFile) {
+            result = path;
+        } else {
+            platform::removeFile(path.c_str());
+        }
+    }
+    m_buffer = nullptr;
+    g_szLastFile.set(result);
+    m_results.push_back(result);
+    if (part.mayRemoveItem && result != kLastFileError) {
+        m_mayRemoveItem = true;
+    }
+    return kMaidOk;
+}
+
+// Writes the picture and closes the file; returns whether all of it, and not nothing, was written.
+bool DataReceiver::write(std::FILE* file)
+{
+    const auto total = static_cast<std::size_t>(m_buffer->total);
+    std::size_t done = 0;
+    bool good = total > 0;
+    while (good && done < total) {
+        const std::size_t size = std::min(kWriteSize, total - done);
+        good = std::fwrite(m_buffer->bytes() + done, 1, size, file) == size;
+        done += size;
+        m_signs->note();
+    }
+    return std::fclose(file) == 0 && good;
+}
+
+std::vector<std::string> DataReceiver::results() const
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_results;
+}
+
+bool DataReceiver::mayRemoveItem() const
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_mayRemoveItem;
+}
+
+Handles<DataReceiver>& receivers()
+{
+    // Never destroyed: a module that was left behind may deliver data at any time.
+    static auto* const all = new Handles<DataReceiver>;
+    return *all;
+}
+
+MaidResult MAIDAPI receiveData(MaidReference reference, const void* info, const void* data)
+{
+    const std::shared_ptr<DataReceiver> receiver = receivers().find(reference);
+    return receiver ? receiver->take(info, data) : kMaidFileFailed;
+}
+
+}  // namespace nikon

@@ -1,0 +1,57 @@
+// Folders and files to work with.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+
+// A fresh folder, removed with everything in it at the end.
+class TemporaryFolder
+{
+public:
+    TemporaryFolder()
+    {
+        // The process of a death test could not remove one.
+        if (testing::internal::InDeathTestChild()) {
+            m_path = (std::filesystem::temp_directory_path() / "lumatie-none").string();
+            return;
+        }
+        std::random_device number;
+        do {
+            m_path = (std::filesystem::temp_directory_path() / "lumatie-").string() +
+                     std::to_string(number());
+        } while (!std::filesystem::create_directory(m_path));
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    ~TemporaryFolder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+
+    const std::string& path() const { return m_path; }
+
+    // How many entries there are.
+    std::ptrdiff_t size() const
+    {
+        return std::distance(std::filesystem::directory_iterator(m_path),
+                             std::filesystem::directory_iterator());
+    }
+
+private:
+    std::string m_path;
+};
+
+// The bytes of a file; empty when there is none.
+inline std::string contentOf(const std::string& path)
+{
+    const std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
