@@ -47,17 +47,35 @@ finish() {
 }
 
 run_cpp_tests() {
+    start cpp ctest --test-dir "build/$tree" --output-on-failure --no-tests=error --timeout 120 \
+        --parallel "$(nproc)"
+    finish cpp
+}
+
+# A sanitizer costs most at the start and at the end of a process, so here all tests of an
+# executable share one.
+run_sanitized_tests() {
     export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1
     export LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp:print_suppressions=0
     export UBSAN_OPTIONS=print_stacktrace=1
     export TSAN_OPTIONS=second_deadlock_stack=1
-    start cpp "${fixed_layout[@]}" ctest --test-dir "build/$tree" --output-on-failure \
-        --no-tests=error --timeout 120 --parallel "$(nproc)"
-    finish cpp
+    local program programs names=() fixed_layout=()
+    # The thread sanitizer of GCC 12 needs the address space where it expects it.
+    if [[ $variant == tsan ]] && setarch --addr-no-randomize true 2>/dev/null; then
+        fixed_layout=(setarch --addr-no-randomize)
+    fi
+    mapfile -t programs < <(find "build/$tree/tests" -name '*_test*' -type f -executable | sort)
+    for program in "${programs[@]}"; do
+        names+=("cpp-${program##*/}")
+        start "${names[-1]}" "${fixed_layout[@]}" "$program" --gtest_brief=1
+    done
+    finish "${names[@]}"
 }
 
-# suite NAME FOLDER PYTHON: starts the tests of a folder in tests/.
-suite() { start "$1" "$3" -X dev -m unittest discover --verbose -s "tests/$2" -t "tests/$2"; }
+# suite NAME FOLDER FILES PYTHON: starts the tests of a folder in tests/ whose files match a pattern.
+suite() {
+    start "$1" "$4" -X dev -m unittest discover --verbose -s "tests/$2" -t "tests/$2" -p "$3"
+}
 
 run_python_tests() {
     local python pythons tested name names=()
@@ -74,15 +92,23 @@ run_python_tests() {
         start "$name" "$python" -X dev scripts/smoke_test.py
         finish "$name"
     done
-    # They wait more than they work, so the interpreters take the suite at the same time.
+    # They wait more than they work, so all of this runs at the same time.
     for python in "${tested[@]}"; do
-        names+=("$(label "$python")")
-        suite "${names[-1]}" python "$python"
+        name=$(label "$python")
+        suite "$name" python 'test_[!n]*.py' "$python"
+        suite "$name-nikon" python 'test_n*.py' "$python"
+        names+=("$name" "$name-nikon")
+    done
+    finish "${names[@]}"
+    names=()
+    for python in "${tested[@]}"; do
+        names+=("$(label "$python")-limits")
+        suite "${names[-1]}" python/alone test_limits.py "$python"
     done
     finish "${names[@]}"
     for python in "${tested[@]}"; do
-        name=$(label "$python")-alone
-        suite "$name" python/alone "$python"
+        name=$(label "$python")-log
+        suite "$name" python/alone test_debug_log.py "$python"
         finish "$name"
     done
 }
@@ -90,11 +116,10 @@ run_python_tests() {
 label() { "$1" -c 'import sys; print("python%d.%d" % sys.version_info[:2])'; }
 
 scripts/build.sh "$tree"
-# The thread sanitizer of GCC 12 needs the address space where it expects it.
-fixed_layout=()
-if [[ $variant == tsan ]] && setarch --addr-no-randomize true 2>/dev/null; then
-    fixed_layout=(setarch --addr-no-randomize)
+if [[ -n $variant ]]; then
+    run_sanitized_tests
+else
+    run_cpp_tests
+    run_python_tests
 fi
-run_cpp_tests
-[[ -n $variant ]] || run_python_tests
 "$system_python" scripts/totals.py "$results"

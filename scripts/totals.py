@@ -32,6 +32,21 @@ def ctest_totals(text):
     return Totals([match.group()], total - failed - skipped, failed, skipped)
 
 
+def gtest_totals(text):
+    ran = last(r"^\[=+\] (\d+) tests? from \d+ test suites? ran\..*$", text)
+    if not ran:
+        return None
+    total, closing = int(ran.group(1)), [ran.group()]
+    counts = dict.fromkeys(("PASSED", "SKIPPED"), 0)
+    for word in counts:
+        match = last(r"^\[  %s *\] (\d+) tests?\b.*$" % word, text)
+        if match:
+            counts[word] = int(match.group(1))
+            closing.append(match.group())
+    failed = total - counts["PASSED"] - counts["SKIPPED"]
+    return Totals(closing, counts["PASSED"], failed, counts["SKIPPED"])
+
+
 def unittest_totals(text):
     ran = last(r"^Ran (\d+) tests? in .*$", text)
     end = last(r"^(?:OK|FAILED|NO TESTS RAN)(?: \(.*\))?$", text)
@@ -49,7 +64,7 @@ def totals_of(log):
     text = log.read_text(errors="replace")
     status = log.with_suffix(".status")
     ended_well = status.exists() and status.read_text().strip() == "0"
-    found = ctest_totals(text) or unittest_totals(text)
+    found = ctest_totals(text) or gtest_totals(text) or unittest_totals(text)
     if found is None:
         return Totals(["did not finish"], 0, 1, 0)
     if not ended_well and not found.failed:
