@@ -1,7 +1,8 @@
 """Shoots a few pictures with a tethered camera: what an application does with the module.
 
-Started by `./run demo`, which builds the module and puts it on the path. Needs nothing but the
-standard library of CPython 3.8 or newer.
+Started by `./run demo`, which builds the module and puts it on the path, or by `./run demo nikon`,
+which names the virtual Nikon camera's driver module. Needs nothing but the standard library of
+CPython 3.8 or newer.
 """
 
 import argparse
@@ -22,7 +23,7 @@ PICTURE_PATIENCE = 60
 
 # A picture's path may have 255 bytes; with a longer one the module ends the process.
 LONGEST_PATH = 255
-LONGEST_NAME = "Canon_1700000000_2147483647.JPG"
+LONGEST_NAME = "Canon_1700000000_2147483647.JPG"  # a Nikon camera's are as long
 
 # The settings of a camera; those that can be chosen have the code of their list behind them.
 NAMES = {
@@ -46,6 +47,9 @@ SETTING_OF_LIST = {code: setting for setting, code in LISTS.items()}
 # What a camera must have told before it is of use.
 NEEDED = [setting for setting in LISTS if setting != Lumatie.TETHER_COLORTEMP]
 
+# The entry of a Nikon camera's list that says whether the setting can be changed now.
+EDITABLE = "NIKON_EDITABLE"
+
 
 class Failure(Exception):
     """What went wrong, in words for the person in front of the screen."""
@@ -56,7 +60,8 @@ class Interrupted(Exception):
 
 
 def show(what, value):
-    print("  %-20s %s" % (what, value), flush=True)
+    # In one piece: a driver module's own lines come from another thread.
+    print("  %-20s %s\n" % (what, value), end="", flush=True)
 
 
 def summary(choices):
@@ -116,19 +121,30 @@ def check_picture(path):
 
 
 class Host:
-    """One application with one camera. Everything but `receive` runs on the main thread."""
+    """One application with one camera. Everything but `receive` runs on the main thread.
+
+    A Canon camera reports what has changed: keys of its own with their texts. A Nikon camera
+    reports everything once a second: positions in its lists.
+    """
 
     def __init__(self):
         self.tether = Lumatie.Lumatie()
         self.events = queue.SimpleQueue()
         self.is_interrupted = False
+        self.is_nikon = False
+        self.wants_picture = False
+        self.reported = {}  # code -> what came with it last
         self.current = {}  # setting -> the value that SetValue takes
-        self.choices = {}  # setting -> {key: what to show for it}
+        self.texts = {}  # setting -> {key: what to show for it}
+        self.choices = {}  # the same of what can be chosen now
         self.quality = ""
         self.pictures = []  # paths in the order of their announcement
 
     def receive(self, *event):
         """The callback, on a thread of the module's: a camera waits for it, so it only notes."""
+        if self.wants_picture and event[0] == Lumatie.TETHER_EXPOSUREMODE:
+            self.wants_picture = False
+            self.tether.Shoot()
         self.events.put(event)
 
     def interrupt(self, *_):
@@ -154,35 +170,60 @@ class Host:
         """Carries out one event."""
         if code == Lumatie.TETHER_GENERAL:
             self.handle_status(*status_of(values[0]))
+        elif self.is_nikon and self.reported.get(code) == values:
+            return
         elif code in SETTING_OF_LIST:
-            setting = SETTING_OF_LIST[code]
-            self.choices[setting] = ast.literal_eval(values[0])
-            show(NAMES[setting], summary(self.choices[setting].values()))
+            self.handle_list(SETTING_OF_LIST[code], ast.literal_eval(values[0]))
         elif code in NAMES:
-            # Some settings come as a key and a text, others as a text or a number alone.
+            # Some settings come as a key and a text, others as a text, number or position alone.
             self.current[code] = values[0]
-            show(NAMES[code], values[-1])
+            self.show_value(code, values[-1])
             if code == Lumatie.TETHER_IMAGEQUALITY:
                 self.quality = values[0]
+        self.reported[code] = values
+
+    def handle_list(self, setting, choices):
+        can_be_set = choices.pop(EDITABLE, 1)
+        self.texts[setting] = choices
+        self.choices[setting] = choices if can_be_set else {}
+        if self.is_nikon:
+            self.show_value(setting, self.current[setting])
+        show(NAMES[setting], summary(choices.values()))
+
+    def show_value(self, setting, value):
+        if self.is_nikon and setting in LISTS:
+            if setting not in self.texts:
+                return  # the first list comes behind the value
+            value = self.texts[setting].get(value, "unknown")
+        show(NAMES[setting], value)
 
     def handle_status(self, word, value):
         if word == Lumatie.TETHER_GENERAL_NEWFILE:
-            self.pictures.append(value)
+            # After an attempt that failed, a Nikon camera's last picture is announced again.
+            if value not in self.pictures:
+                self.pictures.append(value)
         elif word == Lumatie.TETHER_GENERAL_WRITEFAIL:
             raise Failure("the module could not write a picture")
         elif word == Lumatie.TETHER_GENERAL_DEVICEBUSY:
             show("camera", "busy")
 
     def start(self, camera, folder):
+        self.is_nikon = os.path.isfile(camera)  # the module chooses the maker by this, too
         if not self.tether.Init(camera, folder, self.receive):
-            if os.path.isfile(camera):
-                raise Failure('"%s" is a file: driver modules are not supported yet' % camera)
+            if self.is_nikon:
+                raise Failure('"%s" is no driver module, or it found no camera' % camera)
             raise Failure('no camera "%s" was found' % camera)
         self.wait_for(
-            lambda: all(key in self.current and key in self.choices for key in NEEDED),
+            self.has_settings,
             START_PATIENCE,
             'the camera "%s" did not report its settings' % camera,
         )
+
+    def has_settings(self):
+        """Whether the camera has told what is needed, a Nikon camera the whole report."""
+        if self.is_nikon and Lumatie.TETHER_IMAGEQUALITY not in self.current:
+            return False
+        return all(key in self.current and key in self.choices for key in NEEDED)
 
     def set(self, setting, value):
         """Changes a setting and waits until the camera reports the change."""
@@ -196,17 +237,19 @@ class Host:
             "the camera did not change its %s" % NAMES[setting],
         )
 
-    def choose(self, setting, wanted):
-        """Sets what the list shows as `wanted`, or else the value in the middle of the list."""
+    def choose(self, setting, *wanted):
+        """Sets what the list shows as one of `wanted`, or else the value in its middle."""
         choices = self.choices[setting]
         if not choices:
             show(NAMES[setting], "is the camera's own choice in this exposure mode")
             return
-        keys = [key for key, text in choices.items() if text == wanted]
+        keys = [key for key, text in choices.items() if text in wanted]
         self.set(setting, keys[0] if keys else list(choices)[len(choices) // 2])
 
     def choose_color_temperature(self, kelvin):
         """Sets the white balance by colour temperature, as near to `kelvin` as the camera can."""
+        if self.is_nikon:
+            return
         if Lumatie.TETHER_CANON_COLORTEMP not in self.choices[Lumatie.TETHER_WB]:
             show(NAMES[Lumatie.TETHER_COLORTEMP], "cannot be chosen in this exposure mode")
             return
@@ -225,7 +268,11 @@ class Host:
         """Takes one picture and checks each file that comes of it."""
         files = 1 + self.quality.count("+")  # "RAW + Large Fine Jpeg" makes two
         before = len(self.pictures)
-        self.tether.Shoot()
+        if self.is_nikon:
+            # A request that comes late in a cycle is dropped; `receive` makes it at the start.
+            self.wants_picture = True
+        else:
+            self.tether.Shoot()
         self.wait_for(
             lambda: len(self.pictures) >= before + files,
             PICTURE_PATIENCE,
@@ -241,9 +288,9 @@ class Host:
             self.start(camera, folder)
             print("\nChanging settings:", flush=True)
             self.choose(Lumatie.TETHER_SHUTTERSPEED, "1/250")
-            self.choose(Lumatie.TETHER_APERTURE, "8")
+            self.choose(Lumatie.TETHER_APERTURE, "8", "f/8")
             self.choose(Lumatie.TETHER_ISO, "800")
-            self.choose(Lumatie.TETHER_WB, "Daylight")
+            self.choose(Lumatie.TETHER_WB, "Daylight", "Direct sunlight")
             self.choose_color_temperature(5600)
             print("\nShooting:", flush=True)
             for number in range(1, shots + 1):
@@ -275,7 +322,8 @@ def parse_arguments():
         "--camera",
         type=name,
         default="Virtual EOS",
-        help='what the camera calls itself, e.g. "Canon EOS 80D" (default: "%(default)s")',
+        help="what a Canon camera calls itself, or the path of a Nikon camera's driver module "
+        '(default: "%(default)s")',
     )
     parser.add_argument("--folder", help="where the pictures go (default: a new temporary folder)")
     parser.add_argument(

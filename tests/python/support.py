@@ -93,28 +93,19 @@ class SteeringError(Exception):
     """The virtual camera refused what a test asked of it."""
 
 
-class VirtualCamera:
-    """The steering interface of the virtual Canon library (virtual/VirtualCamera.h).
+class Steering:
+    """What the steering interfaces of all virtual cameras have in common.
 
     One world for the whole process: every instance steers the same. Methods about one camera take
     its number, 0 for the first. A refusal raises SteeringError; a wait whose time runs out fails.
     """
 
-    def __init__(self):
-        self._library = ctypes.CDLL(str(VIRTUAL_DIR / "libEDSDK.so"))
-        for name in ("Property", "PictureValue", "PictureBytes", "StreamBytes"):
-            self._function(name).restype = ctypes.c_int64
-        self._function("PictureBytes").argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_int64]
-        self._function("NewItem").restype = ctypes.c_void_p
-        self._function("SendObjectEvent").argtypes = [
-            ctypes.c_int,
-            ctypes.c_uint32,
-            ctypes.c_void_p,
-        ]
-        self._markers = 0
+    def __init__(self, library, prefix):
+        self._library = ctypes.CDLL(str(library))
+        self._prefix = prefix
 
     def _function(self, name):
-        return getattr(self._library, "VirtualCamera" + name)
+        return getattr(self._library, self._prefix + name)
 
     def _text(self, name, *arguments):
         """A text that the library gives out; it may grow between the two calls."""
@@ -136,8 +127,6 @@ class VirtualCamera:
                 "not within {:g} s: {}{}\n{}".format(deadline, name, arguments, self.story())
             )
 
-    # Settings.
-
     def reset(self):
         """Back to the factory: one camera, plugged in, no faults, all logs and counts empty."""
         self._function("Reset")()
@@ -155,6 +144,123 @@ class VirtualCamera:
         """Every setting with its value now, as a text that configure() takes."""
         return self._text("Settings")
 
+    def remove(self, camera=0):
+        """Unplugs the camera and forgets it."""
+        self._do("Remove", camera)
+
+    def unplug(self, camera=0):
+        """Pulls the cable: every call on the camera fails from now on."""
+        self._do("Unplug", camera)
+
+    def plug(self, camera=0):
+        """Puts the cable back in."""
+        self._do("Plug", camera)
+
+    def press_shutter(self, camera=0):
+        """Presses the button on the body; does not wait for the picture."""
+        self._do("PressShutter", camera)
+
+    def turn_dial(self, mode, camera=0):
+        """Turns the mode dial; what depends on it changes and is announced."""
+        self._do("TurnDial", camera, ctypes.c_uint32(mode))
+
+    def fault(self, rule):
+        """Makes calls misbehave, e.g. "EdsSendCommand code=0x60 command=4 parameter=3"."""
+        self._do("Fault", rule.encode())
+
+    def event_rule(self, rule):
+        """Makes events misbehave, e.g. "0x208 lose"."""
+        self._do("EventRule", rule.encode())
+
+    def clear_faults(self):
+        """Forgets all faults and event rules."""
+        self._function("ClearFaults")()
+
+    def release_hangs(self):
+        """Lets every hanging call go on; returns how many there were."""
+        return self._function("ReleaseHangs")()
+
+    def wait_for_hang(self, function="*", deadline=DEADLINE):
+        """Waits until a call of the function hangs."""
+        self._wait("WaitForHang", function.encode(), deadline=deadline)
+
+    def calls(self, function="*"):
+        """How many calls of the function were answered."""
+        return self._function("CallCount")(function.encode())
+
+    def wait_for_calls(self, function, count=1, deadline=DEADLINE):
+        """Waits until at least `count` calls of the function were answered since the reset."""
+        self._wait("WaitForCalls", function.encode(), count, deadline=deadline)
+
+    def wait_until_idle(self, deadline=DEADLINE):
+        """Waits until no call, exposure, event or handler is under way.
+
+        The module's own queue may still hold commands.
+        """
+        self._wait("WaitUntilIdle", deadline=deadline)
+
+    def log(self):
+        """The call log, a line for each answered call and delivered event."""
+        return self._text("Log").splitlines()
+
+    def clear_log(self):
+        """Empties the log; counts stay."""
+        self._function("ClearLog")()
+
+    def misuse(self):
+        """How the application broke the rules of the interface, a line each."""
+        return self._text("Misuse").splitlines()
+
+    def clear_misuse(self):
+        """Forgets the misuses."""
+        self._function("ClearMisuse")()
+
+    def story(self):
+        """The end of the call log, for the message of a failure."""
+        return "\n".join(self.log()[-30:])
+
+    def wait_for_pictures(self, count=1, deadline=DEADLINE):
+        """Waits until at least `count` picture files were made."""
+        self._wait("WaitForPictures", count, deadline=deadline)
+
+    def picture_fields(self, *fields):
+        """The files made since the reset: dicts of their name and these fields."""
+        found = []
+        for index in range(self._function("PictureCount")()):
+            value = self._function("PictureValue")
+            picture = {field: value(index, field.encode()) for field in fields}
+            picture["name"] = self._text("PictureName", index)
+            found.append(picture)
+        return found
+
+    def picture_bytes(self, index):
+        """The bytes of one file, as they lie on the camera."""
+        size = self._function("PictureBytes")(index, None, 0)
+        if size < 0:
+            raise SteeringError("picture {} is not kept".format(index))
+        buffer = ctypes.create_string_buffer(max(size, 1))
+        self._function("PictureBytes")(index, buffer, size)
+        return buffer.raw[:size]
+
+
+class VirtualCamera(Steering):
+    """The steering interface of the virtual Canon library (virtual/VirtualCamera.h)."""
+
+    def __init__(self):
+        super().__init__(VIRTUAL_DIR / "libEDSDK.so", "VirtualCamera")
+        for name in ("Property", "PictureValue", "PictureBytes", "StreamBytes"):
+            self._function(name).restype = ctypes.c_int64
+        self._function("PictureBytes").argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_int64]
+        self._function("NewItem").restype = ctypes.c_void_p
+        self._function("SendObjectEvent").argtypes = [
+            ctypes.c_int,
+            ctypes.c_uint32,
+            ctypes.c_void_p,
+        ]
+        self._markers = 0
+
+    # Settings.
+
     # Cameras.
 
     def add(self, name, sub_type=1):
@@ -168,18 +274,6 @@ class VirtualCamera:
         """Names the camera with exactly these bytes; 256 of them leave no terminator."""
         self._do("SetName", camera, name, len(name))
 
-    def remove(self, camera=0):
-        """Unplugs the camera and forgets it."""
-        self._do("Remove", camera)
-
-    def unplug(self, camera=0):
-        """Pulls the cable: every call on the camera fails from now on."""
-        self._do("Unplug", camera)
-
-    def plug(self, camera=0):
-        """Puts the cable back in: a new camera list shows the camera again."""
-        self._do("Plug", camera)
-
     def sleep(self, asleep=True, camera=0):
         """Lets the camera fall asleep, or wakes it."""
         self._do("Sleep", camera, int(asleep))
@@ -187,14 +281,6 @@ class VirtualCamera:
     def session_open(self, camera=0):
         """Whether a session is open with the camera."""
         return bool(self._function("SessionOpen")(camera))
-
-    def press_shutter(self, camera=0):
-        """Presses the button on the body; does not wait for the picture."""
-        self._do("PressShutter", camera)
-
-    def turn_dial(self, mode, camera=0):
-        """Turns the mode dial; what depends on it changes and is announced."""
-        self._do("TurnDial", camera, ctypes.c_uint32(mode))
 
     # Properties.
 
@@ -231,29 +317,9 @@ class VirtualCamera:
 
     # Faults.
 
-    def fault(self, rule):
-        """Makes calls misbehave, e.g. "EdsSendCommand code=0x60 command=4 parameter=3"."""
-        self._do("Fault", rule.encode())
-
     def fail_next(self, function, code, calls=1):
         """The next `calls` calls of the function answer `code` and do nothing."""
         self._do("FailNext", function.encode(), ctypes.c_uint32(code), calls)
-
-    def event_rule(self, rule):
-        """Makes events misbehave, e.g. "0x208 lose"."""
-        self._do("EventRule", rule.encode())
-
-    def clear_faults(self):
-        """Forgets all faults and event rules."""
-        self._function("ClearFaults")()
-
-    def release_hangs(self):
-        """Lets every hanging call go on; returns how many there were."""
-        return self._function("ReleaseHangs")()
-
-    def wait_for_hang(self, function="*", deadline=DEADLINE):
-        """Waits until a call of the function hangs."""
-        self._wait("WaitForHang", function.encode(), deadline=deadline)
 
     # Events.
 
@@ -286,21 +352,6 @@ class VirtualCamera:
         self._wait("WaitForEvents", ctypes.c_uint32(event), count, deadline=deadline)
 
     # What the application did.
-
-    def calls(self, function="*"):
-        """How many calls of the function were answered."""
-        return self._function("CallCount")(function.encode())
-
-    def wait_for_calls(self, function, count=1, deadline=DEADLINE):
-        """Waits until at least `count` calls of the function were answered since the reset."""
-        self._wait("WaitForCalls", function.encode(), count, deadline=deadline)
-
-    def wait_until_idle(self, deadline=DEADLINE):
-        """Waits until no call, exposure, event or handler is under way.
-
-        The module's own queue may still hold commands: see settle().
-        """
-        self._wait("WaitUntilIdle", deadline=deadline)
 
     def settle(self, camera=0, deadline=DEADLINE):
         """Waits until everything that was asked for or raised so far has been dealt with, also
@@ -335,29 +386,9 @@ class VirtualCamera:
         )
         self.remove_property(marker, camera)
 
-    def log(self):
-        """The call log, a line for each answered call and delivered event."""
-        return self._text("Log").splitlines()
-
-    def clear_log(self):
-        """Empties the log; counts stay."""
-        self._function("ClearLog")()
-
-    def misuse(self):
-        """How the application broke the rules of the interface, a line each."""
-        return self._text("Misuse").splitlines()
-
-    def clear_misuse(self):
-        """Forgets the misuses."""
-        self._function("ClearMisuse")()
-
     def references(self, kind=""):
         """How many objects of a kind (list, camera, item, stream, image) the application holds."""
         return self._function("ReferenceCount")(kind.encode())
-
-    def story(self):
-        """The end of the call log, for the message of a failure."""
-        return "\n".join(self.log()[-30:])
 
     # Pictures.
 
@@ -365,30 +396,12 @@ class VirtualCamera:
         """Names the files to come with exactly these bytes; b"" goes back to IMG_0001.JPG."""
         self._do("SetPictureName", camera, name, len(name))
 
-    def wait_for_pictures(self, count=1, deadline=DEADLINE):
-        """Waits until at least `count` picture files were made."""
-        self._wait("WaitForPictures", count, deadline=deadline)
-
     def pictures(self):
         """The files made since the reset: dicts of name, size, shot, camera, origin, to_host,
         announced, downloaded and complete (see VirtualCamera.h)."""
-        fields = "shot camera origin size to_host announced downloaded complete".split()
-        found = []
-        for index in range(self._function("PictureCount")()):
-            value = self._function("PictureValue")
-            picture = {field: value(index, field.encode()) for field in fields}
-            picture["name"] = self._text("PictureName", index)
-            found.append(picture)
-        return found
-
-    def picture_bytes(self, index):
-        """The bytes of one file, as they lie on the camera."""
-        size = self._function("PictureBytes")(index, None, 0)
-        if size < 0:
-            raise SteeringError("picture {} is not kept".format(index))
-        buffer = ctypes.create_string_buffer(max(size, 1))
-        self._function("PictureBytes")(index, buffer, size)
-        return buffer.raw[:size]
+        return self.picture_fields(
+            *"shot camera origin size to_host announced downloaded complete".split()
+        )
 
 
 class Event(collections.namedtuple("Event", "code values thread time")):
@@ -603,6 +616,7 @@ def run_host(code, deadline=60.0, environment=None, python_dir=None, arguments=(
         LUMATIE_BUILD_DIR=str(BUILD),
     )
     variables.pop("LUMATIE_VIRTUAL_CANON", None)
+    variables.pop("LUMATIE_VIRTUAL_NIKON", None)
     for name, value in (environment or {}).items():
         if value is None:
             variables.pop(name, None)

@@ -15,9 +15,19 @@ import unittest
 from concurrent import futures
 from unittest import mock
 
-from support import DEADLINE, PYTHON_DIR, REPOSITORY, HostRun, Lumatie, run_host, wait_until
+from support import (
+    DEADLINE,
+    PYTHON_DIR,
+    REPOSITORY,
+    VIRTUAL_DIR,
+    HostRun,
+    Lumatie,
+    run_host,
+    wait_until,
+)
 
 DEMO = REPOSITORY / "host" / "tether_demo.py"
+NIKON_MODULE = str(VIRTUAL_DIR / "VirtualNikon.md3")
 
 # Bounds for one end after Ctrl-C: a part of a picture may have to be waited for.
 END_BOUND = 8.0
@@ -38,9 +48,12 @@ demo = load_demo()
 
 
 class DemoProcess:
-    """One run of the demo with a virtual camera of the given settings."""
+    """One run of the demo with a virtual camera of the given settings.
 
-    def __init__(self, base, settings, arguments):
+    The environment variable `variable` tells the maker's virtual camera where the settings are.
+    """
+
+    def __init__(self, base, settings, arguments, variable="LUMATIE_VIRTUAL_CANON"):
         self.log_path = pathlib.Path(base, "camera.log")
         configuration = pathlib.Path(base, "camera.txt")
         configuration.write_text(settings)
@@ -50,9 +63,9 @@ class DemoProcess:
             PYTHONIOENCODING="utf-8",
             PYTHONDONTWRITEBYTECODE="1",
             TMPDIR=str(base),
-            LUMATIE_VIRTUAL_CANON=str(configuration),
             LUMATIE_VIRTUAL_LOG=str(self.log_path),
         )
+        environment[variable] = str(configuration)
         self._process = subprocess.Popen(
             [sys.executable, str(DEMO)] + list(arguments),
             stdin=subprocess.DEVNULL,
@@ -91,6 +104,10 @@ class DemoProcess:
 
 
 class DemoTestCase(unittest.TestCase):
+    variable = "LUMATIE_VIRTUAL_CANON"
+    camera = ()  # arguments that choose it
+    settings = ""
+
     def setUp(self):
         base = tempfile.TemporaryDirectory(prefix="lumatie-demo-")
         self.addCleanup(base.cleanup)
@@ -102,31 +119,34 @@ class DemoTestCase(unittest.TestCase):
         os.mkdir(folder)
         return folder
 
-    def start(self, *arguments, settings="", base=None, folder=None):
+    def start(self, *arguments, settings=None, base=None, folder=None):
+        settings = self.settings if settings is None else settings
         base = self.base if base is None else base
         folder = self.folder if folder is None else folder
-        return DemoProcess(base, settings, ("--folder", folder) + arguments)
+        arguments = ("--folder", folder) + self.camera + arguments
+        return DemoProcess(base, settings, arguments, self.variable)
 
     def run_demo(self, *arguments, **options):
         """Runs the demo to its end; returns what it wrote, and what the camera saw."""
         process = self.start(*arguments, **options)
         return process.finish(), process.log()
 
-    def run_impatiently(self, settings, patience):
-        """Runs the demo with one of its patiences cut to 0.3 seconds."""
+    def run_impatiently(self, settings, patience, seconds=0.3):
+        """Runs the demo with one of its patiences cut short."""
         configuration = pathlib.Path(self.base, "camera.txt")
         configuration.write_text(settings)
         script = """
             import sys
             sys.path.insert(0, {!r})
             import tether_demo
-            tether_demo.{} = 0.3
-            sys.argv = ["tether_demo.py", "--folder", {!r}]
+            tether_demo.{} = {}
+            sys.argv = {!r}
             sys.exit(tether_demo.main())
         """
+        arguments = ["tether_demo.py", "--folder", self.folder] + list(self.camera)
         return run_host(
-            script.format(str(DEMO.parent), patience, self.folder),
-            environment={"LUMATIE_VIRTUAL_CANON": configuration},
+            script.format(str(DEMO.parent), patience, seconds, arguments),
+            environment={self.variable: configuration},
         )
 
     def pictures(self, folder=None):
@@ -229,9 +249,9 @@ class FailureTest(DemoTestCase):
         self.assert_fails(run, 'no camera "Nobody\'s Camera" was found')
         self.assert_session_ended(log)
 
-    def test_a_driver_module_is_refused_with_its_own_message(self):
+    def test_a_file_that_is_no_driver_module_is_named(self):
         run, _ = self.run_demo("--camera", str(DEMO))
-        self.assert_fails(run, '"%s" is a file: driver modules are not' % DEMO)
+        self.assert_fails(run, '"%s" is no driver module, or it found no camera' % DEMO)
 
     def test_a_folder_that_is_none_is_refused_before_the_start(self):
         file = os.path.join(self.base, "file")
@@ -321,14 +341,11 @@ class FailureTest(DemoTestCase):
             demo.check_picture(path)
 
 
-class InterruptTest(DemoTestCase):
-    # Slow enough that Ctrl-C always comes before the end, in whatever the demo is doing.
-    SLOW = """
-        shutter.lag_ms = 150
-        picture.size = 1000000
-        download.rate = 4
-        fault = EdsSetPropertyData delay_ms=30 calls=0
-    """
+class InterruptTestCase(DemoTestCase):
+    """Presses Ctrl-C."""
+
+    slow = ""  # settings with which Ctrl-C always comes before the end of a long shoot
+    latest = 1.5  # seconds in which everything that the demo does is done once
 
     def assert_interrupted(self, process, sent):
         run = process.finish()
@@ -340,14 +357,14 @@ class InterruptTest(DemoTestCase):
 
     def interrupt_after(self, delay):
         base = tempfile.mkdtemp(dir=self.base)
-        process = self.start("--shots", "100", settings=self.SLOW, base=base)
+        process = self.start("--shots", "100", settings=self.slow, base=base)
         process.read_until("Camera:")
         time.sleep(delay)
         process.interrupt()
         self.assert_interrupted(process, time.monotonic())
 
-    def test_ctrl_c_at_any_moment_ends_the_session(self):
-        delays = [random.uniform(0, 1.5) for _ in range(12)]
+    def interrupt_at_any_moment(self):
+        delays = [random.uniform(0, self.latest) for _ in range(12)]
         with futures.ThreadPoolExecutor(4) as pool:
             for delay, end in [
                 (delay, pool.submit(self.interrupt_after, delay)) for delay in delays
@@ -360,6 +377,26 @@ class InterruptTest(DemoTestCase):
         process.wait_for_log(fragment)
         process.interrupt()
         self.assert_interrupted(process, time.monotonic())
+
+    def interrupt_twice(self, first, second, settings):
+        process = self.start("--shots", "1", settings=settings)
+        process.wait_for_log(first)
+        process.interrupt()
+        process.wait_for_log(second)
+        process.interrupt()
+        self.assert_interrupted(process, time.monotonic())
+
+
+class InterruptTest(InterruptTestCase):
+    slow = """
+        shutter.lag_ms = 150
+        picture.size = 1000000
+        download.rate = 4
+        fault = EdsSetPropertyData delay_ms=30 calls=0
+    """
+
+    def test_ctrl_c_at_any_moment_ends_the_session(self):
+        self.interrupt_at_any_moment()
 
     def test_ctrl_c_inside_the_start_ends_the_session(self):
         self.interrupt_at("EdsGetCameraList", "fault = EdsGetChildCount delay_ms=500")
@@ -378,12 +415,141 @@ class InterruptTest(DemoTestCase):
         self.assert_interrupted(process, time.monotonic())
 
     def test_a_second_ctrl_c_changes_nothing(self):
-        process = self.start(settings="fault = EdsTerminateSDK delay_ms=500")
-        process.wait_for_log("EdsOpenSession")
-        process.interrupt()
-        process.wait_for_log("EdsCloseSession")
+        settings = "fault = EdsTerminateSDK delay_ms=500"
+        self.interrupt_twice("EdsOpenSession", "EdsCloseSession", settings)
+
+
+class NikonTestCase(DemoTestCase):
+    variable = "LUMATIE_VIRTUAL_NIKON"
+    camera = ("--camera", NIKON_MODULE)
+    # What the demo wants already: each change would take a second.
+    settings = """
+        value.0x8112 = 40
+        value.0x8113 = 9
+        value.0x8117 = 9
+        value.0x8118 = 3
+    """
+
+    def assert_session_ended(self, log):
+        """The module was closed, and nothing was done wrong with it."""
+        self.assertIn("Close(module#0, 0x0) = 0", log)
+        self.assertNotIn("MISUSE", log)
+
+
+class NikonTest(NikonTestCase):
+    """The same shoot with a Nikon camera."""
+
+    def test_five_pictures_are_taken_and_verified(self):
+        run, log = self.run_demo()
+        self.assertEqual((run.status, run.stderr), (0, ""))
+        self.assertEqual([data[:3] for data in self.pictures()], [JPEG_START] * 5)
+        self.assertEqual(len(re.findall(r"^  picture \d .*\(JPEG, ", run.stdout, re.M)), 5)
+        self.assertTrue(run.stdout.endswith("5 files are in %s\n" % self.folder), run.stdout)
+        self.assertEqual(len(re.findall(r"T\d+ CapStart\(source#1, 0x11\)", log)), 5)
+        self.assert_session_ended(log)
+
+    def test_four_settings_are_changed(self):
+        run, log = self.run_demo("--shots", "1", settings="")
+        self.assertEqual(run.status, 0, run)
+        for changed in ("0x8112", "0x8113", "0x8117", "0x8118"):
+            self.assertEqual(log.count("CapSet(source#1, %s) = 0" % changed), 1, changed)
+        before, after = run.stdout.split("Changing settings:")
+        self.assertRegex(before, r"(?m)^  exposure mode +Manual$")
+        self.assertRegex(before, r"(?m)^  shutter speed +1/125$")
+        self.assertRegex(before, r"(?m)^  shutter speed +56 choices: Bulb, 30, 25, ..., 1/8000$")
+        self.assertRegex(before, r"(?m)^  image quality +JPEG Fine$")
+        for line in ("shutter speed +1/250", "aperture +f/8", "ISO +800", "white balance +Direct"):
+            self.assertRegex(after, "(?m)^  " + line)
+        self.assertNotIn("colour temperature", run.stdout)
+
+    def test_settings_that_are_as_wanted_are_left_alone_and_reported_once(self):
+        run, log = self.run_demo("--shots", "3")
+        self.assertEqual(run.status, 0, run)
+        self.assertNotRegex(log, r"CapSet\(source#1, 0x811")
+        self.assertEqual(len(re.findall(r"(?m)^  shutter speed .*choices", run.stdout)), 1)
+        self.assertEqual(run.stdout.count("stays as it is"), 4)
+
+    def test_a_wish_that_the_camera_lacks_is_replaced_by_the_middle_of_its_list(self):
+        settings = self.settings + "texts.0x8112 = 1/60 | 1/30 | 1/15"
+        run, _ = self.run_demo("--shots", "1", settings=settings)
+        self.assertEqual(run.status, 0, run)
+        self.assertRegex(run.stdout.split("Changing settings:")[1], r"(?m)^  shutter speed +1/30$")
+
+    def test_settings_that_the_camera_chooses_itself_are_left_alone(self):
+        run, log = self.run_demo("--shots", "1", settings=self.settings + "camera.mode = 5")
+        self.assertEqual(run.status, 0, run)
+        self.assertEqual(run.stdout.count("is the camera's own choice"), 4)
+        self.assertNotRegex(log, r"CapSet\(source#1, 0x811")
+
+    def test_raw_and_jpeg_make_two_files_a_picture(self):
+        run, _ = self.run_demo("--shots", "2", settings=self.settings + "value.0x8110 = 6")
+        self.assertEqual(run.status, 0, run)
+        starts = sorted(data[:3] for data in self.pictures())
+        self.assertEqual(starts, [RAW_START[:3]] * 2 + [JPEG_START] * 2)
+
+    def test_a_picture_that_is_announced_again_is_not_taken_for_the_next_one(self):
+        settings = self.settings + "fault = CapStart capability=20 code=-124 skip=1 calls=1"
+        run, _ = self.run_demo("--shots", "2", settings=settings)
+        self.assertEqual(run.status, 0, run)
+        self.assertEqual(len(set(re.findall(r"Nikon_\d+_\d+\.jpg", run.stdout))), 2)
+
+    def test_a_folder_with_quotes_works(self):
+        for name in ("it's mine", "'}", "ü 写真"):
+            with self.subTest(name=name):
+                folder = self.make_folder(name)
+                run, _ = self.run_demo("--shots", "1", folder=folder)
+                self.assertEqual((run.status, run.stderr), (0, ""))
+                self.assertEqual(len(self.pictures(folder)), 1)
+
+    def test_a_module_without_a_camera_is_named(self):
+        run, log = self.run_demo(settings="camera.plugged = 0")
+        self.assert_fails(run, '"%s" is no driver module, or it found no camera' % NIKON_MODULE)
+        self.assert_session_ended(log)
+
+    def test_a_camera_that_goes_away_is_noticed(self):
+        settings = self.settings + "fault = CapStart capability=17 unplug"
+        run = self.run_impatiently(settings, "PICTURE_PATIENCE", 3)
+        self.assert_fails(run, "picture 1 did not arrive within 3 seconds")
+
+    def test_a_setting_that_is_refused_is_reported(self):
+        settings = "fault = CapSet code=-5 capability=0x8112 calls=0"
+        run = self.run_impatiently(settings, "CHANGE_PATIENCE", 3)
+        self.assert_fails(run, "the camera did not change its shutter speed within 3 seconds")
+
+
+class NikonInterruptTest(NikonTestCase, InterruptTestCase):
+    slow = """
+        value.0x8113 = 9
+        value.0x8117 = 9
+        value.0x8118 = 3
+        shutter.lag_ms = 150
+        picture.size = 1000000
+        transfer.rate = 4
+        transfer.chunk = 10000
+        fault = CapSet delay_ms=30 calls=0
+    """
+    latest = 4
+
+    def test_ctrl_c_at_any_moment_ends_the_session(self):
+        self.interrupt_at_any_moment()
+
+    def test_ctrl_c_inside_the_start_ends_the_session(self):
+        self.interrupt_at("GetCapCount(module#0", "fault = GetCapInfo delay_ms=500")
+
+    def test_ctrl_c_inside_a_download_ends_the_session(self):
+        settings = self.settings + "picture.size = 1000000\ntransfer.rate = 2"
+        self.interrupt_at("CapStart(data#1, 0x14)", settings)
+
+    def test_ctrl_c_inside_the_end_ends_the_session(self):
+        process = self.start("--shots", "1", settings=self.settings + "fault = Close delay_ms=500")
+        process.wait_for_log("CapStart(data#1, 0x14)")
+        process.wait_for_log("CapSet(source#1, 0x3)")
         process.interrupt()
         self.assert_interrupted(process, time.monotonic())
+
+    def test_a_second_ctrl_c_changes_nothing(self):
+        settings = self.settings + "fault = Close delay_ms=500 calls=0"
+        self.interrupt_twice("Open(module#0", "Close(source#1", settings)
 
 
 class StatusTextTest(unittest.TestCase):

@@ -5,128 +5,10 @@ before its deadline, with the exit status that the host asked for and with nothi
 but what the host itself put there: no fatal error, no crash.
 """
 
-import concurrent.futures
-import os
 import signal
-import tempfile
-import time
 import unittest
 
-from support import VIRTUAL_DIR, run_host
-
-REPEATS = 20
-AT_ONCE = 4  # hosts that run at the same time
-QUICK = 30.0  # seconds; a quick end takes a tenth of one, unless the machine is busy
-PATIENCE = 10.0  # seconds that the module waits for a session that gives no sign of life
-
-PRELUDE = """
-import atexit, ctypes, gc, os, signal, sys, threading, time
-{before_import}
-import Lumatie
-
-folder = sys.argv[1]
-camera = ctypes.CDLL(sys.argv[2])
-called = threading.Event()
-
-def hear(*arguments):
-    called.set()
-
-def wait(event):
-    if not event.wait(20):
-        os._exit(99)
-
-def wait_for_call(function):
-    if not camera.VirtualCameraWaitForCalls(function, 1, 20000):
-        os._exit(98)
-
-def wait_for_hang(function):
-    if not camera.VirtualCameraWaitForHang(function, 20000):
-        os._exit(97)
-
-def configure(text):
-    assert camera.VirtualCameraConfigure(text) == 0
-
-def start(callback=hear, tether=None):
-    tether = tether or Lumatie.Lumatie()
-    assert tether.Init("Virtual EOS", folder, callback) == 1
-    return tether
-
-def uninit_on_daemon_thread(tether):
-    # Returns when Uninit has begun: nobody takes the interpreter lock from the thread before.
-    sys.setswitchinterval(100)
-    begun = threading.Event()
-
-    def end():
-        begun.set()
-        tether.Uninit()
-
-    threading.Thread(target=end, daemon=True).start()
-    wait(begun)
-
-"""
-
-# Makes the interpreter's taking down last a second, in which other threads may run.
-SLOW_TAKING_DOWN = """
-class Slow:
-    def __del__(self, sleep=time.sleep):
-        sleep(1)
-
-sys.slow = Slow()
-"""
-
-
-class End:
-    """How one host ended: `status`, `stdout`, `stderr`, `seconds`, `files` and the call `log`."""
-
-    def __init__(self, script, before_import, deadline):
-        with tempfile.TemporaryDirectory(prefix="lumatie-exit-") as base:
-            folder, log = os.path.join(base, "export"), os.path.join(base, "log")
-            os.mkdir(folder)
-            begun = time.monotonic()
-            run = run_host(
-                PRELUDE.format(before_import=before_import) + script,
-                deadline,
-                environment={"LUMATIE_VIRTUAL_LOG": log},
-                arguments=(folder, VIRTUAL_DIR / "libEDSDK.so"),
-            )
-            self.seconds = time.monotonic() - begun
-            self.status, self.stdout, self.stderr = run
-            self.files = {
-                name: os.path.getsize(os.path.join(folder, name)) for name in os.listdir(folder)
-            }
-            self.log = ""
-            if os.path.exists(log):
-                with open(log, encoding="utf-8", errors="replace") as file:
-                    self.log = file.read()
-
-
-def run_often(script, before_import="", repeats=REPEATS, at_once=AT_ONCE, deadline=QUICK):
-    """Runs the host `repeats` times; returns how each run ended."""
-    with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
-        runs = [pool.submit(End, script, before_import, deadline) for _ in range(repeats)]
-        return [run.result() for run in runs]
-
-
-class ExitTestCase(unittest.TestCase):
-    """Runs hosts and states how they end."""
-
-    def assert_ends(self, script, status=0, stderr="", **how):
-        """Each run of the script ends with this status, and with `stderr` in what it prints."""
-        ends = run_often(script, **how)
-        for end in ends:
-            self.assertEqual(end.status, status, end.stderr)
-            if stderr:
-                self.assertIn(stderr, end.stderr)
-                self.assertNotIn("Fatal", end.stderr)
-            else:
-                self.assertEqual(end.stderr, "")
-        return ends
-
-    def assert_closed(self, ends):
-        """In each run the camera's session was closed and the library terminated, once."""
-        for end in ends:
-            self.assertEqual(end.log.count(" EdsCloseSession("), 1, end.log)
-            self.assertEqual(end.log.count(" EdsTerminateSDK("), 1, end.log)
+from exit_support import PATIENCE, SLOW_TAKING_DOWN, ExitTestCase, StuckTestCase
 
 
 class QuickEnds(ExitTestCase):
@@ -644,9 +526,7 @@ wait(called)
         )
 
 
-# Hosts whose sessions give no sign of life any more. Each takes the module's whole patience, so
-# they all run at the same time, each several times: name -> (script, status).
-STUCK_REPEATS = 3
+# Hosts whose sessions give no sign of life any more: name -> (script, status).
 STUCK = {
     "callable": (
         """
@@ -765,24 +645,12 @@ configure(b"fault = EdsRelease hang calls=0")
 }
 
 
-class StuckSessions(ExitTestCase):
+class StuckSessions(StuckTestCase):
     """Sessions that never end by themselves are given up after a while."""
 
-    @classmethod
-    def setUpClass(cls):
-        pool = concurrent.futures.ThreadPoolExecutor(len(STUCK) * STUCK_REPEATS)
-        cls.addClassCleanup(pool.shutdown)
-        cls._runs = {
-            name: [pool.submit(End, script, "", PATIENCE + QUICK) for _ in range(STUCK_REPEATS)]
-            for name, (script, _) in STUCK.items()
-        }
-
-    def assert_given_up(self, name):
-        """The hosts of this name end after the patience, and as they wanted."""
-        for run in self._runs[name]:
-            end = run.result()
-            self.assertEqual((end.status, end.stderr), (STUCK[name][1], ""))
-            self.assertGreater(end.seconds, PATIENCE)
+    hosts = STUCK
+    repeats = 3
+    at_least = PATIENCE
 
     def test_a_callable_that_sleeps_is_given_up(self):
         self.assert_given_up("callable")
@@ -801,9 +669,7 @@ class StuckSessions(ExitTestCase):
 
     def test_an_uninit_that_waits_on_a_daemon_thread_is_given_up(self):
         # Its session is not the exit's any more: nothing is left to wait for.
-        for run in self._runs["uninit on a daemon thread"]:
-            end = run.result()
-            self.assertEqual((end.status, end.stderr), (7, ""))
+        self.assert_given_up("uninit on a daemon thread", at_least=0)
 
     def test_an_open_session_that_hangs_is_given_up(self):
         self.assert_given_up("open session")

@@ -9,7 +9,14 @@ import os
 import textwrap
 import unittest
 
-from support import DEVICE_BUSY, TEST_CONFIG_DIR, TEST_PYTHON_DIR, TetherTestCase, run_host
+from support import (
+    DEVICE_BUSY,
+    TEST_CONFIG_DIR,
+    TEST_PYTHON_DIR,
+    VIRTUAL_DIR,
+    TetherTestCase,
+    run_host,
+)
 
 SETTINGS = TEST_CONFIG_DIR / "Imagrelle.conf"
 
@@ -54,7 +61,9 @@ def line_for(call):
     return "[Lumatie]" + TEXT_FORMATS[call[0]].format(*call[1:])[:1023]
 
 
-class DebugLogTest(TetherTestCase):
+class DebugLogTestCase(TetherTestCase):
+    """Has the settings file to itself."""
+
     def setUp(self):
         super().setUp()
         self.addCleanup(self._remove_settings)
@@ -69,6 +78,10 @@ class DebugLogTest(TetherTestCase):
         if text is not None:
             os.makedirs(str(TEST_CONFIG_DIR), exist_ok=True)
             SETTINGS.write_text(text)
+
+
+class DebugLogTest(DebugLogTestCase):
+    """The lines of a Canon session, and the switch."""
 
     def run_session(self, code="", *arguments):
         """Runs a session; returns the host's calls and the lines of the log."""
@@ -207,6 +220,76 @@ class DebugLogTest(TetherTestCase):
         )
         iso = [line.rsplit("=", 1)[1] for line in lines if "TETHER_ISO key" in line]
         self.assertEqual(iso, ["400", "100", "200", "800", "1600"])
+
+
+class NikonLogTest(DebugLogTestCase):
+    """The lines of a Nikon session."""
+
+    HOST = """
+import sys
+from nikon_support import MODULE, VirtualNikon
+from support import Host, Lumatie
+
+nikon, host, tether = VirtualNikon(), Host(), Lumatie.Lumatie()
+"""
+    TEXTS = {
+        0: "NIKON TETHER_GENERAL={}",
+        1: "NIKON TETHER_EXPOSUREMODE={}",
+        3: "NIKON TETHER_SHUTTERSPEED={}",
+        4: "NIKON TETHER_SHUTTERSPEED_LIST={}",
+        5: "NIKON TETHER_APERTURE={}",
+        6: "NIKON TETHER_APERTURE_LIST={}",
+        7: "NIKON TETHER_ISO={}",
+        8: "NIKON TETHER_ISO_LIST={}",
+        9: "NIKON TETHER_WB={}",
+        10: "NIKON TETHER_WB_LIST={}",
+        13: "NIKON TETHER_IMAGEQUALITY={}",
+    }
+
+    def lines_of(self, code):
+        """Runs a host; returns its calls and the log's lines."""
+        self.switch("DumpMsg=1\n")
+        run = run_host(
+            self.HOST + textwrap.dedent(code),
+            python_dir=TEST_PYTHON_DIR,
+            arguments=(self.folder,),
+        )
+        self.assertEqual(run.status, 0, run.stderr)
+        calls = [line for line in run.stdout.splitlines() if line.startswith("[(")]
+        return ast.literal_eval(calls[-1]) if calls else [], run.stderr.splitlines()
+
+    def test_every_event_has_its_line(self):
+        calls, lines = self.lines_of(
+            """
+            nikon.configure("picture.size = 5000")
+            nikon.press_shutter()
+            assert tether.Init(MODULE, sys.argv[1], host) == 1
+            host.wait_for_picture()
+            host.wait_for_event(13, 2)
+            tether.Uninit()
+            print(host.calls())
+            """
+        )
+        self.assertEqual(set(self.TEXTS), {call[0] for call in calls})
+        expected = ["[Lumatie]" + self.TEXTS[c].format(value) for c, value in calls]
+        self.assertEqual(lines, [line[: len("[Lumatie]") + 1023] for line in expected])
+
+    def test_a_file_that_is_no_driver_module_says_why(self):
+        no_library = os.path.join(self.base, "file")
+        with open(no_library, "w", encoding="ascii") as file:
+            file.write("no library")
+        for path, reason in (
+            (no_library, "NIKON driver module cannot be loaded: "),
+            (str(VIRTUAL_DIR / "libEDSDK.so"), "NIKON driver module has no MAIDEntryPoint: "),
+        ):
+            _, lines = self.lines_of(
+                """
+                assert tether.Init({!r}, sys.argv[1], host) == 0
+                assert tether.Uninit() == 1
+                """.format(path)
+            )
+            self.assertEqual(len(lines), 1)
+            self.assertTrue(lines[0].startswith("[Lumatie]" + reason), lines)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,198 @@
+"""What the tests of the interpreter's end stand on: hosts that end while a session lives.
+
+A host is a script that runs after PRELUDE in a process of its own, with one maker's virtual camera
+in reach as `camera`.
+"""
+
+import collections
+import concurrent.futures
+import os
+import re
+import tempfile
+import time
+import unittest
+
+from support import CAMERA_NAME, VIRTUAL_DIR, run_host
+
+REPEATS = 20
+AT_ONCE = 4  # hosts that run at the same time
+QUICK = 30.0  # seconds; a quick end takes a tenth of one, unless the machine is busy
+PATIENCE = 10.0  # seconds that the module waits for a session that gives no sign of life
+
+# A maker: the virtual camera's library, the start of its functions' names, what Init gets, and
+# what the call log says once when a session was closed.
+Maker = collections.namedtuple("Maker", "library prefix info closes")
+
+CANON = Maker(
+    VIRTUAL_DIR / "libEDSDK.so",
+    "VirtualCamera",
+    CAMERA_NAME,
+    (" EdsCloseSession(", " EdsTerminateSDK("),
+)
+NIKON = Maker(
+    VIRTUAL_DIR / "VirtualNikon.md3",
+    "VirtualNikon",
+    str(VIRTUAL_DIR / "VirtualNikon.md3"),
+    (" Close(source#1, 0x0) = 0 ", " Close(module#0, 0x0) = 0 "),
+)
+
+PRELUDE = """
+import atexit, ctypes, gc, os, signal, sys, threading, time
+{before_import}
+import Lumatie
+
+folder, library, prefix, info = sys.argv[1:5]
+camera = ctypes.CDLL(library)
+called = threading.Event()
+
+def hear(*arguments):
+    called.set()
+
+def wait(event):
+    if not event.wait(20):
+        os._exit(99)
+
+def steer(function, *arguments):
+    return getattr(camera, prefix + function)(*arguments)
+
+def wait_for_call(function, count=1):
+    if not steer("WaitForCalls", function, count, 20000):
+        os._exit(98)
+
+def wait_for_hang(function):
+    if not steer("WaitForHang", function, 20000):
+        os._exit(97)
+
+def configure(text):
+    assert steer("Configure", text) == 0
+
+def start(callback=hear, tether=None):
+    tether = tether or Lumatie.Lumatie()
+    assert tether.Init(info, folder, callback) == 1
+    return tether
+
+def uninit_on_daemon_thread(tether):
+    # Returns when Uninit has begun: nobody takes the interpreter lock from the thread before.
+    sys.setswitchinterval(100)
+    begun = threading.Event()
+
+    def end():
+        begun.set()
+        tether.Uninit()
+
+    threading.Thread(target=end, daemon=True).start()
+    wait(begun)
+
+"""
+
+# Makes the interpreter's taking down last a second, in which other threads may run.
+SLOW_TAKING_DOWN = """
+class Slow:
+    def __del__(self, sleep=time.sleep):
+        sleep(1)
+
+sys.slow = Slow()
+"""
+
+
+# Tells when the interpreter begins to end.
+TELL_END = """
+atexit.register(lambda: os.write(1, b"\\nends at %f\\n" % time.monotonic()))
+"""
+
+
+class End:
+    """How one host ended: `status`, `stdout`, `stderr`, `seconds`, `files` and the call `log`.
+
+    `ending` is how many seconds the end itself took, in a host with TELL_END.
+    """
+
+    def __init__(self, script, before_import="", deadline=QUICK, maker=CANON):
+        with tempfile.TemporaryDirectory(prefix="lumatie-exit-") as base:
+            folder, log = os.path.join(base, "export"), os.path.join(base, "log")
+            os.mkdir(folder)
+            begun = time.monotonic()
+            run = run_host(
+                PRELUDE.format(before_import=before_import) + script,
+                deadline,
+                environment={"LUMATIE_VIRTUAL_LOG": log},
+                arguments=(folder, maker.library, maker.prefix, maker.info),
+            )
+            self.seconds = time.monotonic() - begun
+            self.status, self.stdout, self.stderr = run
+            told = re.search(r"^ends at ([0-9.]+)$", self.stdout, re.M)
+            self.ending = begun + self.seconds - float(told.group(1)) if told else None
+            self.files = {
+                name: os.path.getsize(os.path.join(folder, name)) for name in os.listdir(folder)
+            }
+            self.log = ""
+            if os.path.exists(log):
+                with open(log, encoding="utf-8", errors="replace") as file:
+                    self.log = file.read()
+
+
+class ExitTestCase(unittest.TestCase):
+    """Runs hosts and states how they end."""
+
+    maker = CANON
+    repeats = REPEATS
+
+    def run_often(self, script, before_import="", repeats=None, at_once=AT_ONCE, deadline=QUICK):
+        """Runs the host several times; returns how each run ended."""
+        with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
+            runs = [
+                pool.submit(End, script, before_import, deadline, self.maker)
+                for _ in range(repeats or self.repeats)
+            ]
+            return [run.result() for run in runs]
+
+    def assert_ends(self, script, status=0, stderr="", **how):
+        """Each run of the script ends with this status, and with `stderr` in what it prints."""
+        ends = self.run_often(script, **how)
+        for end in ends:
+            self.assertEqual(end.status, status, end.stderr)
+            if stderr:
+                self.assertIn(stderr, end.stderr)
+                self.assertNotIn("Fatal", end.stderr)
+            else:
+                self.assertEqual(end.stderr, "")
+        return ends
+
+    def assert_closed(self, ends):
+        """In each run the camera's session was closed and the library left, once."""
+        for end in ends:
+            self.assertEqual([end.log.count(text) for text in self.maker.closes], [1, 1], end.log)
+            self.assertNotIn("MISUSE", end.log)
+
+
+class StuckTestCase(unittest.TestCase):
+    """Hosts that take the module's whole patience; all run at the same time, each several times.
+
+    A subclass names them: `hosts` has name -> (script, status).
+    """
+
+    maker = CANON
+    hosts = {}
+    repeats = 1
+    at_least = 0.0  # seconds that each takes
+    at_most = PATIENCE + 4  # seconds that the end itself takes, with some for a busy machine
+
+    @classmethod
+    def setUpClass(cls):
+        pool = concurrent.futures.ThreadPoolExecutor(max(1, len(cls.hosts) * cls.repeats))
+        cls.addClassCleanup(pool.shutdown)
+        cls._runs = {
+            name: [
+                pool.submit(End, TELL_END + script, "", PATIENCE + QUICK, cls.maker)
+                for _ in range(cls.repeats)
+            ]
+            for name, (script, _) in cls.hosts.items()
+        }
+
+    def assert_given_up(self, name, at_least=None, stderr=""):
+        """The hosts of this name end after the patience, and as they wanted."""
+        for run in self._runs[name]:
+            end = run.result()
+            self.assertEqual((end.status, end.stderr), (self.hosts[name][1], stderr))
+            self.assertGreater(end.seconds, self.at_least if at_least is None else at_least)
+            self.assertLess(end.ending, self.at_most)
