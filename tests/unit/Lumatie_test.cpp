@@ -485,9 +485,8 @@ TEST_F(LumatieTest, TheCallableMayDestroyTheObject)
         const InterpreterLock lock;
         callable = makeCallable([&](PyObject*) { m_tether.reset(); });
     }
+    // The first event ends the session, maybe before anybody sees it open.
     ASSERT_EQ(init(kCamera, callable), 1);
-    ASSERT_TRUE(waitFor([] { return VirtualCameraSessionOpen(0) == 1; }));
-    VirtualCameraSetProperty(0, 0x406, 0x0C);
     EXPECT_EQ(VirtualCameraWaitForCalls("EdsTerminateSDK", 1, 10'000), 1);
     EXPECT_TRUE(waitFor([] { return VirtualCameraReferenceCount("") == 0; }));
     const InterpreterLock lock;
