@@ -1,9 +1,9 @@
 #include "canon/CanonSession.h"
 
-#include <algorithm>
 #include <string>
 #include <utility>
 
+#include "EndsUnderWay.h"
 #include "TetherEvents.h"
 #include "Text.h"
 #include "canon/EdSdkCodes.h"
@@ -33,39 +33,11 @@ LibraryUse& libraryUse()
     return *use;
 }
 
-// The workers that still have an end to do which was put off.
-struct EndsUnderWay {
-    std::mutex lock;  // guards the field below
-    std::vector<std::thread::id> workers;
-};
-
-// Never destroyed either.
+// The workers that still have an end to do which was put off. Never destroyed either.
 EndsUnderWay& endsUnderWay()
 {
     static auto* const ends = new EndsUnderWay;
     return *ends;
-}
-
-// Whether a thread other than `but` has an end to do.
-bool isEndUnderWay(std::thread::id but = {})
-{
-    const std::lock_guard<std::mutex> guard(endsUnderWay().lock);
-    const auto& workers = endsUnderWay().workers;
-    return std::any_of(workers.begin(), workers.end(),
-                       [but](std::thread::id worker) { return worker != but; });
-}
-
-void beginEnd(std::thread::id worker)
-{
-    const std::lock_guard<std::mutex> guard(endsUnderWay().lock);
-    endsUnderWay().workers.push_back(worker);
-}
-
-void finishEnd(std::thread::id worker)
-{
-    const std::lock_guard<std::mutex> guard(endsUnderWay().lock);
-    auto& workers = endsUnderWay().workers;
-    workers.erase(std::remove(workers.begin(), workers.end(), worker), workers.end());
 }
 
 // Holds a new session's first command back until the ends that were put off are done, so that an
@@ -79,7 +51,7 @@ public:
 
     bool execute() override
     {
-        while (isEndUnderWay() && m_processor.isRunning()) {
+        while (endsUnderWay().isAny() && m_processor.isRunning()) {
             platform::sleepFor(1);
         }
         return true;
@@ -192,7 +164,7 @@ void startWorker(CameraController& controller, CameraModel& model)
 {
     Processor& processor = controller.processor();
     processor.startAndWait();
-    if (isEndUnderWay()) {
+    if (endsUnderWay().isAny()) {
         processor.enqueue(std::make_unique<AwaitEndsCommand>(model, processor));
     }
     processor.enqueue(std::make_unique<OpenSessionCommand>(model));
@@ -215,10 +187,10 @@ void dispose(Sessions&& sessions, bool terminate)
 void endOnOwnWorker(Processor& processor, Sessions&& sessions, bool terminate)
 {
     const std::thread::id worker = std::this_thread::get_id();
-    beginEnd(worker);
+    endsUnderWay().begin(worker);
     processor.endWith([rest = std::make_shared<Sessions>(std::move(sessions)), terminate, worker] {
         dispose(std::move(*rest), terminate);
-        finishEnd(worker);
+        endsUnderWay().finish(worker);
     });
 }
 
@@ -359,7 +331,7 @@ void CanonCloseInPlaceOf(std::thread::id worker, CanonState& state)
 
 void CanonAwaitEnds(std::thread::id exiting)
 {
-    while (isEndUnderWay(exiting)) {
+    while (endsUnderWay().isAny(exiting)) {
         platform::sleepFor(1);
     }
 }

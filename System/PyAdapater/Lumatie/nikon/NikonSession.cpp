@@ -1,12 +1,14 @@
 #include "nikon/NikonSession.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <new>
 #include <system_error>
 #include <utility>
 
 #include "DebugLog.h"
+#include "EndsUnderWay.h"
 #include "TetherEvents.h"
 #include "nikon/Console.h"
 #include "nikon/EnumReader.h"
@@ -36,9 +38,8 @@ void keepForEver(std::shared_ptr<NikonSession> session)
 // The ends that are under way, and the thread that ends the process. Never destroyed: a thread that
 // was left behind may come back at any time.
 struct Ends {
-    std::mutex lock;  // guards the fields below; held for a moment only
-    std::vector<std::thread::id> threads;
-    std::thread::id exiting;
+    EndsUnderWay underWay;
+    std::atomic<std::thread::id> exiting{};
 };
 
 Ends& ends()
@@ -49,7 +50,6 @@ Ends& ends()
 
 bool isExiting(std::thread::id thread)
 {
-    const std::lock_guard<std::mutex> guard(ends().lock);
     return thread != std::thread::id() && thread == ends().exiting;
 }
 
@@ -361,31 +361,21 @@ bool NikonHasSessions(NikonState& state)
 
 EndUnderWay::EndUnderWay() : m_thread(std::this_thread::get_id())
 {
-    const std::lock_guard<std::mutex> guard(ends().lock);
-    ends().threads.push_back(m_thread);
+    ends().underWay.begin(m_thread);
 }
 
 EndUnderWay::~EndUnderWay()
 {
-    const std::lock_guard<std::mutex> guard(ends().lock);
-    auto& threads = ends().threads;
-    threads.erase(std::find(threads.begin(), threads.end(), m_thread));
+    ends().underWay.finish(m_thread);
 }
 
 void NikonAwaitEnds(std::thread::id exiting)
 {
-    const auto othersEnd = [exiting] {
-        const std::lock_guard<std::mutex> guard(ends().lock);
-        ends().exiting = exiting;
-        const auto& threads = ends().threads;
-        return std::any_of(threads.begin(), threads.end(),
-                           [exiting](std::thread::id thread) { return thread != exiting; });
-    };
-    while (othersEnd()) {
+    ends().exiting = exiting;
+    while (ends().underWay.isAny(exiting)) {
         platform::sleepFor(1);
     }
-    const std::lock_guard<std::mutex> guard(ends().lock);
-    ends().exiting = {};
+    ends().exiting = std::thread::id();
 }
 
 void NikonEndReports(NikonState& state)
