@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# build.sh [linux|linux-asan|linux-tsan|lint]: builds one tree in build/. The sanitizers' trees hold
-# the C++ tests and the virtual cameras, but no module for Python. The tree lint is only configured:
-# it says how each source is compiled.
+# build.sh [linux|windows|linux-asan|linux-tsan|lint]: builds one tree in build/. The sanitizers'
+# trees hold the C++ tests and the virtual cameras, but no module for Python. The tree lint is only
+# configured: it says how each source is compiled.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 tree=${1:-linux}
 (($# <= 1)) || usage_error "./run build"
 
 case $tree in
-    linux | lint) sanitizers= ;;
+    linux | windows | lint) sanitizers= ;;
     linux-asan) sanitizers=address,undefined ;;
     linux-tsan) sanitizers=thread ;;
     *) usage_error "./run build" ;;
@@ -23,15 +23,23 @@ fi
 [[ $tree != lint ]] || options+=(-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON)
 
 need_packages g++ cmake ninja-build python3-dev libgtest-dev googletest libstb-dev
-if [[ $tree == linux ]]; then
+if [[ $tree == linux || $tree == windows ]]; then
     if [[ -z ${LUMATIE_SWIG:-} ]]; then
         need_python_tool swig
     fi
+    options+=(-DLUMATIE_SWIG="${LUMATIE_SWIG:-$tools/swig/bin/swig}")
+fi
+if [[ $tree == windows ]]; then
+    need_packages g++-mingw-w64-x86-64-posix wine64 wine
+    need_windows_python
+    options+=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/MinGW.cmake" -DLUMATIE_STB_DIR=/usr/include/stb
+        -DLUMATIE_WINDOWS_PYTHON="$windows_python")
+fi
+if [[ $tree == linux ]]; then
     pythons=$("$system_python" scripts/find_pythons.py)
     [[ -n $pythons ]] || fail "no 64-bit CPython 3.8 or newer that has its headers"
     note "building for ${pythons//$'\n'/, }"
-    options+=(-DLUMATIE_SWIG="${LUMATIE_SWIG:-$tools/swig/bin/swig}"
-        -DLUMATIE_PYTHONS="${pythons//$'\n'/;}")
+    options+=(-DLUMATIE_PYTHONS="${pythons//$'\n'/;}")
 fi
 
 note "build/$tree"

@@ -7,6 +7,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # Tools run on the system's interpreter, whatever a user's PATH puts in front of it.
 readonly system_python=/usr/bin/python3
 readonly tools=$PWD/build/tools
+# A CPython 3.8 for Windows x64: an installation's folder, or the one that need_windows_python makes.
+readonly windows_python=${LUMATIE_WINDOWS_PYTHON:-$tools/windows-python}
 
 note() { printf '== %s\n' "$*"; }
 
@@ -74,6 +76,28 @@ need_python_tool() {
         --only-binary :all: --require-hashes --requirement "$requirements" ||
         fail "$name could not be downloaded; $(head -1 "$requirements" | sed 's/^# *//')"
     cp "$requirements" "$environment/installed.txt"
+}
+
+# need_windows_python: makes the interpreter that the Windows build is for, unless one was named.
+need_windows_python() {
+    if [[ -n ${LUMATIE_WINDOWS_PYTHON:-} ]]; then
+        [[ -f $windows_python/python38.dll && -f $windows_python/include/Python.h ]] ||
+            fail "LUMATIE_WINDOWS_PYTHON: no CPython 3.8 with its headers in $windows_python"
+        return
+    fi
+    cmp -s scripts/windows.txt "$windows_python/installed.txt" && return
+    local python
+    python=$("$system_python" scripts/find_pythons.py --version 3.8)
+    [[ -n $python ]] || fail "the Windows interpreter is made with the modules and headers of a \
+CPython 3.8 on this machine, and there is none; have one installed, or name an official CPython 3.8 \
+for Windows x64 (the folder that holds python.exe) in LUMATIE_WINDOWS_PYTHON"
+    need_packages python3-venv ca-certificates
+    note "making a Windows interpreter in $windows_python"
+    [[ -x $tools/pip/bin/pip ]] || "$system_python" -m venv "$tools/pip"
+    rm -rf "$windows_python"
+    "$system_python" scripts/windows_python.py --pip "$tools/pip/bin/pip" \
+        --python "${python%%$'\n'*}" "$windows_python"
+    cp scripts/windows.txt "$windows_python/installed.txt"
 }
 
 # The hand-written files, one a line; whatever is generated lies in build/.

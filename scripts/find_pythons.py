@@ -3,7 +3,8 @@
 Those are 64-bit CPythons from 3.8 on, with the interpreter lock and with their headers; the first
 one found of each binary interface. LUMATIE_PYTHONS (paths, separated by semicolons) replaces the
 search; an unusable entry there is an error. With --tested only those are printed that the whole
-Python test suite runs under: CPython 3.8 and the system's, as far as they are there.
+Python test suite runs under: CPython 3.8 and the system's, as far as they are there. With
+--version those of one version, if any.
 """
 
 import argparse
@@ -95,9 +96,12 @@ def tested(found):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--tested", action="store_true", help="those that get the whole suite")
+    parser.add_argument("--version", help="only those of this version, such as 3.8")
+    options = parser.parse_args()
     found = usable()
-    for one in tested(found) if parser.parse_args().tested else found:
-        print(one["executable"])
+    for one in tested(found) if options.tested else found:
+        if options.version in (None, "%d.%d" % tuple(one["version"])):
+            print(one["executable"])
 
 
 if __name__ == "__main__":

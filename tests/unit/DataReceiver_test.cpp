@@ -1,10 +1,7 @@
 // How a picture's parts become a file in the export folder.
 #include "nikon/DataReceiver.h"
 
-#include <csignal>
 #include <limits>
-
-#include <sys/resource.h>
 
 #include "FakeMaid.h"
 #include "TemporaryFolder.h"
@@ -146,56 +143,6 @@ TEST_F(DataReceiverTest, InAFolderThatDoesNotExistNothingIsWrittenAndNothingNote
     g_szExportFolder.set(m_folder.path().c_str());
     EXPECT_EQ(take(fake::filePart("def", 6)), kMaidOk);
     EXPECT_EQ(contentOf(onlyFile()), "abcdef");
-}
-
-// Files of this process may not grow beyond a size: what a full disk does.
-class FileSizeLimit
-{
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &m_before); }
-
-private:
-    rlimit m_before = {};
-};
-
-TEST_F(DataReceiverTest, AShortWriteIsAFailedWriteAndNothingIsLeft)
-{
-    {
-        const FileSizeLimit limit(100'000);
-        EXPECT_EQ(take(fake::wholeFile(std::string(3'000'000, 'x'))), kMaidOk);
-    }
-    EXPECT_EQ(m_receiver.results(), Results{"error"});
-    EXPECT_EQ(m_folder.size(), 0);
-    EXPECT_EQ(g_szLastFile.take(), "error");
-}
-
-TEST_F(DataReceiverTest, ACloseThatFailsIsAFailedWriteToo)
-{
-    {
-        // So little that it is written by the close alone.
-        const FileSizeLimit limit(100);
-        EXPECT_EQ(take(fake::wholeFile(std::string(1'000, 'x'))), kMaidOk);
-    }
-    EXPECT_EQ(m_receiver.results(), Results{"error"});
-    EXPECT_EQ(m_folder.size(), 0);
-}
-
-TEST_F(DataReceiverTest, TheWriteOfAnImageIsNotLookedAt)
-{
-    {
-        const FileSizeLimit limit(100);
-        EXPECT_EQ(take(fake::imagePart(std::string(1'000, 'x'), 10, 100)), kMaidOk);
-    }
-    EXPECT_EQ(contentOf(onlyFile()).size(), 100U);
 }
 
 TEST_F(DataReceiverTest, ATotalOf0IsAFailedWrite)

@@ -54,13 +54,14 @@ std::string newPicturePath(const std::string& folder, const char* vendor,
                            const std::string& extension)
 {
     const std::lock_guard<std::mutex> guard(g_namesLock);
-    const std::time_t now = std::time(nullptr);
-    const std::string stem =
-        folder + platform::kPathSeparator + vendor + '_' + std::to_string(now) + '_';
+    std::time_t now = 0;
     std::string path;
     do {
+        // The Windows C runtime has 32768 numbers: the next second may have to give a free name.
+        now = std::time(nullptr);
+        path = folder + platform::kPathSeparator + vendor + '_' + std::to_string(now) + '_';
         // NOLINTNEXTLINE(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe): a name, not a secret
-        path = stem + std::to_string(std::rand()) + extension;
+        path += std::to_string(std::rand()) + extension;
     } while (!g_recentNames.add(now, path));
     return path;
 }

@@ -55,7 +55,7 @@ bool DownloadCommand::execute()
     EdsStreamRef stream = nullptr;
     EdsError downloaded = kOk;
     if (!path.empty()) {
-        boundedCopy(info.szFileName, sizeof info.szFileName, path.c_str(),
+        boundedCopy(info.szFileName, sizeof info.szFileName, platform::libraryPath(path).c_str(),
                     "the path of a picture is longer than 255 bytes");
         if (status == kOk) {
             status = transfer(info, stream, downloaded);

@@ -35,6 +35,11 @@ bool removeFile(const char* path);
 // that fails. The caller closes it.
 std::FILE* createFile(const char* path);
 
+// The text by which a maker's library opens `path`: on Windows it takes the ANSI code page, so a
+// folder with characters of others is given by its short name. `path` itself where there is no way
+// to say it, and always on POSIX.
+std::string libraryPath(const std::string& path);
+
 // Copies the environment variable `name` into `buffer` of `size` bytes, terminator included.
 // Returns false, with an empty buffer, when it is not set or does not fit.
 bool environmentVariable(const char* name, char* buffer, std::size_t size);
@@ -115,6 +120,9 @@ public:
     ComApartment(const ComApartment&) = delete;
     ComApartment& operator=(const ComApartment&) = delete;
     ~ComApartment();
+
+private:
+    [[maybe_unused]] bool m_isMember = false;
 };
 
 }  // namespace platform

@@ -56,6 +56,11 @@ std::FILE* createFile(const char* path)
     return std::fopen(path, "wb");
 }
 
+std::string libraryPath(const std::string& path)
+{
+    return path;
+}
+
 bool environmentVariable(const char* name, char* buffer, std::size_t size)
 {
     buffer[0] = '\0';

@@ -1,0 +1,65 @@
+// The Windows answers to Platform.h that are about the process: its environment, its debugger, its
+// end, time and COM.
+#include "platform/Platform.h"
+
+#include "platform/windows/Windows.h"
+
+#include <objbase.h>
+
+#include <cstdlib>
+
+namespace platform {
+
+bool environmentVariable(const char* name, char* buffer, std::size_t size)
+{
+    buffer[0] = '\0';
+    ::SetLastError(ERROR_SUCCESS);  // an empty value leaves it alone
+    const DWORD length = ::GetEnvironmentVariableA(name, buffer, static_cast<DWORD>(size));
+    const bool isThere = length > 0 || ::GetLastError() == ERROR_SUCCESS;
+    // A value that does not fit is told by its size.
+    if (!isThere || length >= size) {
+        buffer[0] = '\0';
+        return false;
+    }
+    return true;
+}
+
+void debuggerOutput(const char* line)
+{
+    ::OutputDebugStringA(line);
+}
+
+void rejectText(const char* what)
+{
+    const std::string message = std::string("Lumatie: ") + what + "; the process ends.\r\n";
+    DWORD written = 0;
+    ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), message.data(),
+                static_cast<DWORD>(message.size()), &written, nullptr);
+    // The exit status that the C runtime's abort() gives. No library may be told: other threads
+    // of ours are still at work, and would be stopped wherever they are.
+    ::TerminateProcess(::GetCurrentProcess(), 3);
+    std::_Exit(3);
+}
+
+unsigned long processNumber()
+{
+    return ::GetCurrentProcessId();
+}
+
+void sleepFor(unsigned milliseconds)
+{
+    ::Sleep(milliseconds);
+}
+
+ComApartment::ComApartment()
+    : m_isMember(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)))
+{}
+
+ComApartment::~ComApartment()
+{
+    if (m_isMember) {
+        ::CoUninitialize();
+    }
+}
+
+}  // namespace platform

@@ -1,0 +1,13 @@
+# Script: fails when the DLL in FILE imports another DLL than the ones that are ALLOWED.
+cmake_minimum_required(VERSION 3.25)
+execute_process(COMMAND "${OBJDUMP}" -p "${FILE}" OUTPUT_VARIABLE headers COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "DLL Name: [^\r\n]+" imports "${headers}")
+string(TOLOWER "${ALLOWED}" allowed)
+foreach(import IN LISTS imports)
+    string(REPLACE "DLL Name: " "" name "${import}")
+    string(TOLOWER "${name}" lower)
+    if(NOT lower IN_LIST allowed)
+        file(REMOVE "${FILE}")
+        message(FATAL_ERROR "${FILE} imports ${name}, which is not on every user's machine.")
+    endif()
+endforeach()

@@ -1,0 +1,28 @@
+# What a DLL for Windows has beside its code. Nothing of it happens on other systems.
+if(MSVC)
+    # The runtime library is the DLL, as the interpreter's is. Plain C functions for files and the
+    # environment, which this compiler warns about, are what the other platform has, too.
+    set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>DLL")
+    add_compile_definitions(_CRT_SECURE_NO_WARNINGS)
+endif()
+
+# lumatie_finish_dll(<target> <description> [IMPORTS <DLL>...]): version information in the DLL, and
+# no library of the compiler's beside it. The build fails when the DLL needs another one than those
+# of the system, the C runtime and the named ones.
+function(lumatie_finish_dll target description)
+    if(NOT WIN32)
+        return()
+    endif()
+    cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "IMPORTS")
+    set(rc "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc")
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/version.rc.in" "${rc}" @ONLY)
+    target_sources(${target} PRIVATE "${rc}")
+    if(MINGW)
+        target_link_options(${target} PRIVATE -static -s LINKER:--exclude-all-symbols)
+        add_custom_command(TARGET ${target} POST_BUILD
+            COMMAND ${CMAKE_COMMAND} -DOBJDUMP=${CMAKE_OBJDUMP} -DFILE=$<TARGET_FILE:${target}>
+                    "-DALLOWED=KERNEL32.dll;msvcrt.dll;ADVAPI32.dll;ole32.dll;${arg_IMPORTS}"
+                    -P "${PROJECT_SOURCE_DIR}/cmake/CheckImports.cmake"
+            VERBATIM)
+    endif()
+endfunction()
