@@ -103,22 +103,12 @@ std::optional<EdsError> Call::suffer()
         sleepUntil(Clock::now() + std::chrono::milliseconds(fault.delayMs));
     }
     if (fault.hang) {
-        hang();
+        m_world.hang(m_lock, m_spec.function, [&] { return m_world.generation != m_generation; });
     }
     if (m_spec.needsInitialised && m_world.generation != m_generation) {
         return result::kInternal;
     }
     return fault.after ? std::nullopt : fault.code;
-}
-
-void Call::hang()
-{
-    const auto self = m_world.hanging.insert(m_world.hanging.end(), m_spec.function);
-    const unsigned epoch = m_world.hangEpoch;
-    m_world.changed.notify_all();
-    m_world.changed.wait(
-        m_lock, [&] { return m_world.hangEpoch != epoch || m_world.generation != m_generation; });
-    m_world.hanging.erase(self);
 }
 
 void Call::misuse(const std::string& text)

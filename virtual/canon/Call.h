@@ -67,7 +67,6 @@ public:
 
 private:
     void checkThread();
-    void hang();
 
     const CallSpec& m_spec;
     World& m_world;

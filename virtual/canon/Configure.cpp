@@ -1,8 +1,5 @@
-// Settings as text: lines of a file or of a test.
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
+// A camera's own settings as text.
+#include <algorithm>
 
 #include "canon/Codes.h"
 #include "canon/World.h"
@@ -166,56 +163,15 @@ bool startsWith(const std::string& text, std::string_view start)
     return text.compare(0, start.size(), start) == 0;
 }
 
-// The camera of a section "camera 1"; the next free number makes one.
-std::shared_ptr<Body> cameraOfSection(World& world, const std::string& section)
-{
-    const std::vector<std::string> parts = words(section);
-    const auto number =
-        parts.size() == 2 && parts[0] == "camera" ? integer(parts[1]) : std::nullopt;
-    const auto next = static_cast<std::int64_t>(world.bodies.size());
-    if (!number || *number < 0 || *number > next) {
-        return nullptr;
-    }
-    if (*number < next) {
-        return world.body(static_cast<int>(*number));
-    }
-    const std::string name = "Virtual EOS";
-    return addBody(world, Bytes(name.begin(), name.end()), 1);
-}
-
-void apply(World& world)
-{
-    world.log.keep(static_cast<std::size_t>(world.options.logLines));
-    for (const auto& body : world.bodies) {
-        if (body != nullptr) {
-            body->setLight(world.options.light);
-        }
-    }
-}
-
-std::string environment(const char* name)
-{
-    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nothing sets it here
-    return value == nullptr ? "" : value;
-}
-
 }  // namespace
 
-std::string configure(World& world, const std::string& key, const std::string& value,
-                      const std::shared_ptr<Body>& body)
+std::string World::configureOwn(const std::string& key, const std::string& value, int camera)
 {
     if (key == "fault") {
-        return world.faults.add(value);
+        return faults.add(value);
     }
-    if (key == "event") {
-        return world.eventRules.add(value);
-    }
-    if (world.settings.has(key)) {
-        std::string problem = world.settings.set(key, value);
-        apply(world);
-        return problem;
-    }
-    if (body == nullptr) {
+    const std::shared_ptr<Body> found = body(camera);
+    if (found == nullptr) {
         return "no such camera";
     }
 
@@ -223,86 +179,33 @@ std::string configure(World& world, const std::string& key, const std::string& v
     const std::size_t start = key.find('.') + 1;
     const auto id = code(key.substr(start, dot == std::string::npos ? dot : dot - start));
     if (startsWith(key, "property.") && id && dot == std::string::npos) {
-        return setProperty(world, *body, *id, value);
+        return setProperty(*this, *found, *id, value);
     }
     if (startsWith(key, "allowed.") && id && dot == std::string::npos) {
-        return setAllowed(world, *body, *id, value);
+        return setAllowed(*this, *found, *id, value);
     }
     if (startsWith(key, "corrupt.") && id && dot != std::string::npos) {
-        return corrupt(*body, *id, key.substr(dot + 1), value);
+        return corrupt(*found, *id, key.substr(dot + 1), value);
     }
-    return configureCamera(world, *body, key, value);
+    return configureCamera(*this, *found, key, value);
 }
 
-int configure(World& world, const std::string& text)
+std::string World::describeCamera(int number) const
 {
-    std::istringstream stream(text);
-    std::shared_ptr<Body> body = world.body(0);
-    std::string line;
-    for (int number = 1; std::getline(stream, line); ++number) {
-        const steering::SettingLine parsed = steering::parseSettingLine(line);
-        std::string problem = parsed.isBad ? "a setting is \"key = value\"" : "";
-        if (problem.empty() && !parsed.section.empty()) {
-            body = cameraOfSection(world, parsed.section);
-            problem = body == nullptr ? "a section is \"[camera N]\"" : "";
-        } else if (problem.empty() && !parsed.key.empty()) {
-            problem = configure(world, parsed.key, parsed.value, body);
-        }
-        if (!problem.empty()) {
-            world.lastError = problem;
-            return number;
-        }
-    }
-    return 0;
-}
-
-std::string describeSettings(const World& world)
-{
-    std::string text = world.settings.text();
-    for (const auto& body : world.bodies) {
-        if (body == nullptr) {
-            continue;
-        }
-        text += "[camera " + std::to_string(body->number()) + "]\n";
-        text += "camera.name = " + body->printableName() + "\n";
-        text += "camera.port = " + body->portName + "\n";
-        text += "camera.sub_type = " + std::to_string(body->subType()) + "\n";
-        text += "camera.plugged = " + std::string(body->isPlugged ? "1" : "0") + "\n";
-        text += "camera.asleep = " + std::string(body->isAsleep ? "1" : "0") + "\n";
-        for (const std::uint32_t id : body->ids()) {
-            if (body->find(id)->type == type::kNumber) {
-                text += "property." + steering::hexadecimal(id) + " = " +
-                        steering::hexadecimal(body->value(id)) + "\n";
-            }
+    const Body& camera = *body(number);
+    std::string text;
+    text += "camera.name = " + camera.printableName() + "\n";
+    text += "camera.port = " + camera.portName + "\n";
+    text += "camera.sub_type = " + std::to_string(camera.subType()) + "\n";
+    text += "camera.plugged = " + std::string(camera.isPlugged ? "1" : "0") + "\n";
+    text += "camera.asleep = " + std::string(camera.isAsleep ? "1" : "0") + "\n";
+    for (const std::uint32_t id : camera.ids()) {
+        if (camera.find(id)->type == type::kNumber) {
+            text += "property." + steering::hexadecimal(id) + " = " +
+                    steering::hexadecimal(camera.value(id)) + "\n";
         }
     }
     return text;
-}
-
-void readEnvironment(World& world)
-{
-    const std::string log = environment("LUMATIE_VIRTUAL_LOG");
-    if (!world.log.appendTo(log)) {
-        std::fprintf(stderr, "virtual camera: cannot write %s\n", log.c_str());
-    }
-
-    const std::string path = environment("LUMATIE_VIRTUAL_CANON");
-    if (path == world.readConfiguration) {
-        return;
-    }
-    world.readConfiguration = path;
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    if (path.empty()) {
-        return;
-    }
-    if (!file) {
-        std::fprintf(stderr, "virtual camera: cannot read %s\n", path.c_str());
-    } else if (const int line = configure(world, text.str())) {
-        std::fprintf(stderr, "virtual camera: %s, line %d: %s\n", path.c_str(), line,
-                     world.lastError.c_str());
-    }
 }
 
 }  // namespace virtualcanon

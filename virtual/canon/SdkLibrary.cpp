@@ -56,7 +56,7 @@ EdsError initialize(Call& call)
 {
     World& world = call.world();
     if (!world.isInitialised()) {
-        vc::readEnvironment(world);
+        world.readEnvironment("LUMATIE_VIRTUAL_CANON");
     }
     vc::startCrew(world, call.lock());
     return result::kOk;

@@ -64,7 +64,7 @@ View viewOf(const vc::Body& body)
 
 scene::PictureFacts factsOf(const vc::World& world, const vc::Body& body, const View& view)
 {
-    scene::PictureFacts facts = body.facts(vc::pictureTime(world));
+    scene::PictureFacts facts = body.facts(world.options.pictureTime());
     facts.width = static_cast<int>(world.options.frameWidth);
     facts.height = static_cast<int>(world.options.frameHeight);
     facts.jpegQuality = 70;

@@ -91,7 +91,7 @@ Exposure newExposure(const World& world, const std::shared_ptr<Body>& body, bool
     exposure.isFromBody = isFromBody;
     exposure.isBulb = body->isBulb() && !isFromBody;
     exposure.quality = body->value(property::kQuality);
-    exposure.facts = body->facts(pictureTime(world));
+    exposure.facts = body->facts(world.options.pictureTime());
     exposure.facts.width = static_cast<int>(world.options.width);
     exposure.facts.height = static_cast<int>(world.options.height);
     exposure.due = exposure.isBulb ? Clock::time_point::max() : endOfExposure(world, *body);

@@ -128,12 +128,12 @@ int VirtualCameraConfigure(const char* text)
 {
     World& world = vc::world();
     const Lock lock(world.mutex);
-    return vc::configure(world, textFrom(text));
+    return world.configure(textFrom(text));
 }
 
 int VirtualCameraSettings(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, vc::describeSettings);
+    return textOut(buffer, capacity, [](const World& world) { return world.describeSettings(); });
 }
 
 int VirtualCameraLastError(char* buffer, int capacity)

@@ -3,49 +3,21 @@
 #include <algorithm>
 #include <chrono>
 #include <new>
+#include <string_view>
 
 #include "canon/Codes.h"
-#include "common/Platform.h"
 
 namespace virtualcanon {
 
 namespace {
 
-constexpr char kFactoryName[] = "Virtual EOS";
-
-// The world is never destroyed: at the end of the process other threads may still be in a call.
-alignas(World) unsigned char g_storage[sizeof(World)];
-
-World* g_world = nullptr;
-
-// Ends the threads and frees what they and the application left when the library is unloaded.
-struct Unloader {
-    Unloader() { g_world = new (g_storage) World; }
-    ~Unloader()
-    {
-        if (steering::kJoinsWhileUnloading) {
-            unload(*g_world);
-        }
-    }
-    Unloader(const Unloader&) = delete;
-    Unloader& operator=(const Unloader&) = delete;
-};
-
 void addSettings(steering::Settings& settings, Options& options)
 {
     constexpr std::int64_t kHour = 3600000;
     constexpr std::int64_t kCode = 0xFFFFFFFF;
-    settings.add("shutter.lag_ms", options.lagMs, 0, kHour);
-    settings.add("shutter.scale", options.exposureScale, 0.0, 1000.0);
+    options.addTo(settings);
     settings.add("shutter.busy", options.busy, 0, 2);
     settings.add("shutter.focus_fails", options.focusFails, 0, 1);
-    settings.add("picture.width", options.width, 16, 6000);
-    settings.add("picture.height", options.height, 16, 6000);
-    settings.add("picture.size", options.jpegSize, 0, 100000000);
-    settings.add("picture.raw_size", options.rawSize, 0, 100000000);
-    settings.add("picture.keep", options.keptFiles, 0, 1000000);
-    settings.add("picture.clock", options.clock, 0, 253402300799);
-    settings.add("scene.light", options.light, -10.0, 30.0);
     settings.add("download.rate", options.rate, 0.0, 1e6);
     settings.add("download.steps", options.steps, 1, 100);
     settings.add("download.disk_full_after", options.diskFullAfter, -1, 1000000000);
@@ -61,27 +33,6 @@ void addSettings(steering::Settings& settings, Options& options)
     settings.add("sleep.code", options.sleepCode, 1, kCode);
     settings.add("terminate.wait_ms", options.patienceMs, 0, kHour);
     settings.add("misuse.one_thread", options.oneThread, 0, 2);
-    settings.add("log.lines", options.logLines, 0, 1000000);
-}
-
-Bytes factoryName()
-{
-    return {std::begin(kFactoryName), std::end(kFactoryName) - 1};
-}
-
-void makeFactoryCamera(World& world)
-{
-    world.bodies.clear();
-    world.connections.clear();
-    addBody(world, factoryName(), 1);
-}
-
-// Empties a container and gives its memory back, which clear() keeps.
-template <typename Container>
-void freed(Container& container)
-{
-    Container empty;
-    std::swap(container, empty);
 }
 
 }  // namespace
@@ -89,20 +40,15 @@ void freed(Container& container)
 World::World()
 {
     addSettings(settings, options);
-    bodies.push_back(std::make_shared<Body>(0, factoryName(), 1));
-    connections.emplace_back();
+    addFactoryCamera();
 }
 
 World& world()
 {
-    static const Unloader unloader;
-    return *g_world;
-}
-
-std::shared_ptr<Body> World::body(int number) const
-{
-    const auto index = static_cast<std::size_t>(number);
-    return number < 0 || index >= bodies.size() ? nullptr : bodies[index];
+    alignas(World) static unsigned char storage[sizeof(World)];
+    static auto* const world = new (storage) World;
+    static const steering::Unloader unloader(*world);
+    return *world;
 }
 
 std::shared_ptr<Connection> World::connectionOf(const Body& body) const
@@ -136,6 +82,22 @@ bool World::isOwnThread(std::thread::id thread) const
            std::find(crew->ids.begin(), crew->ids.end(), thread) != crew->ids.end();
 }
 
+void World::addFactoryCamera()
+{
+    const std::string_view name = "Virtual EOS";
+    addBody(*this, Bytes(name.begin(), name.end()), 1);
+}
+
+void World::applyOptions()
+{
+    log.keep(static_cast<std::size_t>(options.logLines));
+    for (const auto& body : bodies) {
+        if (body != nullptr) {
+            body->setLight(options.light);
+        }
+    }
+}
+
 std::shared_ptr<Body> addBody(World& world, const Bytes& name, std::uint32_t subType)
 {
     const auto number = static_cast<int>(world.bodies.size());
@@ -166,15 +128,11 @@ void unplug(World& world, Body& body)
 void reset(World& world)
 {
     ++world.epoch;
-    ++world.hangEpoch;
+    world.resetShared();
     world.options = Options{};
+    world.applyOptions();
     world.faults.clear();
-    world.eventRules.clear();
-    world.log.clear();
-    world.log.keep(static_cast<std::size_t>(world.options.logLines));
-    world.lastError.clear();
     world.files.clear();
-    world.deliveries.clear();
     if (world.crew != nullptr) {
         world.crew->exposures.clear();
     }
@@ -186,68 +144,53 @@ void reset(World& world)
             body->shots = 0;
             body->files = 0;
             body->pictureName.clear();
-            body->setLight(world.options.light);
         }
     }
     if (!world.hasCameraInUse()) {
-        makeFactoryCamera(world);
+        world.bodies.clear();
+        world.connections.clear();
+        world.addFactoryCamera();
     }
     world.changed.notify_all();
 }
 
-std::int64_t pictureTime(const World& world)
-{
-    if (world.options.clock != 0) {
-        return world.options.clock;
-    }
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::seconds>(now).count();
-}
-
-void unload(World& world)
+void World::unload()
 {
     std::vector<std::shared_ptr<Crew>> crews;
     {
-        Lock lock(world.mutex);
-        if (world.crew != nullptr) {
-            stopCrew(world, lock);
+        Lock lock(mutex);
+        if (crew != nullptr) {
+            stopCrew(*this, lock);
         }
-        crews.swap(world.retired);
+        crews.swap(retired);
         const auto deadline = Clock::now() + std::chrono::seconds(1);
-        for (const auto& crew : crews) {
-            world.changed.wait_until(lock, deadline, [&] { return crew->running == 0; });
+        for (const auto& old : crews) {
+            changed.wait_until(lock, deadline, [&] { return old->running == 0; });
         }
-        for (const auto& crew : crews) {
-            for (std::thread& thread : crew->threads) {
+        for (const auto& old : crews) {
+            for (std::thread& thread : old->threads) {
                 // A handler that never returns must not keep the process from ending.
-                if (crew->running != 0) {
+                if (old->running != 0) {
                     thread.detach();
                 }
             }
         }
     }
-    for (const auto& crew : crews) {
-        for (std::thread& thread : crew->threads) {
+    for (const auto& old : crews) {
+        for (std::thread& thread : old->threads) {
             if (thread.joinable()) {
                 thread.join();
             }
         }
     }
 
-    const Lock lock(world.mutex);
-    world.log.appendTo("");
-    world.log.clear();
-    world.log.forgetThreads();
-    world.objects.clear();
-    freed(world.files);
-    freed(world.bodies);
-    freed(world.connections);
-    freed(world.deliveries);
-    freed(world.settings);
-    freed(world.faults);
-    freed(world.eventRules);
-    freed(world.lastError);
-    freed(world.readConfiguration);
+    const Lock lock(mutex);
+    forgetShared();
+    objects.clear();
+    steering::forget(files);
+    steering::forget(bodies);
+    steering::forget(connections);
+    steering::forget(faults);
 }
 
 }  // namespace virtualcanon

@@ -4,36 +4,23 @@
 #include <condition_variable>
 #include <list>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "canon/Body.h"
 #include "canon/Objects.h"
-#include "common/CallLog.h"
-#include "common/Rules.h"
-#include "common/Settings.h"
+#include "common/World.h"
 
 namespace virtualcanon {
 
 using steering::Clock;
-using Lock = std::unique_lock<std::mutex>;
+using steering::Lock;
 
 // What settings lines without a camera set; the defaults are the factory's.
-struct Options {
-    std::int64_t lagMs = 5;            // shutter.lag_ms
-    double exposureScale = 0;          // shutter.scale
+struct Options : steering::SharedOptions {
     std::int64_t busy = 1;             // shutter.busy: 0 never, 1 the shutter, 2 every setting too
     std::int64_t focusFails = 0;       // shutter.focus_fails
-    std::int64_t width = 640;          // picture.width
-    std::int64_t height = 480;         // picture.height
-    std::int64_t jpegSize = 0;         // picture.size, 0: as it comes
-    std::int64_t rawSize = 0;          // picture.raw_size, 0: as it comes
-    std::int64_t keptFiles = 64;       // picture.keep
-    std::int64_t clock = 0;            // picture.clock, seconds since 1970; 0: the real time
-    double light = 10;                 // scene.light
     double rate = 0;                   // download.rate in MB/s; 0: as fast as it goes
     std::int64_t steps = 20;           // download.steps: progress calls after the first
     std::int64_t diskFullAfter = -1;   // download.disk_full_after, bytes; -1: never
@@ -49,7 +36,6 @@ struct Options {
     std::int64_t sleepCode = 0x81;     // sleep.code
     std::int64_t patienceMs = 5000;    // terminate.wait_ms
     std::int64_t oneThread = 1;        // misuse.one_thread: 0 off, 1 each camera, 2 the library
-    std::int64_t logLines = 10000;     // log.lines
 };
 
 enum class EventClass : std::uint8_t { kProperty, kObject, kState };
@@ -98,23 +84,14 @@ struct Inside {
     const char* function = nullptr;
 };
 
-// All members are guarded by `mutex`. `changed` is notified after every change that a test or a
-// call may wait for, `work` when there is something to do for the library's own threads. No handler
-// and no callback is called with the lock held.
-struct World {
+// `work` is notified when there is something to do for the library's own threads.
+struct World final : steering::World {
     World();
 
-    std::mutex mutex;
-    std::condition_variable changed;
     std::condition_variable work;
 
     Options options;
-    steering::Settings settings;
     steering::FaultTable faults;
-    steering::EventTable eventRules;
-    steering::CallLog log;
-    std::string lastError;
-    std::string readConfiguration;  // the text file that was read last
 
     std::vector<std::shared_ptr<Body>> bodies;             // by number; null: removed
     std::vector<std::shared_ptr<Connection>> connections;  // by number; null: not in use
@@ -125,23 +102,27 @@ struct World {
     std::vector<std::shared_ptr<Crew>> retired;  // stopped, not joined yet
 
     unsigned epoch = 0;       // counts resets
-    unsigned hangEpoch = 0;   // counts releases of hanging calls
     unsigned generation = 0;  // counts initialisations and terminations
-    int underWay = 0;         // calls that have not returned
     std::list<Inside> inside;
-    std::list<std::string> hanging;           // functions
-    std::map<std::uint32_t, int> deliveries;  // by event code
 
     // The camera of this number, null when there is none.
-    std::shared_ptr<Body> body(int number) const;
+    std::shared_ptr<Body> body(int number) const { return steering::atNumber(bodies, number); }
 
     // Its connection, null while the application has none.
     std::shared_ptr<Connection> connectionOf(const Body& body) const;
 
     bool isInitialised() const { return crew != nullptr; }
     bool hasCameraInUse() const;
-    bool isIdle() const;
     bool isOwnThread(std::thread::id thread) const;
+
+    int cameraCount() const override { return static_cast<int>(bodies.size()); }
+    bool hasCamera(int number) const override { return body(number) != nullptr; }
+    void addFactoryCamera() override;
+    std::string describeCamera(int number) const override;
+    std::string configureOwn(const std::string& key, const std::string& value, int camera) override;
+    void applyOptions() override;
+    bool isIdle() const override;
+    void unload() override;
 };
 
 World& world();
@@ -159,9 +140,6 @@ void unplug(World& world, Body& body);
 // handler runs, unless it is called by a handler.
 void startCrew(World& world, Lock& lock);
 void stopCrew(World& world, Lock& lock);
-
-// Ends what is left when the library is unloaded.
-void unload(World& world);
 
 // An event on its way to the application, subject to the event rules.
 void raise(World& world, Event event);
@@ -181,22 +159,5 @@ void releaseButton(World& world, const Body& body);
 // Makes the files of a picture on the calling thread; the lock is given up meanwhile. `crew` is the
 // one whose thread it is, null for none.
 void developPicture(World& world, Lock& lock, const Exposure& exposure, const Crew* crew);
-
-// One setting, or one line of a settings text for a camera. Returns why not, empty when it is done.
-std::string configure(World& world, const std::string& key, const std::string& value,
-                      const std::shared_ptr<Body>& body);
-
-// A whole settings text. Returns 0, or the number of the first bad line.
-int configure(World& world, const std::string& text);
-
-// All settings as text.
-std::string describeSettings(const World& world);
-
-// Reads the text file and opens the log file that the environment names, if they are others than
-// before.
-void readEnvironment(World& world);
-
-// The time that pictures carry, in seconds since 1970.
-std::int64_t pictureTime(const World& world);
 
 }  // namespace virtualcanon

@@ -1,7 +1,5 @@
-// Settings: lines of text, from a test or from the file that the environment names.
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
+// A camera's own settings as text.
+#include <optional>
 #include <sstream>
 
 #include "common/Text.h"
@@ -13,7 +11,6 @@ namespace virtualnikon {
 namespace {
 
 using steering::integer;
-using steering::words;
 
 std::vector<std::string> split(const std::string& text, char separator)
 {
@@ -105,140 +102,46 @@ std::string configureCamera(World& world, Camera& camera, const std::string& key
     return {};
 }
 
-// The camera of a section "camera 1"; the next free number makes one.
-std::shared_ptr<Camera> cameraOfSection(World& world, const std::string& section)
-{
-    const std::vector<std::string> parts = words(section);
-    const auto number =
-        parts.size() == 2 && parts[0] == "camera" ? integer(parts[1]) : std::nullopt;
-    const auto next = static_cast<std::int64_t>(world.cameras.size());
-    if (!number || *number < 0 || *number > next) {
-        return nullptr;
-    }
-    if (*number < next) {
-        return world.camera(static_cast<int>(*number));
-    }
-    return addCamera(world, "Virtual NIKON", static_cast<std::uint32_t>(next) + 1);
-}
-
-void apply(World& world)
-{
-    world.log.keep(static_cast<std::size_t>(world.options.logLines));
-    for (const auto& camera : world.cameras) {
-        if (camera != nullptr) {
-            camera->body->setLight(world.options.light);
-        }
-    }
-}
-
-std::string environment(const char* name)
-{
-    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nothing sets it here
-    return value == nullptr ? "" : value;
-}
-
 }  // namespace
 
-std::string configure(World& world, const std::string& key, const std::string& value,
-                      const std::shared_ptr<Camera>& camera)
+std::string World::configureOwn(const std::string& key, const std::string& value, int camera)
 {
     if (key == "fault") {
-        return world.rules.add(value);
-    }
-    if (key == "event") {
-        return world.eventRules.add(value);
-    }
-    if (world.settings.has(key)) {
-        std::string problem = world.settings.set(key, value);
-        apply(world);
-        return problem;
+        return rules.add(value);
     }
     const std::vector<std::string> parts = split(key, '.');
     if (!parts.empty() && parts[0] == "corrupt") {
-        return corrupt(world, parts, value);
+        return corrupt(*this, parts, value);
     }
-    if (camera == nullptr) {
+    const std::shared_ptr<Camera> found = this->camera(camera);
+    if (found == nullptr) {
         return "no such camera";
     }
     const auto id = parts.size() == 2 ? code(parts[1]) : std::nullopt;
     if (id && parts[0] == "value") {
-        return setValue(world, *camera, *id, value);
+        return setValue(*this, *found, *id, value);
     }
     if (id && parts[0] == "texts") {
-        return setTexts(world, *camera, *id, value);
+        return setTexts(*this, *found, *id, value);
     }
-    return configureCamera(world, *camera, key, value);
+    return configureCamera(*this, *found, key, value);
 }
 
-int configure(World& world, const std::string& text)
+std::string World::describeCamera(int number) const
 {
-    std::istringstream stream(text);
-    std::shared_ptr<Camera> camera = world.camera(0);
-    std::string line;
-    for (int number = 1; std::getline(stream, line); ++number) {
-        const steering::SettingLine parsed = steering::parseSettingLine(line);
-        std::string problem = parsed.isBad ? "a setting is \"key = value\"" : "";
-        if (problem.empty() && !parsed.section.empty()) {
-            camera = cameraOfSection(world, parsed.section);
-            problem = camera == nullptr ? "a section is \"[camera N]\"" : "";
-        } else if (problem.empty() && !parsed.key.empty()) {
-            problem = configure(world, parsed.key, parsed.value, camera);
-        }
-        if (!problem.empty()) {
-            world.lastError = problem;
-            return number;
-        }
-    }
-    return 0;
-}
-
-std::string describeSettings(const World& world)
-{
-    std::string text = world.settings.text();
-    for (const auto& camera : world.cameras) {
-        if (camera == nullptr) {
-            continue;
-        }
-        const Body& body = *camera->body;
-        text += "[camera " + std::to_string(body.number()) + "]\n";
-        text += "camera.name = " + body.name() + "\n";
-        text += "camera.id = " + std::to_string(body.id()) + "\n";
-        text += "camera.plugged = " + std::string(body.isPlugged ? "1" : "0") + "\n";
-        text += "camera.mode = " + std::to_string(body.mode()) + "\n";
-        for (const Capability& capability : body.capabilities()) {
-            const std::uint32_t value =
-                capability.elementType == 0 ? capability.number : capability.current;
-            text += "value." + steering::hexadecimal(capability.id) + " = " +
-                    std::to_string(value) + "\n";
-        }
+    const Body& body = *camera(number)->body;
+    std::string text;
+    text += "camera.name = " + body.name() + "\n";
+    text += "camera.id = " + std::to_string(body.id()) + "\n";
+    text += "camera.plugged = " + std::string(body.isPlugged ? "1" : "0") + "\n";
+    text += "camera.mode = " + std::to_string(body.mode()) + "\n";
+    for (const Capability& capability : body.capabilities()) {
+        const std::uint32_t value =
+            capability.elementType == 0 ? capability.number : capability.current;
+        text +=
+            "value." + steering::hexadecimal(capability.id) + " = " + std::to_string(value) + "\n";
     }
     return text;
-}
-
-void readEnvironment(World& world)
-{
-    const std::string log = environment("LUMATIE_VIRTUAL_LOG");
-    if (!world.log.appendTo(log)) {
-        std::fprintf(stderr, "virtual camera: cannot write %s\n", log.c_str());
-    }
-
-    const std::string path = environment("LUMATIE_VIRTUAL_NIKON");
-    if (path == world.readConfiguration) {
-        return;
-    }
-    world.readConfiguration = path;
-    if (path.empty()) {
-        return;
-    }
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    if (!file) {
-        std::fprintf(stderr, "virtual camera: cannot read %s\n", path.c_str());
-    } else if (const int line = configure(world, text.str())) {
-        std::fprintf(stderr, "virtual camera: %s, line %d: %s\n", path.c_str(), line,
-                     world.lastError.c_str());
-    }
 }
 
 }  // namespace virtualnikon

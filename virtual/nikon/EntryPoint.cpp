@@ -69,15 +69,6 @@ std::optional<MaidResult> findObject(World& world, Command& command)
     return std::nullopt;
 }
 
-void hang(World& world, Lock& lock, const Command& command)
-{
-    const auto self = world.hanging.insert(world.hanging.end(), command.name());
-    const unsigned epoch = world.hangEpoch;
-    world.changed.notify_all();
-    world.changed.wait(lock, [&] { return world.hangEpoch != epoch; });
-    world.hanging.erase(self);
-}
-
 void suffer(World& world, Lock& lock, Command& command)
 {
     CommandFacts facts;
@@ -106,7 +97,7 @@ void suffer(World& world, Lock& lock, Command& command)
         world.changed.wait_until(lock, due, [&] { return due <= Clock::now(); });
     }
     if (command.fault.hangs) {
-        hang(world, lock, command);
+        world.hang(lock, command.name(), [] { return false; });
     }
 }
 
@@ -144,7 +135,7 @@ MaidResult answer(World& world, Lock& lock, Command& command)
     const Clock::time_point start = Clock::now();
     const Inside inside(world);
     if (command.command == kMaidCommandOpen && command.record == nullptr) {
-        readEnvironment(world);
+        world.readEnvironment("LUMATIE_VIRTUAL_NIKON");
     }
     checkThread(world, command);
     const std::optional<MaidResult> refusal = findObject(world, command);

@@ -12,15 +12,6 @@ namespace virtualnikon {
 
 namespace {
 
-std::int64_t pictureTime(const World& world)
-{
-    if (world.options.clock != 0) {
-        return world.options.clock;
-    }
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::seconds>(now).count();
-}
-
 Clock::time_point endOfExposure(const World& world, const Body& body)
 {
     const double seconds = body.exposureSeconds() * world.options.exposureScale;
@@ -148,7 +139,7 @@ std::shared_ptr<Exposure> press(World& world, const std::shared_ptr<Camera>& cam
     auto exposure = std::make_shared<Exposure>();
     exposure->camera = camera;
     exposure->isFromBody = isFromBody;
-    exposure->facts = body.facts(pictureTime(world));
+    exposure->facts = body.facts(world.options.pictureTime());
     exposure->facts.width = static_cast<int>(world.options.width);
     exposure->facts.height = static_cast<int>(world.options.height);
     exposure->quality = body.quality();

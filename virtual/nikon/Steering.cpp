@@ -54,7 +54,7 @@ int waitFor(int timeoutMs, Condition condition)
         if (Clock::now() >= deadline) {
             return 0;
         }
-        world.changed.wait_until(lock, std::min(deadline, world.nextExposure()));
+        world.changed.wait_until(lock, std::min(deadline, world.nextDue()));
     }
 }
 
@@ -174,12 +174,12 @@ int VirtualNikonConfigure(const char* text)
 {
     World& world = vn::world();
     const Lock lock(world.mutex);
-    return vn::configure(world, textFrom(text));
+    return world.configure(textFrom(text));
 }
 
 int VirtualNikonSettings(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, vn::describeSettings);
+    return textOut(buffer, capacity, [](const World& world) { return world.describeSettings(); });
 }
 
 int VirtualNikonLastError(char* buffer, int capacity)

@@ -2,22 +2,13 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <limits>
 #include <new>
 
-#include "common/Platform.h"
 #include "nikon/Codes.h"
 
 namespace virtualnikon {
 
 namespace {
-
-constexpr char kFactoryName[] = "Virtual NIKON";
-
-// The world is never destroyed: at the end of the process other threads may still be in a call.
-alignas(World) unsigned char g_storage[sizeof(World)];
-
-World* g_world = nullptr;
 
 void noteOpenObjects(World& world)
 {
@@ -31,48 +22,11 @@ void noteOpenObjects(World& world)
     }
 }
 
-void unload(World& world)
-{
-    Lock lock(world.mutex);
-    stopThread(world, lock);
-    noteOpenObjects(world);
-    world.log.appendTo("");
-    world.log.clear();
-    world.log.forgetThreads();
-    world.objects.clear();
-    static_cast<State&>(world) = State{};
-    std::string().swap(world.lastError);  // assigning would keep their memory
-    std::string().swap(world.readConfiguration);
-    world.settings = steering::Settings{};
-}
-
-// Frees what the application left when the library is unloaded.
-struct Unloader {
-    Unloader() { g_world = new (g_storage) World; }
-    ~Unloader()
-    {
-        if (steering::kJoinsWhileUnloading) {
-            unload(*g_world);
-        }
-    }
-    Unloader(const Unloader&) = delete;
-    Unloader& operator=(const Unloader&) = delete;
-};
-
 void addShootingSettings(steering::Settings& settings, Options& options)
 {
-    constexpr std::int64_t kHour = 3600000;
-    settings.add("shutter.lag_ms", options.lagMs, 0, kHour);
-    settings.add("shutter.scale", options.exposureScale, 0.0, 1000.0);
+    options.addTo(settings);
     settings.add("shutter.pending", options.capturePending, 0, 1);
-    settings.add("picture.width", options.width, 16, 6000);
-    settings.add("picture.height", options.height, 16, 6000);
-    settings.add("picture.size", options.jpegSize, 0, 100000000);
-    settings.add("picture.raw_size", options.rawSize, 0, 100000000);
     settings.add("picture.file_type", options.fileType, kRows, 65535);
-    settings.add("picture.keep", options.keptFiles, 0, 1000000);
-    settings.add("picture.clock", options.clock, 0, 253402300799);
-    settings.add("scene.light", options.light, -10.0, 30.0);
     settings.add("items.remove", options.remove, 0, 2);
     settings.add("items.newest_first", options.newestFirst, 0, 1);
     settings.add("items.thumbnails", options.thumbnails, 0, 1);
@@ -95,7 +49,6 @@ void addModuleSettings(steering::Settings& settings, Options& options)
     settings.add("gone.code", options.goneCode, -0x80000000LL, 0x7FFFFFFF);
     settings.add("misuse.one_thread", options.oneThread, 0, 1);
     settings.add("misuse.data_procedure", options.dataProcedure, 0, 1);
-    settings.add("log.lines", options.logLines, 0, 1000000);
 }
 
 void addUntruthSettings(steering::Settings& settings, Options& options)
@@ -116,12 +69,6 @@ void addUntruthSettings(steering::Settings& settings, Options& options)
     settings.add("data.go_on", options.data.goOn, 0, 1);
 }
 
-void makeFactoryCamera(World& world)
-{
-    world.cameras.clear();
-    addCamera(world, kFactoryName, 1);
-}
-
 }  // namespace
 
 World::World()
@@ -129,19 +76,15 @@ World::World()
     addShootingSettings(settings, options);
     addModuleSettings(settings, options);
     addUntruthSettings(settings, options);
-    makeFactoryCamera(*this);
+    addFactoryCamera();
 }
 
 World& world()
 {
-    static const Unloader unloader;
-    return *g_world;
-}
-
-std::shared_ptr<Camera> World::camera(int number) const
-{
-    const auto index = static_cast<std::size_t>(number);
-    return number < 0 || index >= cameras.size() ? nullptr : cameras[index];
+    alignas(World) static unsigned char storage[sizeof(World)];
+    static auto* const world = new (storage) World;
+    static const steering::Unloader unloader(*world);
+    return *world;
 }
 
 bool World::isIdle() const
@@ -152,13 +95,43 @@ bool World::isIdle() const
     return underWay == 0 && delivering == 0 && !isPending && exposures.empty() && events.empty();
 }
 
-Clock::time_point World::nextExposure() const
+void World::catchUp()
+{
+    develop(*this);
+}
+
+Clock::time_point World::nextDue() const
 {
     Clock::time_point due = Clock::time_point::max();
     for (const auto& exposure : exposures) {
         due = std::min(due, exposure->due);
     }
     return due;
+}
+
+void World::addFactoryCamera()
+{
+    addCamera(*this, "Virtual NIKON", static_cast<std::uint32_t>(cameras.size()) + 1);
+}
+
+void World::applyOptions()
+{
+    log.keep(static_cast<std::size_t>(options.logLines));
+    for (const auto& camera : cameras) {
+        if (camera != nullptr) {
+            camera->body->setLight(options.light);
+        }
+    }
+}
+
+void World::unload()
+{
+    Lock lock(mutex);
+    stopThread(*this, lock);
+    noteOpenObjects(*this);
+    forgetShared();
+    objects.clear();
+    static_cast<State&>(*this) = State{};
 }
 
 std::shared_ptr<Camera> addCamera(World& world, const std::string& name, std::uint32_t id)
@@ -201,18 +174,13 @@ void unplug(World& world, Camera& camera)
 
 void reset(World& world)
 {
-    ++world.epoch;
-    ++world.hangEpoch;
+    world.resetShared();
     world.options = Options{};
+    world.applyOptions();
     world.untruths.clear();
     world.rules.clear();
-    world.eventRules.clear();
-    world.log.clear();
-    world.log.keep(static_cast<std::size_t>(world.options.logLines));
-    world.lastError.clear();
     world.pictures.clear();
     world.untrueChildren.clear();
-    world.deliveries.clear();
     for (const PendingRef& pending : std::list<PendingRef>(world.pending)) {
         pending->how = Completion{};
         if (pending->exposure != nullptr && !pending->isReady) {
@@ -221,7 +189,8 @@ void reset(World& world)
     }
     world.exposures.clear();
     if (world.objects.find(kMaidLevelSource, 0) == nullptr) {
-        makeFactoryCamera(world);
+        world.cameras.clear();
+        world.addFactoryCamera();
     }
     for (const auto& camera : world.cameras) {
         if (camera == nullptr) {
@@ -230,7 +199,6 @@ void reset(World& world)
         camera->body->isExposing = false;
         camera->body->shots = 0;
         camera->body->files = 0;
-        camera->body->setLight(world.options.light);
         for (const auto& item : std::vector<std::shared_ptr<Item>>(camera->items)) {
             removeItem(world, *camera, item, false);
         }

@@ -1,27 +1,23 @@
 // Everything the library knows, behind one lock.
 #pragma once
 
-#include <condition_variable>
 #include <functional>
 #include <list>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "common/CallLog.h"
-#include "common/Rules.h"
-#include "common/Settings.h"
+#include "common/World.h"
 #include "nikon/CallRules.h"
 #include "nikon/Objects.h"
 
 namespace virtualnikon {
 
 using steering::Clock;
-using Lock = std::unique_lock<std::mutex>;
+using steering::Lock;
 
 // What can be untrue about transfers.
 struct TransferUntruths {
@@ -42,18 +38,9 @@ struct TransferUntruths {
 };
 
 // What settings lines without a camera set; the defaults are the factory's.
-struct Options {
-    std::int64_t lagMs = 5;           // shutter.lag_ms
-    double exposureScale = 0;         // shutter.scale
+struct Options : steering::SharedOptions {
     std::int64_t capturePending = 1;  // shutter.pending: 0 the start of a capture completes at once
-    std::int64_t width = 640;         // picture.width
-    std::int64_t height = 480;        // picture.height
-    std::int64_t jpegSize = 0;        // picture.size, 0: as it comes
-    std::int64_t rawSize = 0;         // picture.raw_size, 0: as it comes
     std::int64_t fileType = 0;        // picture.file_type: 0 by the quality, -1 rows
-    std::int64_t keptFiles = 64;      // picture.keep
-    std::int64_t clock = 0;           // picture.clock, seconds since 1970; 0: the real time
-    double light = 10;                // scene.light
     std::int64_t remove = 1;          // items.remove: 0 stay listed, 1 go when fetched, 2 and tell
     std::int64_t newestFirst = 0;     // items.newest_first
     std::int64_t thumbnails = 0;      // items.thumbnails: 1 pictures have a thumbnail too
@@ -70,7 +57,6 @@ struct Options {
     std::int64_t goneCode = -10;      // gone.code
     std::int64_t oneThread = 1;       // misuse.one_thread
     std::int64_t dataProcedure = 1;   // misuse.data_procedure: 1 it may not be left at the close
-    std::int64_t logLines = 10000;    // log.lines
     TransferUntruths data;
 };
 
@@ -146,9 +132,6 @@ using PendingRef = std::shared_ptr<Pending>;
 struct State {
     Untruths untruths;
     CommandRules rules;
-    steering::EventTable eventRules;
-    std::string lastError;
-    std::string readConfiguration;  // the text file that was read last
 
     std::vector<std::shared_ptr<Camera>> cameras;  // by number; null: removed
     std::vector<std::shared_ptr<Picture>> pictures;
@@ -158,34 +141,31 @@ struct State {
     std::list<std::shared_ptr<Exposure>> exposures;
     std::list<Event> events;
 
-    unsigned epoch = 0;                       // counts resets
-    unsigned hangEpoch = 0;                   // counts releases of hanging commands
-    int underWay = 0;                         // commands that have not returned
-    int delivering = 0;                       // procedures of the application that run
-    std::list<std::thread::id> inside;        // threads in a command, nested ones more than once
-    std::list<std::string> hanging;           // commands' names
-    std::map<std::uint32_t, int> deliveries;  // of events, by code
+    int delivering = 0;                 // procedures of the application that run
+    std::list<std::thread::id> inside;  // threads in a command, nested ones more than once
 };
 
-// All members are guarded by `mutex`. `changed` is notified after every change that a test or a
-// command may wait for. No procedure of the application is called with the lock held.
-struct World : State {
+struct World final : steering::World, State {
     World();
 
-    std::mutex mutex;
-    std::condition_variable changed;
     Options options;
-    steering::Settings settings;
-    steering::CallLog log;
     std::thread thread;  // for completions on a thread of the library's own
     bool isThreadStopping = false;
     const Object* threadInside = nullptr;  // whose completion that thread delivers now
 
-    std::shared_ptr<Camera> camera(int number) const;
-    bool isIdle() const;
+    // The camera of this number, null when there is none.
+    std::shared_ptr<Camera> camera(int number) const { return steering::atNumber(cameras, number); }
 
-    // When something is due that no application's call is needed for.
-    Clock::time_point nextExposure() const;
+    int cameraCount() const override { return static_cast<int>(cameras.size()); }
+    bool hasCamera(int number) const override { return camera(number) != nullptr; }
+    void addFactoryCamera() override;
+    std::string describeCamera(int number) const override;
+    std::string configureOwn(const std::string& key, const std::string& value, int camera) override;
+    void applyOptions() override;
+    bool isIdle() const override;
+    void catchUp() override;
+    Clock::time_point nextDue() const override;
+    void unload() override;
 };
 
 World& world();
@@ -257,19 +237,5 @@ void runTransfer(World& world, Lock& lock, const PendingRef& pending, bool isWho
 // Calls the progress procedure of an object, if it has one; the lock is given up meanwhile.
 void showProgress(World& world, Lock& lock, const Object& object, std::uint32_t command,
                   std::uint32_t parameter, std::uint32_t done, std::uint32_t total);
-
-// One setting, or one line of a settings text for a camera. Returns why not, empty when it is done.
-std::string configure(World& world, const std::string& key, const std::string& value,
-                      const std::shared_ptr<Camera>& camera);
-
-// A whole settings text. Returns 0, or the number of the first bad line.
-int configure(World& world, const std::string& text);
-
-// All settings as text.
-std::string describeSettings(const World& world);
-
-// Reads the text file and opens the log file that the environment names, if they are others than
-// before.
-void readEnvironment(World& world);
 
 }  // namespace virtualnikon
