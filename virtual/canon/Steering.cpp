@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string_view>
 
 #include "canon/Codes.h"
@@ -11,9 +10,10 @@
 #include "common/Text.h"
 
 namespace vc = virtualcanon;
+using steering::copyOut;
+using steering::textFrom;
+using steering::waitFor;
 using vc::Bytes;
-using vc::Clock;
-using vc::Lock;
 using vc::World;
 
 namespace {
@@ -24,37 +24,22 @@ Bytes bytesFrom(const void* data, int size)
     return data == nullptr || size <= 0 ? Bytes{} : Bytes(bytes, bytes + size);
 }
 
-std::string textFrom(const char* text)
+// The world, locked as long as the answer lives.
+steering::Locked<World> locked()
 {
-    return text == nullptr ? "" : text;
-}
-
-int refuse(World& world, const std::string& reason)
-{
-    world.lastError = reason;
-    return 0;
+    return steering::Locked<World>(vc::world());
 }
 
 // Does `work` with a camera's body; 0 with an error when there is no such camera.
 template <typename Work>
 int withCamera(int camera, Work work)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    const std::shared_ptr<vc::Body> body = world.body(camera);
+    const auto world = locked();
+    const std::shared_ptr<vc::Body> body = world->body(camera);
     if (body == nullptr) {
-        return refuse(world, "no such camera: " + std::to_string(camera));
+        return world->refuse("no such camera: " + std::to_string(camera));
     }
-    return work(world, body);
-}
-
-template <typename Condition>
-int waitFor(int timeoutMs, Condition condition)
-{
-    World& world = vc::world();
-    Lock lock(world.mutex);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
-    return world.changed.wait_until(lock, deadline, [&] { return condition(world); }) ? 1 : 0;
+    return work(*world, body);
 }
 
 int change(World& world, const vc::Body& body, const vc::Changes& changes)
@@ -68,16 +53,10 @@ int send(World& world, const vc::Body& body, vc::Event event)
 {
     event.connection = world.connectionOf(body);
     if (event.connection == nullptr || world.crew == nullptr) {
-        return refuse(world, "the application does not use this camera");
+        return world.refuse("the application does not use this camera");
     }
     vc::raise(world, event);
     return 1;
-}
-
-std::shared_ptr<vc::PictureFile> fileAt(const World& world, int file)
-{
-    const auto index = static_cast<std::size_t>(file);
-    return file < 0 || index >= world.files.size() ? nullptr : world.files[index];
 }
 
 std::string nameOf(const vc::PictureFile& file)
@@ -95,22 +74,10 @@ std::string describe(const vc::PictureFile& file)
            " complete=" + std::to_string(file.completed) + "\n";
 }
 
-int deliveries(const World& world, std::uint32_t event)
+// The code that an event is counted under; 0 stands for all.
+std::optional<std::uint32_t> countedCode(std::uint32_t event)
 {
-    int count = 0;
-    for (const auto& [code, times] : world.deliveries) {
-        count += event == 0 || event == code ? times : 0;
-    }
-    return count;
-}
-
-// Asks for text; everything it needs is read under the lock.
-template <typename Make>
-int textOut(char* buffer, int capacity, Make make)
-{
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    return steering::copyOut(make(world), buffer, capacity);
+    return event == 0 ? std::nullopt : std::optional(event);
 }
 
 }  // namespace
@@ -119,41 +86,36 @@ extern "C" {
 
 void VirtualCameraReset(void)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    vc::reset(world);
+    vc::reset(*locked());
 }
 
 int VirtualCameraConfigure(const char* text)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    return world.configure(textFrom(text));
+    return locked()->configure(textFrom(text));
 }
 
 int VirtualCameraSettings(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) { return world.describeSettings(); });
+    return copyOut(locked()->describeSettings(), buffer, capacity);
 }
 
 int VirtualCameraLastError(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) { return world.lastError; });
+    return copyOut(locked()->lastError, buffer, capacity);
 }
 
 int VirtualCameraAdd(const char* name, uint32_t subType)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
+    const auto world = locked();
     const std::string text = textFrom(name).substr(0, kEdsMaxName - 1);
-    return vc::addBody(world, Bytes(text.begin(), text.end()), subType)->number();
+    return vc::addBody(*world, Bytes(text.begin(), text.end()), subType)->number();
 }
 
 int VirtualCameraSetName(int camera, const void* bytes, int length)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (length < 0 || length > static_cast<int>(kEdsMaxName)) {
-            return refuse(world, "a name has 0 to 256 bytes");
+            return world.refuse("a name has 0 to 256 bytes");
         }
         return change(world, *body, body->setName(bytesFrom(bytes, length)));
     });
@@ -170,9 +132,7 @@ int VirtualCameraRemove(int camera)
 
 int VirtualCameraCount(void)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    return static_cast<int>(world.bodies.size());
+    return static_cast<int>(locked()->bodies.size());
 }
 
 int VirtualCameraUnplug(int camera)
@@ -209,19 +169,18 @@ int VirtualCameraSessionOpen(int camera)
 
 int VirtualCameraPressShutter(int camera)
 {
-    World& world = vc::world();
-    Lock lock(world.mutex);
-    const std::shared_ptr<vc::Body> body = world.body(camera);
-    const auto connection = body == nullptr ? nullptr : world.connectionOf(*body);
+    auto world = locked();
+    const std::shared_ptr<vc::Body> body = world->body(camera);
+    const auto connection = body == nullptr ? nullptr : world->connectionOf(*body);
     if (body == nullptr || body->isAsleep) {
-        return refuse(world, "no such camera, or it sleeps");
+        return world->refuse("no such camera, or it sleeps");
     }
     if (connection != nullptr && connection->areButtonsLocked) {
-        return refuse(world, "the buttons are locked");
+        return world->refuse("the buttons are locked");
     }
-    const std::uint32_t code = vc::press(world, lock, body, true);
+    const std::uint32_t code = vc::press(*world, world.lock(), body, true);
     if (code != vc::result::kOk) {
-        return refuse(world, "the camera refuses: " + steering::hexadecimal(code));
+        return world->refuse("the camera refuses: " + steering::hexadecimal(code));
     }
     return 1;
 }
@@ -243,7 +202,7 @@ int VirtualCameraSetPropertyBytes(int camera, uint32_t property, uint32_t type, 
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (size < 0) {
-            return refuse(world, "a size below 0");
+            return world.refuse("a size below 0");
         }
         return change(world, *body, body->set(property, bytesFrom(data, size), type));
     });
@@ -253,7 +212,7 @@ int VirtualCameraRemoveProperty(int camera, uint32_t property)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (body->find(property) == nullptr) {
-            return refuse(world, "no such property");
+            return world.refuse("no such property");
         }
         body->remove(property);
         return 1;
@@ -264,7 +223,7 @@ int VirtualCameraSetAllowed(int camera, uint32_t property, const int32_t* values
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (count < -1 || count > static_cast<int>(kEdsMaxDescElements)) {
-            return refuse(world, "0 to 128 values, or -1");
+            return world.refuse("0 to 128 values, or -1");
         }
         std::optional<vc::Values> list;
         if (count >= 0) {
@@ -291,7 +250,7 @@ int VirtualCameraPropertyBytes(int camera, uint32_t property, void* buffer, int 
     std::int64_t size = -1;
     withCamera(camera, [&](World&, const auto& body) {
         if (const vc::Property* entry = body->find(property)) {
-            size = steering::copyOut(entry->value.data(), entry->value.size(), buffer, capacity);
+            size = copyOut(entry->value.data(), entry->value.size(), buffer, capacity);
         }
         return 1;
     });
@@ -317,10 +276,8 @@ int VirtualCameraAllowed(int camera, uint32_t property, int32_t* values, int cap
 
 int VirtualCameraFault(const char* rule)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    const std::string problem = world.faults.add(textFrom(rule));
-    return problem.empty() ? 1 : refuse(world, problem);
+    const auto world = locked();
+    return world->answer(world->faults.add(textFrom(rule)));
 }
 
 int VirtualCameraFailNext(const char* function, uint32_t code, int calls)
@@ -332,37 +289,26 @@ int VirtualCameraFailNext(const char* function, uint32_t code, int calls)
 
 int VirtualCameraEventRule(const char* rule)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    const std::string problem = world.eventRules.add(textFrom(rule));
-    return problem.empty() ? 1 : refuse(world, problem);
+    const auto world = locked();
+    return world->answer(world->eventRules.add(textFrom(rule)));
 }
 
 void VirtualCameraClearFaults(void)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    world.faults.clear();
-    world.eventRules.clear();
+    const auto world = locked();
+    world->faults.clear();
+    world->eventRules.clear();
 }
 
 int VirtualCameraReleaseHangs(void)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    const auto count = static_cast<int>(world.hanging.size());
-    ++world.hangEpoch;
-    world.changed.notify_all();
-    return count;
+    return locked()->releaseHangs();
 }
 
 int VirtualCameraWaitForHang(const char* function, int timeoutMs)
 {
     const std::string name = textFrom(function);
-    return waitFor(timeoutMs, [&](const World& world) {
-        return std::any_of(world.hanging.begin(), world.hanging.end(),
-                           [&](const auto& hanging) { return name == "*" || name == hanging; });
-    });
+    return waitFor(vc::world(), timeoutMs, [&] { return vc::world().isHanging(name); });
 }
 
 int VirtualCameraSendPropertyEvent(int camera, uint32_t event, uint32_t property,
@@ -407,11 +353,11 @@ void* VirtualCameraNewItem(int camera, int file)
         object.kind = vc::Kind::kItem;
         object.item = std::make_shared<vc::Item>();
         object.item->connection = world.connectionOf(*body);
-        object.item->file = fileAt(world, file);
+        object.item->file = steering::atNumber(world.files, file);
         object.item->bytes = object.item->file == nullptr ? nullptr : object.item->file->bytes;
         const bool isComplete = file < 0 || object.item->bytes != nullptr;
         if (object.item->connection == nullptr || !isComplete) {
-            return refuse(world, "the camera is not in use, or the file is not kept");
+            return world.refuse("the camera is not in use, or the file is not kept");
         }
         reference = world.objects.add(std::move(object));
         return 1;
@@ -421,85 +367,68 @@ void* VirtualCameraNewItem(int camera, int file)
 
 int VirtualCameraEventCount(uint32_t event)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    return deliveries(world, event);
+    return locked()->eventCount(countedCode(event));
 }
 
 int VirtualCameraWaitForEvents(uint32_t event, int count, int timeoutMs)
 {
-    return waitFor(timeoutMs,
-                   [&](const World& world) { return deliveries(world, event) >= count; });
+    return waitFor(vc::world(), timeoutMs,
+                   [&] { return vc::world().eventCount(countedCode(event)) >= count; });
 }
 
 int VirtualCameraCallCount(const char* function)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    return world.log.calls(textFrom(function));
+    return locked()->log.calls(textFrom(function));
 }
 
 int VirtualCameraWaitForCalls(const char* function, int count, int timeoutMs)
 {
     const std::string name = textFrom(function);
-    return waitFor(timeoutMs, [&](const World& world) { return world.log.calls(name) >= count; });
+    return waitFor(vc::world(), timeoutMs, [&] { return vc::world().log.calls(name) >= count; });
 }
 
 int VirtualCameraWaitUntilIdle(int timeoutMs)
 {
-    return waitFor(timeoutMs, [](const World& world) { return world.isIdle(); });
+    return waitFor(vc::world(), timeoutMs, [] { return vc::world().isIdle(); });
 }
 
 int VirtualCameraLog(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) { return world.log.text(); });
+    return copyOut(locked()->log.text(), buffer, capacity);
 }
 
 void VirtualCameraClearLog(void)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    world.log.clearLines();
+    locked()->log.clearLines();
 }
 
 int VirtualCameraMisuseCount(void)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    return static_cast<int>(world.log.misuses().size());
+    return locked()->log.misuses();
 }
 
 int VirtualCameraMisuse(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) {
-        std::string text;
-        for (const std::string& misuse : world.log.misuses()) {
-            text += misuse + "\n";
-        }
-        return text;
-    });
+    return copyOut(locked()->log.misuseText(), buffer, capacity);
 }
 
 void VirtualCameraClearMisuse(void)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    world.log.clearMisuses();
+    locked()->log.clearMisuses();
 }
 
 int VirtualCameraReferenceCount(const char* kind)
 {
     constexpr std::array<std::string_view, 6> kKinds{"",     "list",   "camera",
                                                      "item", "stream", "image"};
-    World& world = vc::world();
-    const Lock lock(world.mutex);
+    const auto world = locked();
     const std::string wanted = textFrom(kind);
     for (std::size_t i = 0; i < kKinds.size(); ++i) {
         if (kKinds[i] == wanted) {
-            return world.objects.count(static_cast<vc::Kind>(i));
+            return world->objects.count(static_cast<vc::Kind>(i));
         }
     }
-    world.lastError = "no such kind";
+    world->lastError = "no such kind";
     return -1;
 }
 
@@ -507,7 +436,7 @@ int VirtualCameraSetPictureName(int camera, const void* bytes, int length)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (length < 0 || length > static_cast<int>(kEdsMaxName)) {
-            return refuse(world, "a name has 0 to 256 bytes");
+            return world.refuse("a name has 0 to 256 bytes");
         }
         body->pictureName = bytesFrom(bytes, length);
         return 1;
@@ -516,36 +445,31 @@ int VirtualCameraSetPictureName(int camera, const void* bytes, int length)
 
 int VirtualCameraPictureCount(void)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    return static_cast<int>(world.files.size());
+    return static_cast<int>(locked()->files.size());
 }
 
 int VirtualCameraWaitForPictures(int count, int timeoutMs)
 {
-    return waitFor(timeoutMs, [&](const World& world) {
-        return static_cast<int>(world.files.size()) >= count;
-    });
+    return waitFor(vc::world(), timeoutMs,
+                   [&] { return static_cast<int>(vc::world().files.size()) >= count; });
 }
 
 int VirtualCameraPictureList(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) {
-        std::string text;
-        for (const auto& file : world.files) {
-            text += describe(*file);
-        }
-        return text;
-    });
+    const auto world = locked();
+    std::string text;
+    for (const auto& file : world->files) {
+        text += describe(*file);
+    }
+    return copyOut(text, buffer, capacity);
 }
 
 int64_t VirtualCameraPictureValue(int file, const char* field)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    const auto picture = fileAt(world, file);
+    const auto world = locked();
+    const auto picture = steering::atNumber(world->files, file);
     if (picture == nullptr) {
-        world.lastError = "no such file";
+        world->lastError = "no such file";
         return -1;
     }
     const std::string name = textFrom(field);
@@ -565,35 +489,32 @@ int64_t VirtualCameraPictureValue(int file, const char* field)
 
 int VirtualCameraPictureName(int file, char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [&](const World& world) {
-        const auto picture = fileAt(world, file);
-        return picture == nullptr ? std::string() : nameOf(*picture);
-    });
+    const auto world = locked();
+    const auto picture = steering::atNumber(world->files, file);
+    return copyOut(picture == nullptr ? std::string() : nameOf(*picture), buffer, capacity);
 }
 
 int64_t VirtualCameraPictureBytes(int file, void* buffer, int64_t capacity)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    const auto picture = fileAt(world, file);
+    const auto world = locked();
+    const auto picture = steering::atNumber(world->files, file);
     if (picture == nullptr || picture->bytes == nullptr) {
-        world.lastError = "no such file, or its bytes are not kept";
+        world->lastError = "no such file, or its bytes are not kept";
         return -1;
     }
-    return steering::copyOut(picture->bytes->data(), picture->bytes->size(), buffer, capacity);
+    return copyOut(picture->bytes->data(), picture->bytes->size(), buffer, capacity);
 }
 
 int64_t VirtualCameraStreamBytes(void* stream, void* buffer, int64_t capacity)
 {
-    World& world = vc::world();
-    const Lock lock(world.mutex);
-    const vc::Object* object = world.objects.find(static_cast<EdsBaseRef>(stream));
+    const auto world = locked();
+    const vc::Object* object = world->objects.find(static_cast<EdsBaseRef>(stream));
     if (object == nullptr || object->stream == nullptr || object->stream->isFile()) {
-        world.lastError = "no memory stream";
+        world->lastError = "no memory stream";
         return -1;
     }
     const Bytes& memory = object->stream->memory;
-    return steering::copyOut(memory.data(), memory.size(), buffer, capacity);
+    return copyOut(memory.data(), memory.size(), buffer, capacity);
 }
 
 }  // extern "C"

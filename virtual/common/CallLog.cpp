@@ -62,6 +62,15 @@ void CallLog::misuse(const std::string& text)
     write("MISUSE " + text, Clock::now());
 }
 
+std::string CallLog::misuseText() const
+{
+    std::string whole;
+    for (const std::string& misuse : m_misuses) {
+        whole += misuse + "\n";
+    }
+    return whole;
+}
+
 std::string CallLog::text() const
 {
     std::string whole;

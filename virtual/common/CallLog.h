@@ -47,7 +47,10 @@ public:
     // Notes a misuse, and writes it to the log too.
     void misuse(const std::string& text);
 
-    const std::vector<std::string>& misuses() const { return m_misuses; }
+    int misuses() const { return static_cast<int>(m_misuses.size()); }
+
+    // A line each.
+    std::string misuseText() const;
     void clearMisuses() { m_misuses.clear(); }
 
     // The lines that are kept, each with its end of line.

@@ -112,6 +112,11 @@ std::string fixedPoint(double value, int digits)
     return stream.str();
 }
 
+std::string textFrom(const char* text)
+{
+    return text == nullptr ? "" : text;
+}
+
 int copyOut(std::string_view text, char* buffer, int capacity)
 {
     if (buffer != nullptr && capacity > 0) {

@@ -28,6 +28,9 @@ std::string hexadecimal(std::uint64_t value);
 // A number with that many digits behind the point; the point is a point in every locale.
 std::string fixedPoint(double value, int digits);
 
+// A text of the C interface, empty for null.
+std::string textFrom(const char* text);
+
 // Copies `text` as the C interface promises: cut to `capacity` bytes, always terminated. Returns
 // the length of the whole text.
 int copyOut(std::string_view text, char* buffer, int capacity);

@@ -9,69 +9,43 @@
 #include "nikon/World.h"
 
 namespace vn = virtualnikon;
-using vn::Clock;
-using vn::Lock;
+using steering::copyOut;
+using steering::textFrom;
+using steering::waitFor;
 using vn::World;
 
 namespace {
 
-std::string textFrom(const char* text)
+// The world, locked as long as the answer lives.
+steering::Locked<World> locked()
 {
-    return text == nullptr ? "" : text;
+    return steering::Locked<World>(vn::world());
 }
 
-int refuse(World& world, const std::string& reason)
+// The same, with the pictures made that are due.
+steering::Locked<World> caughtUp()
 {
-    world.lastError = reason;
-    return 0;
+    auto world = locked();
+    world->catchUp();
+    return world;
 }
 
 // Does `work` with a camera; 0 with an error when there is no such camera.
 template <typename Work>
 int withCamera(int camera, Work work)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    const std::shared_ptr<vn::Camera> found = world.camera(camera);
+    const auto world = locked();
+    const std::shared_ptr<vn::Camera> found = world->camera(camera);
     if (found == nullptr) {
-        return refuse(world, "no such camera: " + std::to_string(camera));
+        return world->refuse("no such camera: " + std::to_string(camera));
     }
-    return work(world, found);
-}
-
-// Waits, and has the pictures made that are due meanwhile.
-template <typename Condition>
-int waitFor(int timeoutMs, Condition condition)
-{
-    World& world = vn::world();
-    Lock lock(world.mutex);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
-    while (true) {
-        vn::develop(world);
-        if (condition(world)) {
-            return 1;
-        }
-        if (Clock::now() >= deadline) {
-            return 0;
-        }
-        world.changed.wait_until(lock, std::min(deadline, world.nextDue()));
-    }
-}
-
-// Asks for text; everything it needs is read under the lock.
-template <typename Make>
-int textOut(char* buffer, int capacity, Make make)
-{
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    vn::develop(world);
-    return steering::copyOut(make(world), buffer, capacity);
+    return work(*world, found);
 }
 
 int change(World& world, const vn::Camera& camera, const std::optional<vn::Changes>& changes)
 {
     if (!changes) {
-        return refuse(world, "no such capability, value or list");
+        return world.refuse("no such capability, value or list");
     }
     vn::raiseChanges(world, camera, *changes);
     return 1;
@@ -79,23 +53,16 @@ int change(World& world, const vn::Camera& camera, const std::optional<vn::Chang
 
 int send(std::uint32_t level, std::uint32_t object, vn::Event event)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    const vn::ObjectRef found = world.objects.find(level, object);
+    const auto world = locked();
+    const vn::ObjectRef found = world->objects.find(level, object);
     if (found == nullptr) {
-        return refuse(world, "no such object is open");
+        return world->refuse("no such object is open");
     }
     event.object = found;
     event.isForced = true;
-    vn::noteUntrueChild(world, event);
-    vn::raise(world, event);
+    vn::noteUntrueChild(*world, event);
+    vn::raise(*world, event);
     return 1;
-}
-
-std::shared_ptr<vn::Picture> pictureAt(const World& world, int picture)
-{
-    const auto index = static_cast<std::size_t>(picture);
-    return picture < 0 || index >= world.pictures.size() ? nullptr : world.pictures[index];
 }
 
 std::string describe(const vn::Picture& picture)
@@ -111,13 +78,10 @@ std::string describe(const vn::Picture& picture)
            " delivered=" + std::to_string(picture.delivered) + "\n";
 }
 
-int deliveries(const World& world, int event)
+// The code that an event is counted under; a negative one stands for all.
+std::optional<std::uint32_t> countedCode(int event)
 {
-    int count = 0;
-    for (const auto& [code, times] : world.deliveries) {
-        count += event < 0 || static_cast<std::uint32_t>(event) == code ? times : 0;
-    }
-    return count;
+    return event < 0 ? std::nullopt : std::optional(static_cast<std::uint32_t>(event));
 }
 
 std::vector<std::string> linesOf(const char* text)
@@ -165,34 +129,29 @@ extern "C" {
 
 void VirtualNikonReset(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    vn::reset(world);
+    vn::reset(*locked());
 }
 
 int VirtualNikonConfigure(const char* text)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    return world.configure(textFrom(text));
+    return locked()->configure(textFrom(text));
 }
 
 int VirtualNikonSettings(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) { return world.describeSettings(); });
+    return copyOut(caughtUp()->describeSettings(), buffer, capacity);
 }
 
 int VirtualNikonLastError(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) { return world.lastError; });
+    return copyOut(caughtUp()->lastError, buffer, capacity);
 }
 
 int VirtualNikonAdd(const char* name, uint32_t id)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    const auto camera = vn::addCamera(world, textFrom(name), id);
-    vn::raiseChild(world, kMaidEventAddChild, world.objects.find(kMaidLevelModule, 0), id);
+    const auto world = locked();
+    const auto camera = vn::addCamera(*world, textFrom(name), id);
+    vn::raiseChild(*world, kMaidEventAddChild, world->objects.find(kMaidLevelModule, 0), id);
     return camera->body->number();
 }
 
@@ -207,9 +166,7 @@ int VirtualNikonRemove(int camera)
 
 int VirtualNikonCount(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    return static_cast<int>(world.cameras.size());
+    return static_cast<int>(locked()->cameras.size());
 }
 
 int VirtualNikonUnplug(int camera)
@@ -246,7 +203,7 @@ int VirtualNikonPressShutter(int camera)
     return withCamera(camera, [](World& world, const auto& found) {
         vn::develop(world);
         if (!found->body->isPlugged || vn::press(world, found, true) == nullptr) {
-            return refuse(world, "the camera is busy or unplugged");
+            return world.refuse("the camera is busy or unplugged");
         }
         return 1;
     });
@@ -280,11 +237,10 @@ int64_t VirtualNikonValue(int camera, uint32_t capability)
 
 int VirtualNikonValueText(int camera, uint32_t capability, char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [&](const World& world) {
-        const auto found = world.camera(camera);
-        const vn::Capability* entry = found == nullptr ? nullptr : found->body->find(capability);
-        return entry == nullptr ? std::string() : entry->currentText();
-    });
+    const auto world = caughtUp();
+    const auto found = world->camera(camera);
+    const vn::Capability* entry = found == nullptr ? nullptr : found->body->find(capability);
+    return copyOut(entry == nullptr ? std::string() : entry->currentText(), buffer, capacity);
 }
 
 int VirtualNikonSetTexts(int camera, uint32_t capability, const char* lines)
@@ -300,11 +256,10 @@ int VirtualNikonSetTexts(int camera, uint32_t capability, const char* lines)
 
 int VirtualNikonTexts(int camera, uint32_t capability, char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [&](const World& world) {
-        const auto found = world.camera(camera);
-        const vn::Capability* entry = found == nullptr ? nullptr : found->body->find(capability);
-        return entry == nullptr ? std::string() : describe(*entry);
-    });
+    const auto world = caughtUp();
+    const auto found = world->camera(camera);
+    const vn::Capability* entry = found == nullptr ? nullptr : found->body->find(capability);
+    return copyOut(entry == nullptr ? std::string() : describe(*entry), buffer, capacity);
 }
 
 int VirtualNikonOperations(int camera, uint32_t capability)
@@ -332,35 +287,31 @@ int VirtualNikonCorrupt(int level, uint32_t capability, const char* what, int64_
 
 int VirtualNikonSetDescription(int level, uint32_t capability, const char* text)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
+    const auto world = locked();
     if (level < 1 || level > 4) {
-        return refuse(world, "no such level");
+        return world->refuse("no such level");
     }
     const auto number = static_cast<std::uint32_t>(level);
-    vn::Untruth& untruth = world.untruths[{number, capability}];
+    vn::Untruth& untruth = world->untruths[{number, capability}];
     untruth.description = text == nullptr ? std::nullopt : std::optional<std::string>(text);
-    vn::raiseDescriptorChange(world, number);
+    vn::raiseDescriptorChange(*world, number);
     return 1;
 }
 
 void VirtualNikonClearCorruption(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    world.untruths.clear();
-    world.options.data = vn::TransferUntruths{};
+    const auto world = locked();
+    world->untruths.clear();
+    world->options.data = vn::TransferUntruths{};
     for (std::uint32_t level = kMaidLevelModule; level <= kMaidLevelData; ++level) {
-        vn::raiseDescriptorChange(world, level);
+        vn::raiseDescriptorChange(*world, level);
     }
 }
 
 int VirtualNikonFault(const char* rule)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    const std::string problem = world.rules.add(textFrom(rule));
-    return problem.empty() ? 1 : refuse(world, problem);
+    const auto world = locked();
+    return world->answer(world->rules.add(textFrom(rule)));
 }
 
 int VirtualNikonFailNext(const char* command, int32_t code, int calls)
@@ -372,56 +323,42 @@ int VirtualNikonFailNext(const char* command, int32_t code, int calls)
 
 int VirtualNikonEventRule(const char* rule)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    const std::string problem = world.eventRules.add(textFrom(rule));
-    return problem.empty() ? 1 : refuse(world, problem);
+    const auto world = locked();
+    return world->answer(world->eventRules.add(textFrom(rule)));
 }
 
 void VirtualNikonClearFaults(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    world.rules.clear();
-    world.eventRules.clear();
+    const auto world = locked();
+    world->rules.clear();
+    world->eventRules.clear();
 }
 
 int VirtualNikonReleaseHangs(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    const auto count = static_cast<int>(world.hanging.size());
-    ++world.hangEpoch;
-    world.changed.notify_all();
-    return count;
+    return locked()->releaseHangs();
 }
 
 int VirtualNikonWaitForHang(const char* command, int timeoutMs)
 {
     const std::string name = textFrom(command);
-    return waitFor(timeoutMs, [&](const World& world) {
-        return std::any_of(world.hanging.begin(), world.hanging.end(),
-                           [&](const auto& hanging) { return name == "*" || name == hanging; });
-    });
+    return waitFor(vn::world(), timeoutMs, [&] { return vn::world().isHanging(name); });
 }
 
 int VirtualNikonPending(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    return static_cast<int>(world.pending.size());
+    return static_cast<int>(locked()->pending.size());
 }
 
 int VirtualNikonReleaseCompletions(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
+    const auto world = locked();
     int count = 0;
-    for (const vn::PendingRef& pending : world.pending) {
+    for (const vn::PendingRef& pending : world->pending) {
         count += pending->how.isNever ? 1 : 0;
         pending->how.isNever = false;
     }
-    world.changed.notify_all();
+    world->changed.notify_all();
     return count;
 }
 
@@ -446,77 +383,60 @@ int VirtualNikonSendStrayEvent(int level, uint32_t object, uint32_t event, uint6
 
 int VirtualNikonEventCount(int event)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    return deliveries(world, event);
+    return locked()->eventCount(countedCode(event));
 }
 
 int VirtualNikonWaitForEvents(int event, int count, int timeoutMs)
 {
-    return waitFor(timeoutMs,
-                   [&](const World& world) { return deliveries(world, event) >= count; });
+    return waitFor(vn::world(), timeoutMs,
+                   [&] { return vn::world().eventCount(countedCode(event)) >= count; });
 }
 
 int VirtualNikonCallCount(const char* command)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    return world.log.calls(textFrom(command));
+    return locked()->log.calls(textFrom(command));
 }
 
 int VirtualNikonWaitForCalls(const char* command, int count, int timeoutMs)
 {
     const std::string name = textFrom(command);
-    return waitFor(timeoutMs, [&](const World& world) { return world.log.calls(name) >= count; });
+    return waitFor(vn::world(), timeoutMs, [&] { return vn::world().log.calls(name) >= count; });
 }
 
 int VirtualNikonWaitUntilIdle(int timeoutMs)
 {
-    return waitFor(timeoutMs, [](const World& world) { return world.isIdle(); });
+    return waitFor(vn::world(), timeoutMs, [] { return vn::world().isIdle(); });
 }
 
 int VirtualNikonLog(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) { return world.log.text(); });
+    return copyOut(caughtUp()->log.text(), buffer, capacity);
 }
 
 void VirtualNikonClearLog(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    world.log.clearLines();
+    locked()->log.clearLines();
 }
 
 int VirtualNikonMisuseCount(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    return static_cast<int>(world.log.misuses().size());
+    return locked()->log.misuses();
 }
 
 int VirtualNikonMisuse(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) {
-        std::string text;
-        for (const std::string& misuse : world.log.misuses()) {
-            text += misuse + "\n";
-        }
-        return text;
-    });
+    return copyOut(caughtUp()->log.misuseText(), buffer, capacity);
 }
 
 void VirtualNikonClearMisuse(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    world.log.clearMisuses();
+    locked()->log.clearMisuses();
 }
 
 int VirtualNikonOpenCount(int level)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    const auto& all = world.objects.all();
+    const auto world = locked();
+    const auto& all = world->objects.all();
     return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const auto& object) {
         return level == 0 || object->level == static_cast<std::uint32_t>(level);
     }));
@@ -524,29 +444,27 @@ int VirtualNikonOpenCount(int level)
 
 int VirtualNikonOpenObjects(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) {
-        std::string text;
-        for (const vn::ObjectRef& object : world.objects.all()) {
-            text += object->name();
-            for (const auto& procedure : object->procedures) {
-                text += " " + std::to_string(procedure.first);
-            }
-            text += "\n";
+    const auto world = caughtUp();
+    std::string text;
+    for (const vn::ObjectRef& object : world->objects.all()) {
+        text += object->name();
+        for (const auto& procedure : object->procedures) {
+            text += " " + std::to_string(procedure.first);
         }
-        return text;
-    });
+        text += "\n";
+    }
+    return copyOut(text, buffer, capacity);
 }
 
 int VirtualNikonForgetObjects(void)
 {
-    World& world = vn::world();
-    Lock lock(world.mutex);
-    const auto count = static_cast<int>(world.objects.all().size());
-    world.pending.clear();
-    world.events.clear();
-    vn::stopThread(world, lock);
-    world.objects.clear();
-    world.changed.notify_all();
+    auto world = locked();
+    const auto count = static_cast<int>(world->objects.all().size());
+    world->pending.clear();
+    world->events.clear();
+    vn::stopThread(*world, world.lock());
+    world->objects.clear();
+    world->changed.notify_all();
     return count;
 }
 
@@ -556,7 +474,7 @@ int VirtualNikonAddItem(int camera, uint32_t dataTypes, int fileType, uint32_t r
     int number = -1;
     withCamera(camera, [&](World& world, const auto& found) {
         if (size < 0 || size > UINT32_MAX || (bytes == nullptr && size > 0)) {
-            return refuse(world, "0 to 4 GiB of content");
+            return world.refuse("0 to 4 GiB of content");
         }
         const auto picture = pictureFrom(fileType, rowBytes, bytes, size);
         picture->camera = camera;
@@ -570,10 +488,9 @@ int VirtualNikonAddItem(int camera, uint32_t dataTypes, int fileType, uint32_t r
 
 int VirtualNikonRemoveItem(int picture)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    const auto found = pictureAt(world, picture);
-    for (const auto& camera : world.cameras) {
+    const auto world = locked();
+    const auto found = steering::atNumber(world->pictures, picture);
+    for (const auto& camera : world->cameras) {
         if (camera == nullptr || found == nullptr) {
             continue;
         }
@@ -583,64 +500,57 @@ int VirtualNikonRemoveItem(int picture)
         if (item != camera->items.end()) {
             const std::shared_ptr<vn::Item> gone = *item;
             gone->isGone = true;
-            vn::removeItem(world, *camera, gone, true);
+            vn::removeItem(*world, *camera, gone, true);
             return 1;
         }
     }
-    return refuse(world, "no camera lists this picture");
+    return world->refuse("no camera lists this picture");
 }
 
 int VirtualNikonItemCount(int camera)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    vn::develop(world);
-    const auto found = world.camera(camera);
+    const auto world = caughtUp();
+    const auto found = world->camera(camera);
     return found == nullptr ? -1 : static_cast<int>(found->items.size());
 }
 
 int VirtualNikonPictureCount(void)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    vn::develop(world);
-    return static_cast<int>(world.pictures.size());
+    const auto world = caughtUp();
+    return static_cast<int>(world->pictures.size());
 }
 
 int VirtualNikonWaitForPictures(int count, int timeoutMs)
 {
-    return waitFor(timeoutMs, [&](const World& world) {
-        return static_cast<int>(world.pictures.size()) >= count;
-    });
+    return waitFor(vn::world(), timeoutMs,
+                   [&] { return static_cast<int>(vn::world().pictures.size()) >= count; });
 }
 
 int VirtualNikonWaitForDelivered(int count, int timeoutMs)
 {
-    return waitFor(timeoutMs, [&](const World& world) {
-        return std::count_if(world.pictures.begin(), world.pictures.end(),
+    const auto& pictures = vn::world().pictures;
+    return waitFor(vn::world(), timeoutMs, [&] {
+        return std::count_if(pictures.begin(), pictures.end(),
                              [](const auto& picture) { return picture->delivered > 0; }) >= count;
     });
 }
 
 int VirtualNikonPictureList(char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [](const World& world) {
-        std::string text;
-        for (const auto& picture : world.pictures) {
-            text += describe(*picture);
-        }
-        return text;
-    });
+    const auto world = caughtUp();
+    std::string text;
+    for (const auto& picture : world->pictures) {
+        text += describe(*picture);
+    }
+    return copyOut(text, buffer, capacity);
 }
 
 int64_t VirtualNikonPictureValue(int picture, const char* field)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    vn::develop(world);
-    const auto found = pictureAt(world, picture);
+    const auto world = caughtUp();
+    const auto found = steering::atNumber(world->pictures, picture);
     if (found == nullptr) {
-        world.lastError = "no such picture";
+        world->lastError = "no such picture";
         return -1;
     }
     const std::map<std::string, std::int64_t> values{
@@ -657,23 +567,20 @@ int64_t VirtualNikonPictureValue(int picture, const char* field)
 
 int VirtualNikonPictureName(int picture, char* buffer, int capacity)
 {
-    return textOut(buffer, capacity, [&](const World& world) {
-        const auto found = pictureAt(world, picture);
-        return found == nullptr ? std::string() : found->name;
-    });
+    const auto world = caughtUp();
+    const auto found = steering::atNumber(world->pictures, picture);
+    return copyOut(found == nullptr ? std::string() : found->name, buffer, capacity);
 }
 
 int64_t VirtualNikonPictureBytes(int picture, void* buffer, int64_t capacity)
 {
-    World& world = vn::world();
-    const Lock lock(world.mutex);
-    vn::develop(world);
-    const auto found = pictureAt(world, picture);
+    const auto world = caughtUp();
+    const auto found = steering::atNumber(world->pictures, picture);
     if (found == nullptr || found->bytes == nullptr) {
-        world.lastError = "no such picture, or its bytes are not kept";
+        world->lastError = "no such picture, or its bytes are not kept";
         return -1;
     }
-    return steering::copyOut(found->bytes->data(), found->bytes->size(), buffer, capacity);
+    return copyOut(found->bytes->data(), found->bytes->size(), buffer, capacity);
 }
 
 }  // extern "C"
