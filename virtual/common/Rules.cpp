@@ -139,17 +139,8 @@ bool FaultTable::matches(const Rule& rule, const CallFacts& call)
 
 Fault FaultTable::next(const CallFacts& call)
 {
-    for (auto rule = m_rules.begin(); rule != m_rules.end(); ++rule) {
-        if (!matches(*rule, call) || !rule->count.next()) {
-            continue;
-        }
-        const Fault fault = rule->fault;
-        if (rule->count.isUsedUp()) {
-            m_rules.erase(rule);
-        }
-        return fault;
-    }
-    return {};
+    const auto found = nextRule(m_rules, [&](const Rule& rule) { return matches(rule, call); });
+    return found ? found->fault : Fault{};
 }
 
 std::string EventTable::add(std::string_view rule)
@@ -185,19 +176,11 @@ std::string EventTable::add(std::string_view rule)
 
 EventFate EventTable::next(std::uint32_t event, std::optional<std::uint32_t> property)
 {
-    for (auto rule = m_rules.begin(); rule != m_rules.end(); ++rule) {
-        const bool matches = (!rule->event || rule->event == event) &&
-                             (!rule->property || rule->property == property);
-        if (!matches || !rule->count.next()) {
-            continue;
-        }
-        const EventFate fate = rule->fate;
-        if (rule->count.isUsedUp()) {
-            m_rules.erase(rule);
-        }
-        return fate;
-    }
-    return {};
+    const auto found = nextRule(m_rules, [&](const Rule& rule) {
+        return (!rule.event || rule.event == event) &&
+               (!rule.property || rule.property == property);
+    });
+    return found ? found->fate : EventFate{};
 }
 
 }  // namespace steering

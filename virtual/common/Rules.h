@@ -56,6 +56,24 @@ private:
     bool m_forEver = false;
 };
 
+// The first rule that matches and that applies now, nothing when there is none. Counts it, and
+// takes it out of the table when it is used up.
+template <typename Rule, typename Matches>
+std::optional<Rule> nextRule(std::vector<Rule>& rules, Matches matches)
+{
+    for (auto rule = rules.begin(); rule != rules.end(); ++rule) {
+        if (!matches(*rule) || !rule->count.next()) {
+            continue;
+        }
+        const Rule found = *rule;
+        if (rule->count.isUsedUp()) {
+            rules.erase(rule);
+        }
+        return found;
+    }
+    return std::nullopt;
+}
+
 // The faults of calls, in the order given; the first that matches and is not used up applies.
 class FaultTable
 {

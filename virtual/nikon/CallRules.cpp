@@ -168,17 +168,9 @@ bool CommandRules::matches(const Rule& rule, const CommandFacts& command)
 
 CommandFault CommandRules::next(const CommandFacts& command)
 {
-    for (auto rule = m_rules.begin(); rule != m_rules.end(); ++rule) {
-        if (!matches(*rule, command) || !rule->count.next()) {
-            continue;
-        }
-        CommandFault fault = rule->fault;
-        if (rule->count.isUsedUp()) {
-            m_rules.erase(rule);
-        }
-        return fault;
-    }
-    return {};
+    const auto found =
+        steering::nextRule(m_rules, [&](const Rule& rule) { return matches(rule, command); });
+    return found ? found->fault : CommandFault{};
 }
 
 }  // namespace virtualnikon
