@@ -6,6 +6,11 @@ if(MSVC)
     add_compile_definitions(_CRT_SECURE_NO_WARNINGS)
 endif()
 
+if(MINGW)
+    # No library of the compiler's has to lie beside what it makes.
+    add_link_options(-static)
+endif()
+
 # lumatie_finish_dll(<target> <description> [IMPORTS <DLL>...]): version information in the DLL, and
 # no library of the compiler's beside it. The build fails when the DLL needs another one than those
 # of the system, the C runtime and the named ones.
@@ -18,7 +23,7 @@ function(lumatie_finish_dll target description)
     configure_file("${PROJECT_SOURCE_DIR}/cmake/version.rc.in" "${rc}" @ONLY)
     target_sources(${target} PRIVATE "${rc}")
     if(MINGW)
-        target_link_options(${target} PRIVATE -static -s LINKER:--exclude-all-symbols)
+        target_link_options(${target} PRIVATE -s LINKER:--exclude-all-symbols)
         add_custom_command(TARGET ${target} POST_BUILD
             COMMAND ${CMAKE_COMMAND} -DOBJDUMP=${CMAKE_OBJDUMP} -DFILE=$<TARGET_FILE:${target}>
                     "-DALLOWED=KERNEL32.dll;msvcrt.dll;ADVAPI32.dll;ole32.dll;${arg_IMPORTS}"

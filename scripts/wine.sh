@@ -7,8 +7,8 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 python=${LUMATIE_WINDOWS_PYTHON:-$root/build/tools/windows-python}
 export WINEPREFIX=$root/build/tools/wine WINEDEBUG=-all
-# No offers to install what nobody here needs.
-export WINEDLLOVERRIDES='mscoree=d;mshtml=d'
+# No offers to install what nobody here needs, and no debugger in the way of a crash.
+export WINEDLLOVERRIDES='mscoree=d;mshtml=d;winedbg.exe=d'
 export WINEPATH="Z:${python//\//\\};Z:${root//\//\\}\\build\\windows\\virtual"
 # For programs with an interpreter inside, which look for its modules beside themselves.
 [[ ${1##*/} == python.exe ]] || export PYTHONHOME="Z:${python//\//\\}"

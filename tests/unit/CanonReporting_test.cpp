@@ -8,8 +8,8 @@
 #include "CanonTestSupport.h"
 #include "DebugLog.h"
 #include "Lumatie.h"
+#include "MachineSettings.h"
 #include "PyCallback.h"
-#include "SettingsFile.h"
 #include "TetherTexts.h"
 
 using canon::CameraEvent;
@@ -451,13 +451,13 @@ protected:
     void SetUp() override
     {
         CanonReportingTest::SetUp();
-        m_settings.write("DumpMsg=1\n");
+        m_settings.setDumpMessage(1);
         readDebugLogSwitch();
     }
 
     void TearDown() override
     {
-        m_settings.write("DumpMsg=0\n");
+        m_settings.setDumpMessage(0);
         readDebugLogSwitch();
         CanonReportingTest::TearDown();
     }
@@ -470,7 +470,7 @@ protected:
         return testing::internal::GetCapturedStderr();
     }
 
-    SettingsFile m_settings;
+    MachineSettings m_settings;
 };
 
 TEST_F(CanonReportingLogTest, EachEventHasItsLine)

@@ -1,5 +1,5 @@
-// The debug log, with its real sink: standard error. The switch is one for the process, so each
-// test tries it in a process of its own.
+// The debug log, with its real sink, which shows on standard error. The switch is one for the
+// process, so each test tries it in a process of its own.
 #include "DebugLog.h"
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "Lumatie.h"
+#include "MachineSettings.h"
 #include "PyCallback.h"
-#include "SettingsFile.h"
 #include "TestSupport.h"
 
 namespace {
@@ -18,7 +18,7 @@ namespace {
 class DebugLogTest : public testing::Test
 {
 protected:
-    SettingsFile m_settings;
+    MachineSettings m_settings;
 };
 
 // Whether `action`, in a process of its own, writes exactly `text` on standard error.
@@ -32,7 +32,7 @@ protected:
 
 TEST_F(DebugLogTest, IsOffAtFirst)
 {
-    m_settings.write("DumpMsg=1\n");
+    m_settings.setDumpMessage(1);
     const auto act = [] { DebugLog("message"); };
     EXPECT_WRITES(act, "");
 }
@@ -48,7 +48,7 @@ TEST_F(DebugLogTest, StaysOffWithoutSettings)
 
 TEST_F(DebugLogTest, WritesThePrefixTheTextAndANewline)
 {
-    m_settings.write("DumpMsg=1\n");
+    m_settings.setDumpMessage(1);
     const auto act = [] {
         readDebugLogSwitch();
         DebugLog("CANON TETHER_SHUTTERSPEED key=%d, value=%s", -1, "unknown");
@@ -58,7 +58,7 @@ TEST_F(DebugLogTest, WritesThePrefixTheTextAndANewline)
 
 TEST_F(DebugLogTest, WritesAnEmptyText)
 {
-    m_settings.write("DumpMsg=1\n");
+    m_settings.setDumpMessage(1);
     const auto act = [] {
         readDebugLogSwitch();
         DebugLog("%s", "");
@@ -68,7 +68,7 @@ TEST_F(DebugLogTest, WritesAnEmptyText)
 
 TEST_F(DebugLogTest, TakesAPercentSignInAValueAsItStands)
 {
-    m_settings.write("DumpMsg=1\n");
+    m_settings.setDumpMessage(1);
     const auto act = [] {
         readDebugLogSwitch();
         DebugLog("%s", "100%s%n");
@@ -78,7 +78,7 @@ TEST_F(DebugLogTest, TakesAPercentSignInAValueAsItStands)
 
 TEST_F(DebugLogTest, IsSwitchedOnByANewTetherObject)
 {
-    m_settings.write("DumpMsg=1\n");
+    m_settings.setDumpMessage(1);
     const auto act = [] {
         const Lumatie tether;
         DebugLog("message");
@@ -88,7 +88,7 @@ TEST_F(DebugLogTest, IsSwitchedOnByANewTetherObject)
 
 TEST_F(DebugLogTest, IsOnForAllOnes)
 {
-    m_settings.write("DumpMsg=4294967295\n");
+    m_settings.setDumpMessage(0xFFFFFFFF);
     const auto act = [] {
         readDebugLogSwitch();
         DebugLog("message");
@@ -99,10 +99,10 @@ TEST_F(DebugLogTest, IsOnForAllOnes)
 TEST_F(DebugLogTest, IsSwitchedOffByZero)
 {
     const auto act = [this] {
-        m_settings.write("DumpMsg=1\n");
+        m_settings.setDumpMessage(1);
         readDebugLogSwitch();
         DebugLog("first");
-        m_settings.write("DumpMsg=0\n");
+        m_settings.setDumpMessage(0);
         readDebugLogSwitch();
         DebugLog("second");
     };
@@ -112,9 +112,9 @@ TEST_F(DebugLogTest, IsSwitchedOffByZero)
 TEST_F(DebugLogTest, IsSwitchedOffBySettingsThatDoNotNameIt)
 {
     const auto act = [this] {
-        m_settings.write("DumpMsg=1\n");
+        m_settings.setDumpMessage(1);
         readDebugLogSwitch();
-        m_settings.write("Other=1\n");
+        m_settings.removeDumpMessage();
         readDebugLogSwitch();
         DebugLog("message");
     };
@@ -124,7 +124,7 @@ TEST_F(DebugLogTest, IsSwitchedOffBySettingsThatDoNotNameIt)
 TEST_F(DebugLogTest, KeepsSwitchAndPrefixWhenTheSettingsAreGone)
 {
     const auto act = [this] {
-        m_settings.write("DumpMsg=1\n");
+        m_settings.setDumpMessage(1);
         readDebugLogSwitch();
         m_settings.remove();
         readDebugLogSwitch();
@@ -144,7 +144,7 @@ TEST_F(DebugLogTest, DoesNotEvenFormatWhenItIsOff)
 
 TEST_F(DebugLogTest, Keeps1023Characters)
 {
-    m_settings.write("DumpMsg=1\n");
+    m_settings.setDumpMessage(1);
     const auto act = [] {
         readDebugLogSwitch();
         DebugLog("%s", std::string(1023, 'x').c_str());
@@ -154,7 +154,7 @@ TEST_F(DebugLogTest, Keeps1023Characters)
 
 TEST_F(DebugLogTest, CutsTheCharactersAfterThat)
 {
-    m_settings.write("DumpMsg=1\n");
+    m_settings.setDumpMessage(1);
     const auto act = [] {
         readDebugLogSwitch();
         DebugLog("%s", (std::string(1023, 'x') + "y").c_str());
@@ -182,7 +182,7 @@ bool areWholeLines(const std::string& text, std::size_t count)
 
 TEST_F(DebugLogTest, KeepsTheLinesOfSeveralThreadsApart)
 {
-    m_settings.write("DumpMsg=1\n");
+    m_settings.setDumpMessage(1);
     const auto act = [] {
         readDebugLogSwitch();
         testing::internal::CaptureStderr();
@@ -205,7 +205,7 @@ TEST_F(DebugLogTest, KeepsTheLinesOfSeveralThreadsApart)
 TEST_F(DebugLogTest, MayBeSwitchedWhileAnotherThreadWrites)
 {
     const auto act = [this] {
-        m_settings.write("DumpMsg=0\n");
+        m_settings.setDumpMessage(0);
         std::thread writer([] {
             for (int i = 0; i < 1000; ++i) {
                 DebugLog("message");

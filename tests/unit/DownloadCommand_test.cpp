@@ -9,6 +9,7 @@
 
 #include "CanonTestSupport.h"
 #include "TetherTexts.h"
+#include "platform/Platform.h"
 
 using canon::DownloadCommand;
 
@@ -60,7 +61,7 @@ struct PathParts {
 // Nothing when the text is no such path.
 std::optional<PathParts> partsOf(const std::string& path, const std::string& folder)
 {
-    const std::string start = folder + "/Canon_";
+    const std::string start = folder + platform::kPathSeparator + "Canon_";
     if (path.compare(0, start.size(), start) != 0) {
         return std::nullopt;
     }
@@ -462,11 +463,17 @@ TEST_F(DownloadCommandTest, AFolderThatVanishesDuringTheDownloadIsAWriteFailure)
     fault("EdsDownload hang percent=50");
     std::thread worker([&] { download(); });
     EXPECT_EQ(VirtualCameraWaitForHang("EdsDownload", 5000), 1);
-    fs::remove_all(m_folder.path());
+    std::error_code refused;
+    fs::remove_all(m_folder.path(), refused);
     VirtualCameraReleaseHangs();
     worker.join();
     EXPECT_EQ(told.names, kStartAndComplete);
-    EXPECT_EQ(told.lastFile, "error");
+    if (refused) {
+        // Windows keeps a folder while a file in it is open.
+        EXPECT_EQ(contentOf(told.lastFile), pictureBytes(m_file));
+    } else {
+        EXPECT_EQ(told.lastFile, "error");
+    }
 }
 
 TEST_F(DownloadCommandTest, AFolderThatIsChangedDuringTheDownloadLeavesThePictureWhereItWasBegun)

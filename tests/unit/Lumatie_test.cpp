@@ -10,6 +10,7 @@
 #include <memory>
 #include <set>
 
+#include "System.h"
 #include "TestSupport.h"
 #include "TetherTexts.h"
 #include "canon/CameraModel.h"
@@ -175,11 +176,12 @@ TEST_F(LumatieTest, AReadOnlyFileIsADriverModuleToo)
     fs::permissions(path, fs::perms::owner_read, fs::perm_options::replace);
     init(path.u8string().c_str());
     EXPECT_EQ(m_tether->vendor(), VENDOR_NIKON);
+    fs::permissions(path, fs::perms::owner_all, fs::perm_options::replace);
 }
 
-TEST_F(LumatieTest, ANormalFileIsADriverModuleToo)
+TEST_F(LumatieTest, ADeviceIsADriverModuleToo)
 {
-    init("/dev/null");
+    init(kNullDevice);
     EXPECT_EQ(m_tether->vendor(), VENDOR_NIKON);
 }
 

@@ -6,7 +6,7 @@
 
 #include "DebugLog.h"
 #include "FakeMaid.h"
-#include "SettingsFile.h"
+#include "MachineSettings.h"
 #include "nikon/EnumReader.h"
 #include "nikon/MaidCommands.h"
 
@@ -450,13 +450,13 @@ TEST_F(NikonReportingTest, AReportAndASetAtTheSameTimeDoNotMixTheirLists)
 
 TEST_F(NikonReportingTest, EveryEventIsWrittenToTheDebugLogFirst)
 {
-    const SettingsFile settings;
-    settings.write("DumpMsg=1\n");
+    const MachineSettings settings;
+    settings.setDumpMessage(1);
     readDebugLogSwitch();
     testing::internal::CaptureStderr();
     report();
     const std::string log = testing::internal::GetCapturedStderr();
-    settings.write("DumpMsg=0\n");
+    settings.setDumpMessage(0);
     readDebugLogSwitch();
     EXPECT_EQ(log,
               "[Lumatie]NIKON TETHER_EXPOSUREMODE=Manual\n"

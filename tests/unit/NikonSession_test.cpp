@@ -11,7 +11,7 @@
 
 #include "DebugLog.h"
 #include "FakeMaid.h"
-#include "SettingsFile.h"
+#include "MachineSettings.h"
 #include "TemporaryFolder.h"
 #include "TestSupport.h"
 #include "TetherTexts.h"
@@ -211,13 +211,13 @@ protected:
     void SetUp() override
     {
         NikonSessionTest::SetUp();
-        m_settings.write("DumpMsg=1\n");
+        m_settings.setDumpMessage(1);
         readDebugLogSwitch();
     }
 
     void TearDown() override
     {
-        m_settings.write("DumpMsg=0\n");
+        m_settings.setDumpMessage(0);
         readDebugLogSwitch();
         NikonSessionTest::TearDown();
     }
@@ -231,7 +231,7 @@ protected:
         return testing::internal::GetCapturedStderr();
     }
 
-    SettingsFile m_settings;
+    MachineSettings m_settings;
 };
 
 TEST_F(ModulePathTest, AFileThatIsNoLibraryReturns0AndTheLogSaysWhy)
@@ -247,7 +247,7 @@ TEST_F(ModulePathTest, AFileThatIsNoLibraryReturns0AndTheLogSaysWhy)
 TEST_F(ModulePathTest, APathThatNamesNothingOrNoRegularFileReturns0AndTheLogSaysWhy)
 {
     for (const std::string& path : {m_folder.path() + "/none.md3", m_folder.path(),
-                                    std::string("/dev/null"), std::string()}) {
+                                    std::string("/not there"), std::string()}) {
         EXPECT_EQ(logOf(path), "[Lumatie]NIKON driver module cannot be loaded: " + path +
                                    ": not a regular file\n");
     }
@@ -255,7 +255,7 @@ TEST_F(ModulePathTest, APathThatNamesNothingOrNoRegularFileReturns0AndTheLogSays
 
 TEST_F(ModulePathTest, ALibraryWithoutTheEntryPointReturns0AndTheLogSaysWhy)
 {
-    const std::string path = LUMATIE_VIRTUAL_DIR "/libEDSDK.so";
+    const std::string path = LUMATIE_VIRTUAL_DIR "/" LUMATIE_CANON_LIBRARY;
     EXPECT_EQ(logOf(path), "[Lumatie]NIKON driver module has no MAIDEntryPoint: " + path + "\n");
 }
 
@@ -333,7 +333,10 @@ TEST_F(NikonSessionTest, APictureIsWrittenAndAnnounced)
     EXPECT_EQ(m_folder.size(), 1);
     const std::string path = std::filesystem::directory_iterator(m_folder.path())->path().string();
     EXPECT_EQ(contentOf(path), "abc");
-    EXPECT_TRUE(has("(0, \"{'GENERAL_NEWFILE':r'" + path + "'}\")"));
+    const InterpreterLock lock;
+    PyObject* text = PyUnicode_FromString(("{'GENERAL_NEWFILE':r'" + path + "'}").c_str());
+    EXPECT_TRUE(has("(0, " + represent(text) + ")"));
+    Py_DECREF(text);
 }
 
 // Setting.

@@ -4,10 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include "System.h"
+
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
     testing::FLAGS_gtest_death_test_style = "threadsafe";
+
+    showDebuggerOutput();
 
     Py_InitializeEx(0);
     PyThreadState* mainThread = PyEval_SaveThread();

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "Support.h"
+#include "System.h"
 
 namespace {
 
@@ -144,14 +145,12 @@ TEST_F(Configuration, UnknownCamerasAndFilesAreRefused)
     EXPECT_EQ(VirtualCameraSendStateEvent(0, 0x301, 0), 0);
 }
 
-#ifndef _WIN32
 TEST_F(Configuration, EnvironmentNamesATextFileAndALog)
 {
     const Folder folder;
     std::ofstream(folder.path("camera.txt")) << "camera.name = From a file\n";
-    // NOLINTBEGIN(concurrency-mt-unsafe): no other thread runs here
-    setenv("LUMATIE_VIRTUAL_CANON", folder.path("camera.txt").c_str(), 1);
-    setenv("LUMATIE_VIRTUAL_LOG", folder.path("calls.log").c_str(), 1);
+    setEnvironment("LUMATIE_VIRTUAL_CANON", folder.path("camera.txt").c_str());
+    setEnvironment("LUMATIE_VIRTUAL_LOG", folder.path("calls.log").c_str());
     {
         Host host;
         ASSERT_EQ(host.connect(), 0U);
@@ -159,12 +158,10 @@ TEST_F(Configuration, EnvironmentNamesATextFileAndALog)
         ASSERT_EQ(EdsGetDeviceInfo(host.camera(), &info), 0U);
         EXPECT_STREQ(info.szDeviceDescription, "From a file");
     }
-    unsetenv("LUMATIE_VIRTUAL_CANON");
-    unsetenv("LUMATIE_VIRTUAL_LOG");
-    // NOLINTEND(concurrency-mt-unsafe)
+    setEnvironment("LUMATIE_VIRTUAL_CANON", nullptr);
+    setEnvironment("LUMATIE_VIRTUAL_LOG", nullptr);
     const Bytes log = fileBytes(folder.path("calls.log"));
     EXPECT_NE(std::string(log.begin(), log.end()).find("EdsGetDeviceInfo("), std::string::npos);
 }
-#endif
 
 }  // namespace

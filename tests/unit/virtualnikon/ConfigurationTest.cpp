@@ -76,22 +76,22 @@ TEST_F(NikonConfiguration, LinesDoWhatTheFunctionsDo)
 TEST_F(NikonConfiguration, TheFileThatTheEnvironmentNamesIsReadWhenTheModuleIsOpened)
 {
     const File file("camera.id = 33\n");
-    setenv("LUMATIE_VIRTUAL_NIKON", file.path().c_str(), 1);
+    setEnvironment("LUMATIE_VIRTUAL_NIKON", file.path().c_str());
     Host host;
     host.open();
-    unsetenv("LUMATIE_VIRTUAL_NIKON");
+    setEnvironment("LUMATIE_VIRTUAL_NIKON", nullptr);
     EXPECT_EQ(host.source()->id, 33U);
 }
 
 TEST_F(NikonConfiguration, TheLogIsAppendedToTheFileThatTheEnvironmentNames)
 {
     const File file("");
-    setenv("LUMATIE_VIRTUAL_LOG", file.path().c_str(), 1);
+    setEnvironment("LUMATIE_VIRTUAL_LOG", file.path().c_str());
     {
         Host host;
         host.open();
     }
-    unsetenv("LUMATIE_VIRTUAL_LOG");
+    setEnvironment("LUMATIE_VIRTUAL_LOG", nullptr);
     {
         Host host;
         host.open();

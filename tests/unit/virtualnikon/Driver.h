@@ -3,37 +3,16 @@
 
 #include <string>
 
+#include "System.h"
 #include "VirtualNikon.h"
 #include "nikon/Maid.h"
 
 // A handle on the library; another one on the same path shares its state.
-class Driver
+class Driver : public LoadedLibrary
 {
 public:
-    explicit Driver(const std::string& path);
-    ~Driver();
-    Driver(const Driver&) = delete;
-    Driver& operator=(const Driver&) = delete;
+    using LoadedLibrary::LoadedLibrary;
 
-    bool isLoaded() const { return m_handle != nullptr; }
-    void unload();
-
-    // Null when the library has no such function.
-    template <typename Function>
-    Function find(const char* name) const
-    {
-        return reinterpret_cast<Function>(address(name));
-    }
-
-    // True while anybody has the library of this path loaded.
-    static bool isThere(const std::string& path);
-
-private:
-    void* address(const char* name) const;
-
-    void* m_handle;  // first: the functions below are looked up with it
-
-public:
     MaidEntryPoint entryPoint = find<MaidEntryPoint>(kMaidEntryPointName);
     decltype(&VirtualNikonReset) reset = find<decltype(&VirtualNikonReset)>("VirtualNikonReset");
     decltype(&VirtualNikonConfigure) configure =

@@ -50,14 +50,14 @@ TEST(NikonUnloading, WithObjectsOpenIsMisuseThatTheLogFileTells)
 {
     const std::string path = testing::TempDir() + "virtual-nikon-unload.log";
     std::remove(path.c_str());
-    setenv("LUMATIE_VIRTUAL_LOG", path.c_str(), 1);
+    setEnvironment("LUMATIE_VIRTUAL_LOG", path.c_str());
     {
         const Driver library(VIRTUAL_NIKON_LIBRARY);
         MaidObject module{};
         MaidObject source{};
         open(library, module, source);
     }
-    unsetenv("LUMATIE_VIRTUAL_LOG");
+    setEnvironment("LUMATIE_VIRTUAL_LOG", nullptr);
     EXPECT_FALSE(Driver::isThere(VIRTUAL_NIKON_LIBRARY));
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
