@@ -8,6 +8,7 @@
 #include "TemporaryFolder.h"
 #include "TetherTexts.h"
 #include "nikon/MaidCommands.h"
+#include "platform/Platform.h"
 
 using nikon::MaidObjectPtr;
 using Lines = std::vector<std::string>;
@@ -155,12 +156,13 @@ TEST_F(AcquisitionTest, AnItemThatMayNotBeRemovedStaysOpen)
 
 TEST_F(AcquisitionTest, APathWithAQuoteIsAnnouncedAsItIs)
 {
-    const std::string folder = m_folder.path() + "/Bob's ü";
-    fs::create_directory(folder);
+    const std::string folder = m_folder.makeFolder("Bob's ü");
     g_szExportFolder.set(folder.c_str());
     maid.addItem(5, {fake::wholeFile("abc")});
     EXPECT_EQ(acquired(), Lines{"abc"});
-    EXPECT_EQ(m_events.front().rfind("{'GENERAL_NEWFILE':r'" + folder + "/Nikon_", 0), 0U);
+    EXPECT_EQ(m_events.front().rfind(
+                  "{'GENERAL_NEWFILE':r'" + folder + platform::kPathSeparator + "Nikon_", 0),
+              0U);
 }
 
 // Kinds of data.
@@ -483,13 +485,12 @@ TEST_F(AcquisitionTest, AnOldFailureIsAnnouncedAgain)
 
 TEST_F(AcquisitionTest, AMovedFolderIsUsedForTheNextPicture)
 {
-    const std::string other = m_folder.path() + "/other";
-    fs::create_directory(other);
+    const std::string other = m_folder.makeFolder("other");
     maid.addItem(5, {fake::wholeFile("abc")});
     acquire();
     g_szExportFolder.set(other.c_str());
     maid.addItem(6, {fake::wholeFile("def")});
-    EXPECT_EQ(pathIn(acquire().at(0)).rfind(other + "/Nikon_", 0), 0U);
+    EXPECT_EQ(pathIn(acquire().at(0)).rfind(other + platform::kPathSeparator + "Nikon_", 0), 0U);
 }
 
 // Item memory.

@@ -6,6 +6,7 @@
 #include "FakeMaid.h"
 #include "TemporaryFolder.h"
 #include "TetherTexts.h"
+#include "platform/Platform.h"
 
 using fake::Part;
 using nikon::DataReceiver;
@@ -72,7 +73,8 @@ TEST_F(DataReceiverTest, AFileIsNamedAfterItsFolderVendorSecondNumberAndType)
 {
     take(fake::wholeFile("a"));
     const std::string path = onlyFile();
-    EXPECT_EQ(path.substr(0, m_folder.path().size() + 1), m_folder.path() + '/');
+    EXPECT_EQ(path.substr(0, m_folder.path().size() + 1),
+              m_folder.path() + platform::kPathSeparator);
     // Every run of digits is shown as one number sign.
     std::string shape;
     for (const char letter : path.substr(m_folder.path().size() + 1)) {
@@ -112,13 +114,13 @@ TEST_F(DataReceiverTest, ASecondFileInOneAcquisitionIsAFileOfItsOwn)
     EXPECT_EQ(contentOf(m_receiver.results()[1]), "nef");
 }
 
-TEST_F(DataReceiverTest, AFolderWithQuotesAndOtherLettersIsTakenAsItIs)
+TEST_F(DataReceiverTest, AFolderWithAQuoteAndOtherLettersIsTakenAsItIs)
 {
-    const std::string folder = m_folder.path() + "/Bob's \"ü写真\"";
-    std::filesystem::create_directory(folder);
+    const std::string folder = m_folder.makeFolder("Bob's ü写真");
     g_szExportFolder.set(folder.c_str());
     take(fake::wholeFile("abc"));
-    EXPECT_EQ(m_receiver.results().at(0).rfind(folder + "/Nikon_", 0), 0U);
+    EXPECT_EQ(m_receiver.results().at(0).rfind(folder + platform::kPathSeparator + "Nikon_", 0),
+              0U);
     EXPECT_EQ(contentOf(m_receiver.results().at(0)), "abc");
 }
 

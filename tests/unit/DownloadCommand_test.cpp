@@ -205,11 +205,11 @@ TEST_F(DownloadCommandTest, ANameWithoutTerminatorEndsWithItsField)
 
 TEST_F(DownloadCommandTest, TheFolderIsUsedAsItStands)
 {
-    const std::string folder = m_folder.path() + "/it's \xC3\xBC \xE5\x86\x99/";
-    fs::create_directory(folder);
+    const std::string folder =
+        m_folder.makeFolder("it's \xC3\xBC \xE5\x86\x99") + platform::kPathSeparator;
     g_szExportFolder.set(folder.c_str());
     download();
-    EXPECT_EQ(told.lastFile.compare(0, folder.size() + 1, folder + "/"), 0);
+    EXPECT_EQ(told.lastFile.rfind(folder + platform::kPathSeparator + "Canon_", 0), 0U);
     EXPECT_EQ(contentOf(told.lastFile), pictureBytes(m_file));
 }
 
@@ -227,8 +227,7 @@ TEST_F(DownloadCommandTest, PicturesOfOneSecondGetDifferentPaths)
 TEST_F(DownloadCommandTest, AFolderThatIsChangedCountsForTheNextPicture)
 {
     download();
-    const std::string other = m_folder.path() + "/other";
-    fs::create_directory(other);
+    const std::string other = m_folder.makeFolder("other");
     g_szExportFolder.set(other.c_str());
     download();
     EXPECT_EQ(fs::path(told.lastFile).parent_path(), other);

@@ -6,6 +6,9 @@
 // A device that takes everything; a path of it exists.
 extern const char* const kNullDevice;
 
+// Whether a library is unloaded while threads of its own run. Where it is not, it stays.
+extern const bool kUnloadsWithThreads;
+
 // Sets an environment variable of this process; null removes it.
 void setEnvironment(const char* name, const char* value);
 

@@ -1,4 +1,4 @@
-// Folders and files to work with.
+// Folders and files to work with. Paths are UTF-8.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,12 +17,12 @@ public:
     {
         // The process of a death test could not remove one.
         if (testing::internal::InDeathTestChild()) {
-            m_path = (std::filesystem::temp_directory_path() / "lumatie-none").string();
+            m_path = (std::filesystem::temp_directory_path() / "lumatie-none").u8string();
             return;
         }
         std::random_device number;
         do {
-            m_path = (std::filesystem::temp_directory_path() / "lumatie-").string() +
+            m_path = (std::filesystem::temp_directory_path() / "lumatie-").u8string() +
                      std::to_string(number());
         } while (!std::filesystem::create_directory(m_path));
     }
@@ -35,6 +35,14 @@ public:
     }
 
     const std::string& path() const { return m_path; }
+
+    // Makes a folder in it and returns its path.
+    std::string makeFolder(const std::string& name) const
+    {
+        const auto folder = std::filesystem::u8path(m_path) / std::filesystem::u8path(name);
+        std::filesystem::create_directory(folder);
+        return folder.u8string();
+    }
 
     // How many entries there are.
     std::ptrdiff_t size() const
@@ -50,7 +58,7 @@ private:
 // The bytes of a file; empty when there is none.
 inline std::string contentOf(const std::string& path)
 {
-    const std::ifstream file(path, std::ios::binary);
+    const std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
     std::ostringstream content;
     content << file.rdbuf();
     return content.str();

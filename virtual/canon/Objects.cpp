@@ -106,6 +106,9 @@ std::uint32_t Stream::open(const std::string& path, std::uint32_t disposition, s
     if (disposition == 4 && !isThere) {
         return result::kFileNotFound;
     }
+    if (std::filesystem::is_directory(path, ignored)) {
+        return result::kFileNotOpened;
+    }
     errno = 0;
     m_file = std::fopen(path.c_str(), modeFor(disposition, access));
     if (m_file == nullptr && disposition == 3) {

@@ -67,6 +67,7 @@ struct Exposure {
 // The library's own threads between initialise and terminate, and what they have to do. Each
 // generation has a crew of its own, so that one that was left behind cannot serve the next.
 struct Crew {
+    steering::LoadedWhile loaded;  // first, so that it goes last
     bool isStopping = false;
     int running = 0;                      // threads that have not ended
     int developing = 0;                   // pictures in the making
@@ -122,6 +123,7 @@ struct World final : steering::World {
     std::string configureOwn(const std::string& key, const std::string& value, int camera) override;
     void applyOptions() override;
     bool isIdle() const override;
+    bool hasThreads() const override { return crew != nullptr || !retired.empty(); }
     void unload() override;
 };
 

@@ -1,9 +1,9 @@
 // Settings: lines of text, from a test or from the file that the environment names.
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
+#include "common/Platform.h"
 #include "common/Text.h"
 #include "common/World.h"
 
@@ -16,12 +16,6 @@ std::optional<std::int64_t> cameraOfSection(const std::string& section)
 {
     const std::vector<std::string> parts = words(section);
     return parts.size() == 2 && parts[0] == "camera" ? integer(parts[1]) : std::nullopt;
-}
-
-std::string environment(const char* name)
-{
-    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nothing sets it here
-    return value == nullptr ? "" : value;
 }
 
 }  // namespace

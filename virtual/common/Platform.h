@@ -1,7 +1,13 @@
-// The one thing that standard C++ does not tell about the system.
+// What standard C++ does not tell about the system.
 #pragma once
 
+#include <string>
+
 namespace steering {
+
+// An environment variable of the process; empty when it is not set. On Windows the C runtime of a
+// library does not see what an application has changed: the system is asked.
+std::string environment(const char* name);
 
 // Whether a library may wait for its threads while it is unloaded. On Windows it holds the loader's
 // lock then, which an ending thread needs, and at the end of a process its threads are gone
@@ -11,5 +17,19 @@ constexpr bool kJoinsWhileUnloading = false;
 #else
 constexpr bool kJoinsWhileUnloading = true;
 #endif
+
+// Keeps this library loaded while it lives, on systems where unloading cannot wait for the
+// library's threads. Whoever owns such threads owns one, and joins them first.
+class LoadedWhile
+{
+public:
+    LoadedWhile();
+    LoadedWhile(const LoadedWhile&) = delete;
+    LoadedWhile& operator=(const LoadedWhile&) = delete;
+    ~LoadedWhile();
+
+private:
+    [[maybe_unused]] void* m_library = nullptr;
+};
 
 }  // namespace steering

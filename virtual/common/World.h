@@ -121,6 +121,9 @@ struct World {
 
     virtual bool isIdle() const = 0;
 
+    // Whether threads of the library's own may be running.
+    virtual bool hasThreads() const = 0;
+
     // For a library that works in the application's calls alone: does what is due now, and says
     // when more is due.
     virtual void catchUp() {}
@@ -145,7 +148,7 @@ public:
     explicit Unloader(World& world) : m_world(world) {}
     ~Unloader()
     {
-        if (kJoinsWhileUnloading) {
+        if (kJoinsWhileUnloading || isAtRest()) {
             m_world.unload();
         }
     }
@@ -153,6 +156,13 @@ public:
     Unloader& operator=(const Unloader&) = delete;
 
 private:
+    // Whether nothing waits or could be waited for.
+    bool isAtRest() const
+    {
+        const Lock lock(m_world.mutex, std::try_to_lock);
+        return lock && !m_world.hasThreads();
+    }
+
     World& m_world;
 };
 

@@ -234,6 +234,7 @@ void finishPending(World& world, const PendingRef& pending, MaidResult result)
     pending->due = Clock::now() + std::chrono::milliseconds(pending->how.ms);
     if (pending->how.isOnThread && !world.thread.joinable()) {
         world.isThreadStopping = false;
+        world.loaded = std::make_unique<steering::LoadedWhile>();
         world.thread = std::thread([&world] { serve(world); });
     }
     world.changed.notify_all();
@@ -306,6 +307,7 @@ void stopThread(World& world, Lock& lock)
     lock.unlock();
     ended.join();
     lock.lock();
+    world.loaded = nullptr;
     world.isThreadStopping = false;
 }
 

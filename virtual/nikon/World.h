@@ -150,6 +150,7 @@ struct World final : steering::World, State {
 
     Options options;
     std::thread thread;  // for completions on a thread of the library's own
+    std::unique_ptr<steering::LoadedWhile> loaded;  // while there is that thread
     bool isThreadStopping = false;
     const Object* threadInside = nullptr;  // whose completion that thread delivers now
 
@@ -163,6 +164,7 @@ struct World final : steering::World, State {
     std::string configureOwn(const std::string& key, const std::string& value, int camera) override;
     void applyOptions() override;
     bool isIdle() const override;
+    bool hasThreads() const override { return thread.joinable(); }
     void catchUp() override;
     Clock::time_point nextDue() const override;
     void unload() override;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 const char* const kNullDevice = "/dev/null";
+const bool kUnloadsWithThreads = true;
 
 void setEnvironment(const char* name, const char* value)
 {

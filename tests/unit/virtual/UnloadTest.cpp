@@ -1,7 +1,10 @@
 // The library can be unloaded: after a clean end, with a session open, and many times.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <thread>
 
 #include "System.h"
 
@@ -42,6 +45,9 @@ TEST(Unloading, IsPossibleAfterTerminate)
 
 TEST(Unloading, IsPossibleWithASessionOpen)
 {
+    if (!kUnloadsWithThreads) {
+        GTEST_SKIP() << "an open session has threads, and they keep the library";
+    }
     for (int i = 0; i < 20; ++i) {
         Library library;
         ASSERT_TRUE(library.isLoaded());
@@ -49,6 +55,20 @@ TEST(Unloading, IsPossibleWithASessionOpen)
         library.unload();
         ASSERT_FALSE(Library::isThere(VIRTUAL_CANON_LIBRARY));
     }
+}
+
+TEST(Unloading, DoesNotTakeTheCodeOfRunningThreadsAway)
+{
+    // In a process of its own, where the library may stay.
+    const auto act = [] {
+        Library library;
+        openSession(library);
+        library.unload();
+        // Time for a thread to run into code that is not there any more.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::_Exit(Library::isThere(VIRTUAL_CANON_LIBRARY) == kUnloadsWithThreads ? 1 : 0);
+    };
+    EXPECT_EXIT(act(), testing::ExitedWithCode(0), "");
 }
 
 TEST(Unloading, ExportsNothingOfItsOwnInside)

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 const char* const kNullDevice = "NUL";
+const bool kUnloadsWithThreads = false;
 
 void setEnvironment(const char* name, const char* value)
 {
