@@ -11,23 +11,27 @@ if(MINGW)
     add_link_options(-static)
 endif()
 
-# lumatie_finish_dll(<target> <description> [IMPORTS <DLL>...]): version information in the DLL, and
-# no library of the compiler's beside it. The build fails when the DLL needs another one than those
-# of the system, the C runtime and the named ones.
+# lumatie_finish_dll(<target> <description> EXPORTS <name>... [IMPORTS <DLL>...]): the names that the
+# DLL exports, and version information in it. The build fails when it exports others, or needs
+# another DLL than those of the system, the C runtime and the named ones.
 function(lumatie_finish_dll target description)
     if(NOT WIN32)
         return()
     endif()
-    cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "IMPORTS")
+    cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "EXPORTS;IMPORTS")
     set(rc "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc")
     configure_file("${PROJECT_SOURCE_DIR}/cmake/version.rc.in" "${rc}" @ONLY)
-    target_sources(${target} PRIVATE "${rc}")
+    list(JOIN arg_EXPORTS "\n    " lines)
+    set(def "${CMAKE_CURRENT_BINARY_DIR}/${target}.def")
+    file(CONFIGURE OUTPUT "${def}" CONTENT "EXPORTS\n    @lines@\n" @ONLY)
+    target_sources(${target} PRIVATE "${rc}" "${def}")
     if(MINGW)
-        target_link_options(${target} PRIVATE -s LINKER:--exclude-all-symbols)
+        target_link_options(${target} PRIVATE -s)
+        set(imports KERNEL32.dll msvcrt.dll ADVAPI32.dll ole32.dll ${arg_IMPORTS})
         add_custom_command(TARGET ${target} POST_BUILD
             COMMAND ${CMAKE_COMMAND} -DOBJDUMP=${CMAKE_OBJDUMP} -DFILE=$<TARGET_FILE:${target}>
-                    "-DALLOWED=KERNEL32.dll;msvcrt.dll;ADVAPI32.dll;ole32.dll;${arg_IMPORTS}"
-                    -P "${PROJECT_SOURCE_DIR}/cmake/CheckImports.cmake"
+                    "-DIMPORTS=${imports}" "-DEXPORTS=${arg_EXPORTS}"
+                    -P "${PROJECT_SOURCE_DIR}/cmake/CheckDll.cmake"
             VERBATIM)
     endif()
 endfunction()

@@ -100,6 +100,12 @@ for Windows x64 (the folder that holds python.exe) in LUMATIE_WINDOWS_PYTHON"
     cp scripts/windows.txt "$windows_python/installed.txt"
 }
 
+# windows_path PATH: how a program under Wine calls a file of this machine.
+windows_path() {
+    local path=Z:$1
+    printf '%s\n' "${path//\//\\}"
+}
+
 # The hand-written files, one a line; whatever is generated lies in build/.
 cpp_files() { find System virtual tests -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort; }
 shell_files() { printf '%s\n' run .ci/run scripts/*.sh; }

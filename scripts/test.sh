@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# test.sh [asan|tsan]: builds, runs every test runner to its end, and fails when one of them did.
+# test.sh [windows|asan|tsan]: builds, runs every test runner to its end, and fails when one of them
+# did.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 variant=${1:-}
 case $#$variant in
     0) tree=linux ;;
+    1windows) tree=windows ;;
     1asan | 1tsan) tree=linux-$variant ;;
-    *) usage_error "./run test [asan|tsan]" ;;
+    *) usage_error "./run test [windows|asan|tsan]" ;;
 esac
 readonly results=$PWD/build/results/$tree
 rm -rf "$results"
@@ -72,13 +74,27 @@ run_sanitized_tests() {
     finish "${names[@]}"
 }
 
+# Under Wine a process takes longer to start than most tests, so here, too, those of an executable
+# share one.
+run_windows_cpp_tests() {
+    local program programs names=()
+    mapfile -t programs < <(find build/windows/tests -name '*_test*.exe' | sort)
+    for program in "${programs[@]}"; do
+        names+=("cpp-$(basename "$program" .exe)")
+        start "${names[-1]}" scripts/wine.sh "$program" --gtest_brief=1
+    done
+    finish "${names[@]}"
+}
+
 # suite NAME FOLDER FILES PYTHON: starts the tests of a folder in tests/ whose files match a pattern.
 suite() {
     start "$1" "$4" -X dev -m unittest discover --verbose -s "tests/$2" -t "tests/$2" -p "$3"
 }
 
-run_python_tests() {
-    local python pythons tested name names=()
+# The interpreters that the module was built for, and those of them that the whole suite runs under.
+declare -a pythons=() tested=()
+
+find_pythons() {
     mapfile -t pythons < <("$system_python" scripts/find_pythons.py)
     mapfile -t tested < <("$system_python" scripts/find_pythons.py --tested)
     export PYTHONPATH=$PWD/build/linux/python:$PWD/tests/python
@@ -87,6 +103,19 @@ run_python_tests() {
         need_python_tool stubtest
         export LUMATIE_STUBTEST="'$tools/stubtest/bin/stubtest'"
     fi
+}
+
+find_windows_python() {
+    pythons=(scripts/windows_python.sh)
+    tested=("${pythons[@]}")
+    export LUMATIE_BUILD_DIR
+    LUMATIE_BUILD_DIR=$(windows_path "$PWD/build/windows")
+    PYTHONPATH="$LUMATIE_BUILD_DIR\\python;$(windows_path "$PWD/tests/python")"
+    export PYTHONPATH
+}
+
+run_python_tests() {
+    local python name names=()
     for python in "${pythons[@]}"; do
         name=$(label "$python")-import
         start "$name" "$python" -X dev scripts/smoke_test.py
@@ -113,13 +142,20 @@ run_python_tests() {
     done
 }
 
-label() { "$1" -c 'import sys; print("python%d.%d" % sys.version_info[:2])'; }
+label() { "$1" -c 'import sys; print("python%d.%d" % sys.version_info[:2], end="")'; }
 
 scripts/build.sh "$tree"
-if [[ -n $variant ]]; then
-    run_sanitized_tests
-else
-    run_cpp_tests
-    run_python_tests
-fi
+case $variant in
+    '')
+        run_cpp_tests
+        find_pythons
+        run_python_tests
+        ;;
+    windows)
+        run_windows_cpp_tests
+        find_windows_python
+        run_python_tests
+        ;;
+    *) run_sanitized_tests ;;
+esac
 "$system_python" scripts/totals.py "$results"

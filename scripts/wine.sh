@@ -2,16 +2,24 @@
 # wine.sh PROGRAM [ARGUMENT...]: runs a Windows program of this tree under Wine, with the libraries
 # that it needs in its search path. What it cannot do on a desk with Windows stands here, not in the
 # programs.
-set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-python=${LUMATIE_WINDOWS_PYTHON:-$root/build/tools/windows-python}
-export WINEPREFIX=$root/build/tools/wine WINEDEBUG=-all
+export WINEPREFIX=$tools/wine WINEDEBUG=-all
 # No offers to install what nobody here needs, and no debugger in the way of a crash.
 export WINEDLLOVERRIDES='mscoree=d;mshtml=d;winedbg.exe=d'
-export WINEPATH="Z:${python//\//\\};Z:${root//\//\\}\\build\\windows\\virtual"
-# For programs with an interpreter inside, which look for its modules beside themselves.
-[[ ${1##*/} == python.exe ]] || export PYTHONHOME="Z:${python//\//\\}"
+WINEPATH="$(windows_path "$windows_python");$(windows_path "$PWD/build/windows/virtual")"
+export WINEPATH
+# For programs with an interpreter inside, which looks for its modules beside them otherwise.
+if [[ ${1##*/} != python.exe ]]; then
+    PYTHONHOME=$(windows_path "$windows_python")
+    export PYTHONHOME
+fi
+
+# One at a time makes the folder that stands for a Windows machine.
+exec {turn}>"$tools/wine.lock"
+flock "$turn"
+[[ -f $WINEPREFIX/system.reg ]] || wine wineboot --init >/dev/null 2>&1 {turn}>&-
+exec {turn}>&-
 
 # An interpreter does not start with a file as its standard output or error.
 { wine "$@" 2>&1 1>&3 | cat >&2; } 3>&1 | cat

@@ -218,4 +218,23 @@ TEST_F(FileTest, ARelativePathIsAFileOfTheWorkingFolder)
     fs::current_path(before);
 }
 
+TEST_F(FileTest, LibrariesThatLieBesideALibraryAreFound)
+{
+    const fs::path folder = m_folder / fs::u8path(std::string("driver ") + kPhotograph);
+    fs::create_directory(folder);
+    fs::copy_file(fs::u8path(LUMATIE_NEIGHBOUR), folder / "neighbour.dll");
+    fs::copy_file(fs::u8path(LUMATIE_NEEDS_NEIGHBOUR), folder / "needs_neighbour.dll");
+    std::string error;
+    const auto library =
+        platform::Library::load((folder / "needs_neighbour.dll").u8string().c_str(), error);
+    ASSERT_NE(library, nullptr) << error;
+    EXPECT_EQ(reinterpret_cast<int (*)()>(library->function("MAIDEntryPoint"))(), 42);
+}
+
+TEST(Libraries, OneWhoseOwnLibrariesAreMissingIsRefusedWithTheSystemsReason)
+{
+    const std::string path = LUMATIE_NEEDS_NEIGHBOUR;
+    EXPECT_EQ(loadError(path).rfind(path + ": error 126: ", 0), 0U) << loadError(path);
+}
+
 }  // namespace
