@@ -107,5 +107,8 @@ windows_path() {
 }
 
 # The hand-written files, one a line; whatever is generated lies in build/.
-cpp_files() { find System virtual tests -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort; }
+cpp_files() { find System virtual tests scripts -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort; }
+windows_files() { cpp_files | grep '/windows/.*\.cpp$' | grep -v '^scripts/'; }
+# The module's sources for Windows, but for those that know the interpreter.
+microsoft_files() { cpp_files | grep '^System/.*\.cpp$' | grep -v -e /posix/ -e /PyCallback.cpp; }
 shell_files() { printf '%s\n' run .ci/run scripts/*.sh; }

@@ -3,7 +3,8 @@
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 (($# == 0)) || usage_error "./run lint"
 
-need_packages clang-format-14 clang-tidy-14 shellcheck
+need_packages clang-format-14 clang-tidy-14 clang-14 shellcheck g++-mingw-w64-x86-64-posix \
+    googletest
 need_python_tool ruff
 
 failed=()
@@ -15,6 +16,32 @@ check() {
 # clang-tidy has to know how each source is compiled.
 tidy() { scripts/build.sh lint && "$system_python" scripts/tidy.py build/lint; }
 
+# What Clang has to be told to compile for Windows with MinGW's headers.
+mingw=$(dirname "$(x86_64-w64-mingw32-g++-posix -print-file-name=include)")/include
+windows_options=(-std=c++17 -Wall -Wextra -Wpedantic -nostdinc++ -isystem "$mingw/c++"
+    -isystem "$mingw/c++/x86_64-w64-mingw32" -isystem /usr/x86_64-w64-mingw32/include
+    -isystem /usr/src/googletest/googletest/include
+    -ISystem/PyAdapater/Lumatie -Itests/unit
+    '-DLUMATIE_REGISTRY_KEY="key"' '-DLUMATIE_TEST_REGISTRY_KEY="key"'
+    '-DLUMATIE_VIRTUAL_DIR="folder"' '-DLUMATIE_NEIGHBOUR="dll"' '-DLUMATIE_NEEDS_NEIGHBOUR="dll"')
+
+tidy_windows() {
+    mapfile -t sources < <(windows_files)
+    clang-tidy-14 --quiet "${sources[@]}" -- --target=x86_64-w64-mingw32 "${windows_options[@]}"
+}
+
+# Microsoft's compiler is not to be had here. Clang knows its dialect and its binary interface; its
+# headers are the one thing that is MinGW's here.
+check_microsoft_dialect() {
+    local source status=0
+    for source in $(microsoft_files); do
+        clang++-14 --target=x86_64-pc-windows-msvc -fgnuc-version=12.0 -fno-ms-compatibility \
+            -U_MSC_VER -D__MINGW32__ -D__MINGW64__ -D__MINGW_IMPORT=extern '-D__declspec(x)=' \
+            -Werror -fsyntax-only "${windows_options[@]}" "$source" || status=1
+    done
+    return "$status"
+}
+
 mapfile -t cpp < <(cpp_files)
 mapfile -t shell < <(shell_files)
 check "clang-format" clang-format-14 --dry-run -Werror "${cpp[@]}"
@@ -22,5 +49,7 @@ check "shell scripts" shellcheck --external-sources --source-path=SCRIPTDIR "${s
 check "Python, format" "$tools/ruff/bin/ruff" format --config scripts/ruff.toml --check .
 check "Python" "$tools/ruff/bin/ruff" check --config scripts/ruff.toml .
 check "clang-tidy" tidy
+check "clang-tidy for Windows" tidy_windows
+check "Microsoft's dialect" check_microsoft_dialect
 
 ((${#failed[@]} == 0)) || fail "lint: $(IFS=,; echo "${failed[*]}")"

@@ -24,9 +24,10 @@ CORE = ("python38.dll", "VCRUNTIME140.dll")
 LIBRARIES = ("libffi-7", "libcrypto-1_1", "libssl-1_1", "sqlite3", "tcl86t", "tk86t")
 NOT_PORTABLE = ("__pycache__", "lib-dynload", "test", "tests", "site-packages", "config-*")
 
-LAYOUT_PROBE = (
-    "import sysconfig; print(sysconfig.get_path('stdlib'), sysconfig.get_path('include'), sep='\\n')"
-)
+LAYOUT_PROBE = """
+import sysconfig
+print(sysconfig.get_path("stdlib"), sysconfig.get_path("include"), sep="\n")
+"""
 
 
 def download(pip, folder):
@@ -34,7 +35,8 @@ def download(pip, folder):
     command = [pip, "--quiet", "--disable-pip-version-check", "--no-input", "download"]
     command += ["--no-deps", "--only-binary=:all:", "--platform=win_amd64", "--python-version=38"]
     command += ["--implementation=cp", "--abi=cp38", "--require-hashes", "--dest", str(folder)]
-    result = subprocess.run(command + ["--requirement", str(SCRIPTS / "windows.txt")])
+    command += ["--requirement", str(SCRIPTS / "windows.txt")]
+    result = subprocess.run(command, check=False)
     wheels = list(folder.glob("*.whl"))
     if result.returncode or not wheels:
         sys.exit(

@@ -4,10 +4,10 @@
 #include <windows.h>
 
 #include <optional>
+#include <thread>
 
 #include "FileTest.h"
 #include "MachineSettings.h"
-#include "TestSupport.h"
 #include "windows/Registry.h"
 
 namespace {
