@@ -26,7 +26,8 @@ NOT_PORTABLE = ("__pycache__", "lib-dynload", "test", "tests", "site-packages", 
 
 LAYOUT_PROBE = """
 import sysconfig
-print(sysconfig.get_path("stdlib"), sysconfig.get_path("include"), sep="\n")
+print(sysconfig.get_path("stdlib"))
+print(sysconfig.get_path("include"))
 """
 
 
