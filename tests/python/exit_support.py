@@ -12,9 +12,9 @@ import tempfile
 import time
 import unittest
 
-from support import CAMERA_NAME, VIRTUAL_DIR, run_host
+from support import CAMERA_NAME, CANON_LIBRARY, NIKON_MODULE, run_host
 
-REPEATS = 20
+REPEATS = int(os.environ.get("LUMATIE_EXIT_REPEATS", "20"))
 AT_ONCE = 4  # hosts that run at the same time
 QUICK = 30.0  # seconds; a quick end takes a tenth of one, unless the machine is busy
 PATIENCE = 10.0  # seconds that the module waits for a session that gives no sign of life
@@ -24,15 +24,15 @@ PATIENCE = 10.0  # seconds that the module waits for a session that gives no sig
 Maker = collections.namedtuple("Maker", "library prefix info closes")
 
 CANON = Maker(
-    VIRTUAL_DIR / "libEDSDK.so",
+    CANON_LIBRARY,
     "VirtualCamera",
     CAMERA_NAME,
     (" EdsCloseSession(", " EdsTerminateSDK("),
 )
 NIKON = Maker(
-    VIRTUAL_DIR / "VirtualNikon.md3",
+    NIKON_MODULE,
     "VirtualNikon",
-    str(VIRTUAL_DIR / "VirtualNikon.md3"),
+    str(NIKON_MODULE),
     (" Close(source#1, 0x0) = 0 ", " Close(module#0, 0x0) = 0 "),
 )
 

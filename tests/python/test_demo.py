@@ -17,9 +17,9 @@ from unittest import mock
 
 from support import (
     DEADLINE,
+    NIKON_MODULE,
     PYTHON_DIR,
     REPOSITORY,
-    VIRTUAL_DIR,
     HostRun,
     Lumatie,
     run_host,
@@ -27,7 +27,6 @@ from support import (
 )
 
 DEMO = REPOSITORY / "host" / "tether_demo.py"
-NIKON_MODULE = str(VIRTUAL_DIR / "VirtualNikon.md3")
 
 # Bounds for one end after Ctrl-C: a part of a picture may have to be waited for.
 END_BOUND = 8.0
