@@ -92,7 +92,7 @@ def wait_until(predicate, what, deadline=DEADLINE):
 def folder_names(*names):
     """Those of the names that a folder can have here."""
     if not ON_WINDOWS:
-        return names
+        return list(names)
     return [name for name in names if not re.search(r'[\0-\x1f"*/:<>?\\|]|[ .]$', name)]
 
 

@@ -5,6 +5,7 @@ import itertools
 import os
 import threading
 import time
+import unittest
 
 from nikon_support import (
     APERTURE,
@@ -32,7 +33,7 @@ from support import (
     run_host,
     wait_until,
 )
-from this_process import native_threads
+from this_process import ON_WINDOWS, native_threads
 
 # One cycle's events: code and format.
 CYCLE = [
@@ -437,6 +438,7 @@ class Pictures(NikonTestCase):
                     self.assertEqual(file.read(), self.nikon.picture_bytes(picture))
                 tether.Uninit()
 
+    @unittest.skipIf(ON_WINDOWS, "no limit of a file's size there")
     def test_a_full_disk_is_a_write_failure_and_nothing_is_left(self):
         script = """
 import resource, sys
@@ -599,6 +601,8 @@ assert tether.Uninit() == 0
 """
         run = run_host(script, arguments=(self.folder,))
         left_behind = "virtual camera: unloaded with open objects: module#0 source#1\n"
+        if ON_WINDOWS:
+            left_behind = ""  # there a virtual camera does nothing while it is unloaded
         self.assertEqual((run.status, run.stderr), (0, left_behind))
 
     def test_a_hundred_sessions_leave_nothing_behind(self):
@@ -606,7 +610,7 @@ assert tether.Uninit() == 0
 import sys
 from nikon_support import MODULE
 from support import Host, Lumatie
-from this_process import has_library, native_threads, open_handles, resident_bytes
+from this_process import has_library, native_threads, open_handles
 
 def session(tether=Lumatie.Lumatie()):
     host = Host()
@@ -617,12 +621,35 @@ def session(tether=Lumatie.Lumatie()):
 
 for _ in range(20):
     session()
-before = native_threads(), open_handles(), resident_bytes()
+before = native_threads(), open_handles()
 for _ in range(100):
     session()
-after = native_threads(), open_handles(), resident_bytes()
-assert after[:2] == before[:2], (before, after)
-assert after[2] - before[2] < 2 * 1024 * 1024, (before, after)
+after = native_threads(), open_handles()
+assert after == before, (before, after)
+"""
+        run = run_host(script, arguments=(self.folder,))
+        self.assertEqual((run.status, run.stderr), (0, ""))
+
+    def test_a_hundred_sessions_with_a_module_that_stays_loaded_leave_no_memory_behind(self):
+        # On Windows a virtual camera does not give its memory back when it is unloaded.
+        script = """
+import sys
+from nikon_support import MODULE, VirtualNikon
+from support import Lumatie
+from this_process import resident_bytes
+
+nikon, tether = VirtualNikon(), Lumatie.Lumatie()
+nikon.configure("log.lines = 100")
+
+def sessions(count):
+    for _ in range(count):
+        assert tether.Init(MODULE, sys.argv[1], None) == 1
+        assert tether.Uninit() == 1
+
+sessions(20)
+before = resident_bytes()
+sessions(100)
+assert resident_bytes() - before < 500 * 1024, (before, resident_bytes())
 """
         run = run_host(script, arguments=(self.folder,))
         self.assertEqual((run.status, run.stderr), (0, ""))

@@ -6,10 +6,16 @@ what it itself put there: no fatal error, no crash. The driver module tells at i
 session left objects open, so that a session which is closed leaves standard error empty, too.
 """
 
-import signal
 import unittest
 
-from exit_support import NIKON, SLOW_TAKING_DOWN, TELL_END, ExitTestCase, StuckTestCase
+from exit_support import (
+    INTERRUPTED,
+    NIKON,
+    SLOW_TAKING_DOWN,
+    TELL_END,
+    ExitTestCase,
+    StuckTestCase,
+)
 from support import CAMERA_NAME
 
 # What the driver module writes when it is unloaded while a session has not been closed.
@@ -260,10 +266,10 @@ time.sleep(1000)
 signal.signal(signal.SIGINT, signal.default_int_handler)
 tether = start()
 wait(called)
-os.kill(os.getpid(), signal.SIGINT)
+signal.raise_signal(signal.SIGINT)
 time.sleep(1000)
 """,
-                -signal.SIGINT,
+                INTERRUPTED,
                 "KeyboardInterrupt",
             )
         )
@@ -275,7 +281,7 @@ time.sleep(1000)
 signal.signal(signal.SIGTERM, lambda *arguments: sys.exit(3))
 tether = start()
 wait(called)
-os.kill(os.getpid(), signal.SIGTERM)
+signal.raise_signal(signal.SIGTERM)
 time.sleep(1000)
 """,
                 3,

@@ -18,9 +18,7 @@ def open_handles():
     """How many files and, on Windows, other objects of the system the process has open."""
     if not ON_WINDOWS:
         return len(os.listdir("/proc/self/fd"))
-    count = ctypes.c_uint32()
-    _call("GetProcessHandleCount", _this_process(), ctypes.byref(count))
-    return count.value
+    return _count_handles()
 
 
 def resident_bytes():
@@ -39,6 +37,15 @@ def has_library(path):
         with open("/proc/self/maps", encoding="utf-8") as file:
             return path in file.read()
     return bool(_kernel32().GetModuleHandleW(ctypes.c_wchar_p(path)))
+
+
+class _HandleEntry(ctypes.Structure):
+    _fields_ = [
+        ("thing", ctypes.c_void_p),
+        ("process", ctypes.c_size_t),
+        ("handle", ctypes.c_size_t),
+        ("more", ctypes.c_uint32 * 4),
+    ]
 
 
 class _MemoryCounters(ctypes.Structure):
@@ -89,3 +96,21 @@ def _count_threads():
         more = library.Thread32Next(snapshot, ctypes.byref(entry))
     library.CloseHandle(snapshot)
     return count
+
+
+def _count_handles():
+    # Not GetProcessHandleCount, for which Wine has no answer.
+    query = ctypes.WinDLL("ntdll").NtQuerySystemInformation
+    every_handle, head = 64, ctypes.sizeof(ctypes.c_size_t) * 2
+    needed = ctypes.c_uint32(1 << 16)
+    while True:
+        # There may be more the next time.
+        buffer = ctypes.create_string_buffer(needed.value * 2)
+        status = query(every_handle, buffer, len(buffer), ctypes.byref(needed))
+        if status >= 0:
+            break
+        if status != -0x3FFFFFFC:  # too small
+            raise OSError("the handles are not told: {:#x}".format(status & 0xFFFFFFFF))
+    count = ctypes.c_size_t.from_buffer(buffer).value
+    entries = (_HandleEntry * count).from_buffer(buffer, head)
+    return sum(entry.process == os.getpid() for entry in entries)
