@@ -459,6 +459,25 @@ tether.Uninit()
         self.assertEqual((run.status, run.stderr), (0, ""))
         self.assertEqual(self.files(), [])
 
+    def test_a_path_that_is_too_long_ends_the_process_and_nothing_is_written(self):
+        folder = os.path.join(self.base, "x" * (240 - len(self.base)))
+        os.mkdir(folder)
+        run = run_host(
+            """
+            import sys
+            from nikon_support import MODULE, VirtualNikon
+            from support import Host, Lumatie
+            nikon, host, tether = VirtualNikon(), Host(), Lumatie.Lumatie()
+            nikon.press_shutter()
+            assert tether.Init(MODULE, sys.argv[1], host) == 1
+            host.wait_for_picture()
+            """,
+            arguments=[folder],
+        )
+        self.assertEqual(run.status, 3, run.stderr)
+        said = "Lumatie: the path of a picture is longer than 259 bytes; the process ends.\n"
+        self.assertEqual((run.stderr, self.files(folder)), (said, []))
+
     def test_a_new_file_text_holds_the_path_as_it_is(self):
         _, host = self.start(wait=True)
         self.nikon.press_shutter()
