@@ -678,7 +678,7 @@ def start_host(code, environment=None, python_dir=None, arguments=(), **options)
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
         env=variables,
-        **options
+        **options,
     )
 
 

@@ -255,7 +255,9 @@ class ShootingTest(DemoTestCase):
         self.assertRegex(run.stdout, r"(?m)^  camera +busy$")
 
     def test_a_folder_with_quotes_or_a_separator_at_its_end_works(self):
-        for name in folder_names("it's mine", "a' 'b", "'}", 'say "hi"', "ü 写真") + ["with" + os.sep]:
+        for name in folder_names("it's mine", "a' 'b", "'}", 'say "hi"', "ü 写真") + [
+            "with" + os.sep
+        ]:
             with self.subTest(name=name):
                 folder = os.path.join(self.base, name)
                 os.mkdir(folder)

@@ -5,7 +5,16 @@ import os
 import threading
 import unittest
 
-from support import CAMERA_NAME, DEADLINE, Host, Lumatie, TetherTestCase, make_link, run_host, wait_until
+from support import (
+    CAMERA_NAME,
+    DEADLINE,
+    Host,
+    Lumatie,
+    TetherTestCase,
+    make_link,
+    run_host,
+    wait_until,
+)
 
 
 class TetherObjectTestCase(TetherTestCase):
