@@ -16,8 +16,8 @@ from exit_support import (
     ExitTestCase,
     StuckTestCase,
 )
-from this_process import ON_WINDOWS
 from support import CAMERA_NAME
+from this_process import ON_WINDOWS
 
 # What the driver module writes when it is unloaded while a session has not been closed.
 LEFT_OPEN = "virtual camera: unloaded with open objects: "
