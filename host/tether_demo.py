@@ -7,6 +7,7 @@ CPython 3.8 or newer.
 
 import argparse
 import ast
+import importlib.util
 import os
 import queue
 import signal
@@ -14,7 +15,25 @@ import sys
 import tempfile
 import time
 
-import Lumatie
+
+def name_camera_library():
+    """On Windows, tells where the library is that a Canon camera is driven with, EDSDK.dll.
+
+    The system looks for it beside the module first, then in the folders named to it, and nowhere
+    else. An application names the folder that it keeps Canon's in; here it is the one of the
+    virtual camera's, which lies beside the module's folder.
+    """
+    if os.name != "nt":
+        return
+    module = importlib.util.find_spec("_Lumatie")
+    if module is not None:
+        folder = os.path.join(os.path.dirname(module.origin), os.pardir, "virtual")
+        if os.path.isdir(folder):
+            os.add_dll_directory(os.path.abspath(folder))
+
+
+name_camera_library()
+import Lumatie  # noqa: E402  the library's folder comes before it
 
 # How long each step may take, in seconds, before the demo gives up.
 START_PATIENCE = 10

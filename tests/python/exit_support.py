@@ -8,31 +8,41 @@ import collections
 import concurrent.futures
 import os
 import re
+import signal
 import tempfile
 import time
 import unittest
 
-from support import CAMERA_NAME, VIRTUAL_DIR, run_host
+from support import CAMERA_NAME, CANON_LIBRARY, NIKON_MODULE, run_host
+from this_process import ON_WINDOWS
 
+# How often each host runs, where the environment names no number for all of them.
 REPEATS = 20
+REPEATS_OF_ALL = int(os.environ.get("LUMATIE_EXIT_REPEATS", "0"))
 AT_ONCE = 4  # hosts that run at the same time
+STUCK_AT_ONCE = 40  # the same of those that only wait
 QUICK = 30.0  # seconds; a quick end takes a tenth of one, unless the machine is busy
 PATIENCE = 10.0  # seconds that the module waits for a session that gives no sign of life
+
+# The exit status of a process that Ctrl-C ended, and that a termination did, as no handler of the
+# host's own was set for it.
+INTERRUPTED = 0xC000013A if ON_WINDOWS else -signal.SIGINT
+TERMINATED = 3 if ON_WINDOWS else -signal.SIGTERM
 
 # A maker: the virtual camera's library, the start of its functions' names, what Init gets, and
 # what the call log says once when a session was closed.
 Maker = collections.namedtuple("Maker", "library prefix info closes")
 
 CANON = Maker(
-    VIRTUAL_DIR / "libEDSDK.so",
+    CANON_LIBRARY,
     "VirtualCamera",
     CAMERA_NAME,
     (" EdsCloseSession(", " EdsTerminateSDK("),
 )
 NIKON = Maker(
-    VIRTUAL_DIR / "VirtualNikon.md3",
+    NIKON_MODULE,
     "VirtualNikon",
-    str(VIRTUAL_DIR / "VirtualNikon.md3"),
+    str(NIKON_MODULE),
     (" Close(source#1, 0x0) = 0 ", " Close(module#0, 0x0) = 0 "),
 )
 
@@ -142,7 +152,7 @@ class ExitTestCase(unittest.TestCase):
         with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
             runs = [
                 pool.submit(End, script, before_import, deadline, self.maker)
-                for _ in range(repeats or self.repeats)
+                for _ in range(REPEATS_OF_ALL or repeats or self.repeats)
             ]
             return [run.result() for run in runs]
 
@@ -179,12 +189,12 @@ class StuckTestCase(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        pool = concurrent.futures.ThreadPoolExecutor(max(1, len(cls.hosts) * cls.repeats))
+        pool = concurrent.futures.ThreadPoolExecutor(STUCK_AT_ONCE)
         cls.addClassCleanup(pool.shutdown)
         cls._runs = {
             name: [
                 pool.submit(End, TELL_END + script, "", PATIENCE + QUICK, cls.maker)
-                for _ in range(cls.repeats)
+                for _ in range(REPEATS_OF_ALL or cls.repeats)
             ]
             for name, (script, _) in cls.hosts.items()
         }

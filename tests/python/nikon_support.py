@@ -2,9 +2,9 @@
 
 import ctypes
 
-from support import VIRTUAL_DIR, Steering, TetherTestCase, wait_until
+from support import NIKON_MODULE, Steering, TetherTestCase, wait_until
 
-MODULE = str(VIRTUAL_DIR / "VirtualNikon.md3")
+MODULE = str(NIKON_MODULE)
 
 # Levels of the driver module's objects.
 SOURCE = 2

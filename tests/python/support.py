@@ -24,14 +24,22 @@ import time
 import unittest
 import weakref
 
+from this_process import ON_WINDOWS, native_threads
+
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(
     os.environ.get("LUMATIE_BUILD_DIR") or REPOSITORY / "build" / "linux"
 ).resolve()
 PYTHON_DIR = BUILD / "python"
 VIRTUAL_DIR = BUILD / "virtual"
-TEST_PYTHON_DIR = BUILD / "test-python"  # the module with its settings file in TEST_CONFIG_DIR
+CANON_LIBRARY = VIRTUAL_DIR / ("EDSDK.dll" if ON_WINDOWS else "libEDSDK.so")
+NIKON_MODULE = VIRTUAL_DIR / "VirtualNikon.md3"
+TEST_PYTHON_DIR = BUILD / "test-python"  # the module with settings of its own, see log_support.py
 TEST_CONFIG_DIR = BUILD / "test-config"
+
+# Windows looks for the camera's library beside the module and in folders that are named to it.
+if ON_WINDOWS:
+    os.add_dll_directory(str(VIRTUAL_DIR))
 
 if str(PYTHON_DIR) not in sys.path:
     sys.path.insert(0, str(PYTHON_DIR))
@@ -81,12 +89,27 @@ def wait_until(predicate, what, deadline=DEADLINE):
         time.sleep(0.002)
 
 
-def native_threads():
-    """How many threads the process has, those included that Python does not know."""
+def folder_names(*names):
+    """Those of the names that a folder can have here."""
+    if not ON_WINDOWS:
+        return list(names)
+    return [name for name in names if not re.search(r'[\0-\x1f"*/:<>?\\|]|[ .]$', name)]
+
+
+def make_link(target, link):
+    """Makes a symbolic link; skips the test on a Windows that makes none."""
     try:
-        return len(os.listdir("/proc/self/task"))
-    except FileNotFoundError:
-        return threading.active_count()
+        os.symlink(target, link)
+    except OSError:
+        if not ON_WINDOWS:
+            raise
+    if not os.path.lexists(link):
+        raise unittest.SkipTest("no symbolic link can be made here")
+
+
+def name_in_library(name):
+    """The name of a file that a maker's library calls by these bytes."""
+    return name.decode("mbcs") if ON_WINDOWS else os.fsdecode(name)
 
 
 class SteeringError(Exception):
@@ -247,7 +270,7 @@ class VirtualCamera(Steering):
     """The steering interface of the virtual Canon library (virtual/VirtualCamera.h)."""
 
     def __init__(self):
-        super().__init__(VIRTUAL_DIR / "libEDSDK.so", "VirtualCamera")
+        super().__init__(CANON_LIBRARY, "VirtualCamera")
         for name in ("Property", "PictureValue", "PictureBytes", "StreamBytes"):
             self._function(name).restype = ctypes.c_int64
         self._function("PictureBytes").argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_int64]
@@ -597,12 +620,32 @@ class TetherTestCase(unittest.TestCase):
 HostRun = collections.namedtuple("HostRun", "status stdout stderr")
 
 
-def run_host(code, deadline=60.0, environment=None, python_dir=None, arguments=()):
+def run_host(code, deadline=60.0, **how):
     """Runs a host script in a process of its own; returns its exit status and what it wrote.
 
+    Takes what start_host does. A script that outlives the deadline is killed, which is a failure
+    that shows what it had written. A status below 0 is a signal's number.
+    """
+    process = start_host(code, **how)
+    late = False
+    try:
+        written = process.communicate(timeout=deadline)
+    except subprocess.TimeoutExpired:
+        late = True
+        process.kill()
+        written = process.communicate()
+    run = HostRun(process.returncode, *map(decode_output, written))
+    if late:
+        message = "the host script did not end within {:g} s\nstdout:\n{}\nstderr:\n{}"
+        raise AssertionError(message.format(deadline, run.stdout, run.stderr))
+    return run
+
+
+def start_host(code, environment=None, python_dir=None, arguments=(), **options):
+    """Starts a host script in a process of its own, with pipes for what it writes.
+
     The script may import `support` and `Lumatie`. `environment` adds variables (None removes one);
-    `python_dir` is searched for the module first. A script that outlives the deadline is killed,
-    which is a failure that shows what it had written. A status below 0 is a signal's number.
+    `python_dir` is searched for the module first; `options` are those of subprocess.Popen.
     """
     paths = [str(pathlib.Path(__file__).resolve().parent), str(PYTHON_DIR)]
     if python_dir is not None:
@@ -622,26 +665,23 @@ def run_host(code, deadline=60.0, environment=None, python_dir=None, arguments=(
             variables.pop(name, None)
         else:
             variables[name] = str(value)
+    code = textwrap.dedent(code)
+    if ON_WINDOWS:
+        code = "import os\nos.add_dll_directory({!r})\n{}".format(str(VIRTUAL_DIR), code)
     command = [sys.executable]
     if sys.flags.dev_mode:
         command += ["-X", "dev"]
-    command += ["-c", textwrap.dedent(code)] + [str(argument) for argument in arguments]
-    process = subprocess.Popen(
+    command += ["-c", code] + [str(argument) for argument in arguments]
+    return subprocess.Popen(
         command,
         stdin=subprocess.DEVNULL,
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
         env=variables,
+        **options,
     )
-    late = False
-    try:
-        written = process.communicate(timeout=deadline)
-    except subprocess.TimeoutExpired:
-        late = True
-        process.kill()
-        written = process.communicate()
-    stdout, stderr = (text.decode("utf-8", "surrogateescape") for text in written)
-    if late:
-        message = "the host script did not end within {:g} s\nstdout:\n{}\nstderr:\n{}"
-        raise AssertionError(message.format(deadline, stdout, stderr))
-    return HostRun(process.returncode, stdout, stderr)
+
+
+def decode_output(written):
+    """What a host wrote, as a text with plain line ends."""
+    return written.decode("utf-8", "surrogateescape").replace(os.linesep, "\n")

@@ -9,6 +9,7 @@ import weakref
 
 import swig_runtime
 from support import DEADLINE, Host, Lumatie, TetherTestCase, _Lumatie, run_host, wait_until
+from this_process import resident_bytes
 
 SELF_ERRORS = [
     ("Lumatie_Init", ("x", "d", None)),
@@ -212,18 +213,13 @@ class TextTest(BindingTestCase):
         self.assertEqual(os.path.dirname(host.wait_for_picture()), self.folder)
         _Lumatie.Lumatie_Uninit(self.tether)
 
-    @unittest.skipUnless(os.path.exists("/proc/self/statm"), "nothing here tells the memory used")
     def test_a_failed_conversion_frees_the_copies_made_so_far(self):
-        def pages():
-            with open("/proc/self/statm") as file:
-                return int(file.read().split()[1])
-
         large = "x" * 4000000
-        before = pages()
+        before = resident_bytes()
         for _ in range(50):
             with self.assertRaises(TypeError):
                 _Lumatie.Lumatie_Init(self.tether, large, b"d", None)
-        self.assertLess((pages() - before) * os.sysconf("SC_PAGE_SIZE"), 20 * len(large))
+        self.assertLess(resident_bytes() - before, 20 * len(large))
 
 
 class NumberTest(BindingTestCase):

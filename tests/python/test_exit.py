@@ -5,10 +5,16 @@ before its deadline, with the exit status that the host asked for and with nothi
 but what the host itself put there: no fatal error, no crash.
 """
 
-import signal
 import unittest
 
-from exit_support import PATIENCE, SLOW_TAKING_DOWN, ExitTestCase, StuckTestCase
+from exit_support import (
+    INTERRUPTED,
+    PATIENCE,
+    SLOW_TAKING_DOWN,
+    TERMINATED,
+    ExitTestCase,
+    StuckTestCase,
+)
 
 
 class QuickEnds(ExitTestCase):
@@ -220,10 +226,10 @@ time.sleep(1000)
 signal.signal(signal.SIGINT, signal.default_int_handler)
 tether = start()
 wait(called)
-os.kill(os.getpid(), signal.SIGINT)
+signal.raise_signal(signal.SIGINT)
 time.sleep(1000)
 """,
-                -signal.SIGINT,
+                INTERRUPTED,
                 "KeyboardInterrupt",
             )
         )
@@ -234,10 +240,10 @@ time.sleep(1000)
 signal.signal(signal.SIGTERM, signal.SIG_DFL)
 tether = start()
 wait(called)
-os.kill(os.getpid(), signal.SIGTERM)
+signal.raise_signal(signal.SIGTERM)
 time.sleep(1000)
 """,
-            -signal.SIGTERM,
+            TERMINATED,
         )
 
     def test_a_handler_of_a_termination_that_exits_keeps_its_status(self):
@@ -247,7 +253,7 @@ time.sleep(1000)
 signal.signal(signal.SIGTERM, lambda *arguments: sys.exit(3))
 tether = start()
 wait(called)
-os.kill(os.getpid(), signal.SIGTERM)
+signal.raise_signal(signal.SIGTERM)
 time.sleep(1000)
 """,
                 3,

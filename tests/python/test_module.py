@@ -264,7 +264,8 @@ class ImportTest(unittest.TestCase):
         run = run_host(
             """
             import threading, _Lumatie
-            from support import VirtualCamera, native_threads
+            from support import VirtualCamera
+            from this_process import native_threads
             print(native_threads(), VirtualCamera().calls("*"))
             """
         )

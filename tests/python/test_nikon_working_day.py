@@ -10,7 +10,6 @@ import contextlib
 import hashlib
 import os
 import random
-import resource
 import time
 import unittest
 
@@ -34,6 +33,10 @@ from support import (
     picture_path,
     wait_until,
 )
+from this_process import ON_WINDOWS
+
+if not ON_WINDOWS:
+    import resource
 
 SEED = int(os.environ.get("LUMATIE_SEED", "20261121"))
 SHOTS = 200
@@ -86,17 +89,6 @@ def read(path):
     """The bytes of a file."""
     with open(path, "rb") as file:
         return file.read()
-
-
-@contextlib.contextmanager
-def full_disk():
-    """Lets no file of this process grow beyond a few bytes."""
-    limits = resource.getrlimit(resource.RLIMIT_FSIZE)
-    resource.setrlimit(resource.RLIMIT_FSIZE, (500, limits[1]))
-    try:
-        yield
-    finally:
-        resource.setrlimit(resource.RLIMIT_FSIZE, limits)
 
 
 class NikonWorkingDay(NikonTestCase):
@@ -264,6 +256,24 @@ class NikonWorkingDay(NikonTestCase):
         self.assertGreater(self.nikon.listed(), 0)
         self.tether.UpdateExportFolder(self.folder)
 
+    @contextlib.contextmanager
+    def full_disk(self):
+        """Lets no file of this process grow beyond a few bytes.
+
+        On Windows, where a process has no such limit, the host takes the folder away instead.
+        """
+        if ON_WINDOWS:
+            self.tether.UpdateExportFolder("")
+            yield
+            self.tether.UpdateExportFolder(self.folder)
+            return
+        limits = resource.getrlimit(resource.RLIMIT_FSIZE)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (500, limits[1]))
+        try:
+            yield
+        finally:
+            resource.setrlimit(resource.RLIMIT_FSIZE, limits)
+
     def fill_disk(self):
         """No picture can be written for a while."""
         self.catch_up()
@@ -271,7 +281,7 @@ class NikonWorkingDay(NikonTestCase):
         # Of image data in rows nobody asks whether they were written.
         self.nikon.configure("picture.file_type = {}".format(self.random.choice([JPEG, NEF])))
         made, announced = len(self.nikon.pictures()), len(self.failure_events())
-        with full_disk():
+        with self.full_disk():
             self.press_on_body()
             self.press_on_body()
             self.wait_for_delivery()

@@ -28,9 +28,13 @@ from support import (
     Host,
     Lumatie,
     TetherTestCase,
+    folder_names,
+    make_link,
+    name_in_library,
     run_host,
     wait_until,
 )
+from this_process import ON_WINDOWS
 
 
 class PicturesTestCase(TetherTestCase):
@@ -42,7 +46,7 @@ class PicturesTestCase(TetherTestCase):
         self.host.clear()
 
     def _check_that_nothing_lies_elsewhere(self):
-        self.assertEqual(glob.glob("/Canon_*") + glob.glob("Canon_*"), [])
+        self.assertEqual(glob.glob(os.sep + "Canon_*") + glob.glob("Canon_*"), [])
         self.assertLessEqual(set(os.listdir(self.base)), self.elsewhere)
 
     def subfolder(self, name, make=True):
@@ -225,7 +229,7 @@ class FolderTest(PicturesTestCase):
         self.assertEqual(os.path.dirname(self.shoot(2)), other)
 
     def test_a_folder_may_have_any_name(self):
-        names = [
+        names = folder_names(
             "two words",
             " blanks ",
             "ü",
@@ -236,7 +240,7 @@ class FolderTest(PicturesTestCase):
             '"',
             "\t",
             "🎞",
-        ]
+        )
         for count, name in enumerate(names, 1):
             with self.subTest(name):
                 folder = self.subfolder(name)
@@ -257,6 +261,7 @@ class FolderTest(PicturesTestCase):
         with self.assertRaises(SyntaxError):
             ast.literal_eval(text)
 
+    @unittest.skipIf(ON_WINDOWS, "a folder's name holds no newline there")
     def test_a_folder_with_a_newline_is_sent_unchanged(self):
         folder = self.subfolder("two\nlines")
         self.tether.UpdateExportFolder(folder)
@@ -267,14 +272,14 @@ class FolderTest(PicturesTestCase):
             ast.literal_eval(self.host.wait_for_text("NEWFILE").text)
 
     def test_a_folder_is_used_as_it_stands_also_with_a_trailing_separator(self):
-        self.tether.UpdateExportFolder(self.folder + "/")
+        self.tether.UpdateExportFolder(self.folder + os.sep)
         path = self.shoot()
-        self.assertTrue(path.startswith(self.folder + "//Canon_"), path)
+        self.assertTrue(path.startswith(self.folder + 2 * os.sep + "Canon_"), path)
         self.assert_same_bytes(path, 0)
 
     def test_a_link_to_a_folder_is_a_folder(self):
         link = self.subfolder("link", make=False)
-        os.symlink(self.folder, link)
+        make_link(self.folder, link)
         self.tether.UpdateExportFolder(link)
         path = self.shoot()
         self.assertEqual(os.path.dirname(path), link)
@@ -286,14 +291,14 @@ class FolderTest(PicturesTestCase):
         os.chdir(self.base)
         self.tether.UpdateExportFolder("export")
         path = self.shoot()
-        self.assertTrue(path.startswith("export/Canon_"), path)
+        self.assertTrue(path.startswith(os.path.join("export", "Canon_")), path)
         self.assert_same_bytes(os.path.join(self.base, path), 0)
 
     def test_a_picture_for_a_missing_folder_is_announced_but_not_written(self):
         missing = self.subfolder("missing", make=False)
         self.tether.UpdateExportFolder(missing)
         path = self.shoot()
-        self.assertTrue(path.startswith(missing + "/Canon_"), path)
+        self.assertTrue(path.startswith(os.path.join(missing, "Canon_")), path)
         self.assertFalse(os.path.exists(missing))
 
     def test_a_picture_for_a_folder_that_is_a_file_is_announced_but_not_written(self):
@@ -301,7 +306,7 @@ class FolderTest(PicturesTestCase):
         with open(file, "w") as stream:
             stream.write("mine")
         self.tether.UpdateExportFolder(file)
-        self.assertTrue(self.shoot().startswith(file + "/Canon_"))
+        self.assertTrue(self.shoot().startswith(os.path.join(file, "Canon_")))
         self.assertEqual(self.content(file), b"mine")
 
     def test_after_a_picture_that_had_no_folder_the_next_one_is_written(self):
@@ -310,6 +315,7 @@ class FolderTest(PicturesTestCase):
         self.tether.UpdateExportFolder(self.folder)
         self.assert_same_bytes(self.shoot(2), 1)
 
+    @unittest.skipIf(ON_WINDOWS, "a folder with an open file in it does not vanish there")
     def test_a_folder_that_vanishes_during_a_download_loses_the_picture_only(self):
         self.camera.fault("EdsDownload hang")
         self.tether.Shoot()
@@ -411,8 +417,7 @@ class CameraNameTest(PicturesTestCase):
             self.camera.settle()
         self.assertIn("UnicodeDecodeError", errors.getvalue())
         self.assertEqual(self.host.calls(), [(None,)])
-        name = os.listdir(os.fsencode(self.folder))[0]
-        self.assertTrue(name.endswith(b".\xff\xfe"), name)
+        self.assertTrue(self.files()[0].endswith(name_in_library(b".\xff\xfe")), self.files())
 
     def test_an_extension_that_makes_the_path_too_long_ends_the_process(self):
         run = run_host(

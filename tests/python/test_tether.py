@@ -5,7 +5,16 @@ import os
 import threading
 import unittest
 
-from support import CAMERA_NAME, DEADLINE, Host, Lumatie, TetherTestCase, run_host, wait_until
+from support import (
+    CAMERA_NAME,
+    DEADLINE,
+    Host,
+    Lumatie,
+    TetherTestCase,
+    make_link,
+    run_host,
+    wait_until,
+)
 
 
 class TetherObjectTestCase(TetherTestCase):
@@ -87,7 +96,7 @@ class VendorChoiceTest(TetherObjectTestCase):
         self.assertEqual(self.init(self.folder), 1)
 
     def test_a_dead_link_takes_the_canon_road(self):
-        os.symlink(self.path("missing"), self.path("link"))
+        make_link(self.path("missing"), self.path("link"))
         self.assert_canon(self.path("link"))
 
     def test_an_empty_text_takes_the_canon_road(self):
@@ -111,7 +120,7 @@ class VendorChoiceTest(TetherObjectTestCase):
         self.assert_nikon(path)
 
     def test_a_link_to_a_file_takes_the_nikon_road(self):
-        os.symlink(self.path("Type0001.md3", b"no module"), self.path("link"))
+        make_link(self.path("Type0001.md3", b"no module"), self.path("link"))
         self.assert_nikon(self.path("link"))
 
     def test_a_file_whose_name_is_not_ascii_takes_the_nikon_road(self):

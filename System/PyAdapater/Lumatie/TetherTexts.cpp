@@ -42,15 +42,20 @@ std::string ExportFolder::forPictures() const
     return m_forPictures;
 }
 
-void LastFile::set(const std::string& text)
+void LastFile::check(const std::string& text)
 {
     char checked[kLastFileSize];
     boundedCopy(checked, sizeof checked, text.c_str(),
                 "the path of a picture is longer than 259 bytes");
-    t_ownLastFile = checked;
+}
+
+void LastFile::set(const std::string& text)
+{
+    check(text);
+    t_ownLastFile = text;
 
     const std::lock_guard<std::mutex> guard(m_lock);
-    m_shared = checked;
+    m_shared = text;
 }
 
 void LastFile::clear()

@@ -45,6 +45,9 @@ private:
 class LastFile
 {
 public:
+    // Ends the process when `set` would.
+    static void check(const std::string& text);
+
     // Stores the text, for the process and for the calling thread; one of 260 bytes or more ends
     // the process.
     void set(const std::string& text);

@@ -1,7 +1,7 @@
-"""The debug log as the machine's user sees it: one line on standard error for each event.
+"""The debug log as the machine's user sees it: one line for each event, and its switch.
 
-Each test runs a host in a process of its own, with the build of the module whose settings file lies
-in the build tree.
+Each test runs a host in a process of its own, with the build of the module that has settings of
+its own.
 """
 
 import ast
@@ -9,25 +9,28 @@ import os
 import textwrap
 import unittest
 
-from support import (
-    DEVICE_BUSY,
-    TEST_CONFIG_DIR,
-    TEST_PYTHON_DIR,
-    VIRTUAL_DIR,
-    TetherTestCase,
-    run_host,
+from log_support import (
+    remove_settings,
+    run_logged_host,
+    switch,
+    write_settings,
+    write_value,
 )
+from support import CANON_LIBRARY, DEVICE_BUSY, TetherTestCase
+from this_process import ON_WINDOWS
 
-SETTINGS = TEST_CONFIG_DIR / "Imagrelle.conf"
+if ON_WINDOWS:
+    import winreg
 
 # A session that has settled; what the host was called with is printed when it has ended.
 HOST = """
-import os, sys
-from support import TEST_CONFIG_DIR, VirtualCamera, Host, Lumatie
+import sys
+import log_support
+from support import VirtualCamera, Host, Lumatie
 
 def note(event):
     if "noted" in sys.argv:
-        os.write(2, b"host %d\\n" % event.code)
+        log_support.write_line("host %d" % event.code)
 
 camera, host, tether = VirtualCamera(), Host(note), Lumatie.Lumatie()
 tether.Init("Virtual EOS", sys.argv[1], host)
@@ -62,46 +65,32 @@ def line_for(call):
 
 
 class DebugLogTestCase(TetherTestCase):
-    """Has the settings file to itself."""
+    """Has the settings to itself."""
 
     def setUp(self):
         super().setUp()
-        self.addCleanup(self._remove_settings)
+        remove_settings()
+        self.addCleanup(remove_settings)
 
-    def _remove_settings(self):
-        if SETTINGS.exists():
-            SETTINGS.unlink()
+    def run_session(self, code="", *arguments):
+        """Runs a Canon session; returns the host's calls and the lines of the log."""
+        code = HOST + textwrap.dedent(code) + END
+        run, lines = run_logged_host(code, (self.folder,) + arguments)
+        self.assertEqual(run.status, 0, run.stderr)
+        return ast.literal_eval(run.stdout), lines
 
-    def switch(self, text):
-        """Writes the settings file; None takes it away."""
-        self._remove_settings()
-        if text is not None:
-            os.makedirs(str(TEST_CONFIG_DIR), exist_ok=True)
-            SETTINGS.write_text(text)
+    def is_on(self):
+        """Whether the log is switched on: all lines of a session come, or none."""
+        calls, lines = self.run_session()
+        self.assertIn(lines, ([], [line_for(call) for call in calls]))
+        return bool(lines)
 
 
 class DebugLogTest(DebugLogTestCase):
     """The lines of a Canon session, and the switch."""
 
-    def run_session(self, code="", *arguments):
-        """Runs a session; returns the host's calls and the lines of the log."""
-        run = run_host(
-            HOST + textwrap.dedent(code) + END,
-            python_dir=TEST_PYTHON_DIR,
-            arguments=(self.folder,) + arguments,
-        )
-        self.assertEqual(run.status, 0, run.stderr)
-        return ast.literal_eval(run.stdout), run.stderr.splitlines()
-
-    def is_on(self, settings):
-        """Whether these settings switch the log on: all lines of a session come, or none."""
-        self.switch(settings)
-        calls, lines = self.run_session()
-        self.assertIn(lines, ([], [line_for(call) for call in calls]))
-        return bool(lines)
-
     def test_the_start_of_a_session_writes_its_lines(self):
-        self.switch("DumpMsg=1\n")
+        switch(1)
         calls, lines = self.run_session()
         self.assertEqual(
             lines[:7],
@@ -119,7 +108,7 @@ class DebugLogTest(DebugLogTestCase):
         self.assertEqual(lines, [line_for(call) for call in calls])
 
     def test_status_texts_and_the_invalid_code_have_their_lines(self):
-        self.switch("DumpMsg=1\n")
+        switch(1)
         calls, lines = self.run_session(
             """
             host.clear()
@@ -140,7 +129,8 @@ class DebugLogTest(DebugLogTestCase):
         )
         lines = lines[-len(calls) :]
         self.assertEqual(lines, [line_for(call) for call in calls])
-        self.assertTrue(lines[0].startswith("[Lumatie]CANON TETHER_GENERAL={'GENERAL_NEWFILE':r'/"))
+        new_file = "[Lumatie]CANON TETHER_GENERAL={'GENERAL_NEWFILE':r'" + self.folder + os.sep
+        self.assertTrue(lines[0].startswith(new_file), lines[0])
         self.assertEqual(
             lines[1:],
             [
@@ -153,7 +143,7 @@ class DebugLogTest(DebugLogTestCase):
         )
 
     def test_every_event_comes_after_its_line(self):
-        self.switch("DumpMsg=1\n")
+        switch(1)
         _, lines = self.run_session("", "noted")
         self.assertEqual(len(lines), 24)
         for line, event in zip(lines[::2], lines[1::2]):
@@ -161,7 +151,7 @@ class DebugLogTest(DebugLogTestCase):
             self.assertTrue(line.startswith("[Lumatie]" + TEXT_FORMATS[code].split("{")[0]), line)
 
     def test_a_long_line_is_cut_to_its_first_1023_characters(self):
-        self.switch("DumpMsg=1\n")
+        switch(1)
         calls, lines = self.run_session(
             "host.clear()\ncamera.set_allowed(0x406, [96] * 128)\ncamera.settle()"
         )
@@ -170,7 +160,7 @@ class DebugLogTest(DebugLogTestCase):
         self.assertEqual(lines[-1], "[Lumatie]" + whole[:1023])
 
     def test_a_host_without_a_callable_has_its_lines_all_the_same(self):
-        self.switch("DumpMsg=1\n")
+        switch(1)
         _, lines = self.run_session(
             """
             tether.Uninit()
@@ -183,43 +173,88 @@ class DebugLogTest(DebugLogTestCase):
         self.assertEqual(lines[:12], lines[12:])
 
     def test_any_number_but_0_switches_the_log_on(self):
-        for number in ("1", "2", "4294967295", "256", "01"):
-            self.assertTrue(self.is_on("DumpMsg={}\n".format(number)), number)
+        for number in (1, 256, 0xFFFFFFFF):
+            switch(number)
+            self.assertTrue(self.is_on(), number)
 
-    def test_0_and_what_is_no_number_of_32_bits_leave_the_log_off(self):
-        for number in ("0", "", "on", "-1", "0x1", "4294967296", "1.0"):
-            self.assertFalse(self.is_on("DumpMsg={}\n".format(number)), number)
+    def test_0_leaves_the_log_off(self):
+        switch(0)
+        self.assertFalse(self.is_on())
 
-    def test_other_lines_of_the_file_do_not_matter(self):
-        self.assertTrue(self.is_on("Other=0\n\nDumpMsg=1\r\nMore=0\n"))
-        self.assertFalse(self.is_on("XDumpMsg=1\ndumpmsg=1\nDumpMsg =1\n"))
-
-    def test_without_the_file_the_log_stays_off(self):
-        self.assertFalse(self.is_on(None))
+    def test_without_settings_the_log_stays_off(self):
+        self.assertFalse(self.is_on())
 
     def test_the_switch_is_read_for_every_new_object(self):
-        self.switch("DumpMsg=1\n")
+        switch(1)
         _, lines = self.run_session(
             """
             def set_iso(value):
                 camera.set_property(0x402, value)
                 camera.settle()
-            file = TEST_CONFIG_DIR / "Imagrelle.conf"
             set_iso(0x48)
-            file.write_text("DumpMsg=0")
+            log_support.switch(0)
             set_iso(0x50)
             second = Lumatie.Lumatie()
             set_iso(0x58)
-            file.write_text("DumpMsg=1")
+            log_support.switch(1)
             third = Lumatie.Lumatie()
             set_iso(0x60)
-            file.unlink()
+            log_support.remove_settings()
             fourth = Lumatie.Lumatie()
             set_iso(0x68)
             """
         )
         iso = [line.rsplit("=", 1)[1] for line in lines if "TETHER_ISO key" in line]
         self.assertEqual(iso, ["400", "100", "200", "800", "1600"])
+
+
+@unittest.skipIf(ON_WINDOWS, "there the switch is in the registry")
+class SettingsFileTest(DebugLogTestCase):
+    """What the settings file may hold."""
+
+    def is_on_with(self, text):
+        write_settings(text)
+        return self.is_on()
+
+    def test_any_number_but_0_switches_the_log_on(self):
+        for number in ("2", "01"):
+            self.assertTrue(self.is_on_with("DumpMsg={}\n".format(number)), number)
+
+    def test_what_is_no_number_of_32_bits_leaves_the_log_off(self):
+        for number in ("", "on", "-1", "0x1", "4294967296", "1.0"):
+            self.assertFalse(self.is_on_with("DumpMsg={}\n".format(number)), number)
+
+    def test_other_lines_of_the_file_do_not_matter(self):
+        self.assertTrue(self.is_on_with("Other=0\n\nDumpMsg=1\r\nMore=0\n"))
+        self.assertFalse(self.is_on_with("XDumpMsg=1\ndumpmsg=1\nDumpMsg =1\n"))
+
+
+@unittest.skipUnless(ON_WINDOWS, "there is a registry on Windows only")
+class RegistryTest(DebugLogTestCase):
+    """What the registry's value may be: four bytes or fewer count, whatever their type is."""
+
+    def is_on_with(self, value, kind):
+        write_value(value, kind)
+        return self.is_on()
+
+    def test_a_text_counts_by_its_bytes(self):
+        self.assertTrue(self.is_on_with("0", winreg.REG_SZ))
+        self.assertFalse(self.is_on_with("", winreg.REG_SZ))
+
+    def test_up_to_four_bytes_count(self):
+        self.assertTrue(self.is_on_with(b"\x01", winreg.REG_BINARY))
+        self.assertTrue(self.is_on_with(b"\0\0\0\x80", winreg.REG_BINARY))
+        for zero in (b"", b"\0", b"\0\0\0\0"):
+            self.assertFalse(self.is_on_with(zero, winreg.REG_BINARY), zero)
+
+    def test_more_than_four_bytes_leave_the_log_off(self):
+        self.assertFalse(self.is_on_with(1, winreg.REG_QWORD))
+        self.assertFalse(self.is_on_with(b"\x01" * 8, winreg.REG_BINARY))
+        self.assertFalse(self.is_on_with("1111", winreg.REG_SZ))
+
+    def test_a_key_without_the_value_leaves_the_log_off(self):
+        write_value(1, winreg.REG_DWORD, name="Other")
+        self.assertFalse(self.is_on())
 
 
 class NikonLogTest(DebugLogTestCase):
@@ -248,15 +283,11 @@ nikon, host, tether = VirtualNikon(), Host(), Lumatie.Lumatie()
 
     def lines_of(self, code):
         """Runs a host; returns its calls and the log's lines."""
-        self.switch("DumpMsg=1\n")
-        run = run_host(
-            self.HOST + textwrap.dedent(code),
-            python_dir=TEST_PYTHON_DIR,
-            arguments=(self.folder,),
-        )
+        switch(1)
+        run, lines = run_logged_host(self.HOST + textwrap.dedent(code), (self.folder,))
         self.assertEqual(run.status, 0, run.stderr)
         calls = [line for line in run.stdout.splitlines() if line.startswith("[(")]
-        return ast.literal_eval(calls[-1]) if calls else [], run.stderr.splitlines()
+        return ast.literal_eval(calls[-1]) if calls else [], lines
 
     def test_every_event_has_its_line(self):
         calls, lines = self.lines_of(
@@ -280,7 +311,7 @@ nikon, host, tether = VirtualNikon(), Host(), Lumatie.Lumatie()
             file.write("no library")
         for path, reason in (
             (no_library, "NIKON driver module cannot be loaded: "),
-            (str(VIRTUAL_DIR / "libEDSDK.so"), "NIKON driver module has no MAIDEntryPoint: "),
+            (str(CANON_LIBRARY), "NIKON driver module has no MAIDEntryPoint: "),
         ):
             _, lines = self.lines_of(
                 """

@@ -5,7 +5,6 @@ and what a single call may take has a bound that is wide, but says "not for ever
 """
 
 import gc
-import os
 import re
 import statistics
 import sys
@@ -19,9 +18,9 @@ from support import (
     PROPERTY_CHANGED,
     Lumatie,
     TetherTestCase,
-    native_threads,
     wait_until,
 )
+from this_process import native_threads, open_handles, resident_bytes
 
 REPORTED_SET = 0xFFFF  # stands for all properties that are reported: one event, several calls
 ROUNDS = 3
@@ -44,21 +43,15 @@ def figures(what, times):
     return found
 
 
-def resident_bytes():
-    """The process's resident memory."""
-    with open("/proc/self/statm", encoding="ascii") as file:
-        return int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
-
-
 class Footprint:
-    """What the process holds now: memory, objects, threads, files."""
+    """What the process holds now: memory, objects, threads, files or handles."""
 
     def __init__(self):
         gc.collect()
         self.memory = resident_bytes()
         self.blocks = sys.getallocatedblocks()
         self.threads = native_threads()
-        self.files = len(os.listdir("/proc/self/fd"))
+        self.handles = open_handles()
 
 
 class Quiet:
@@ -97,7 +90,7 @@ class LimitsTestCase(TetherTestCase):
 
     def assert_flat(self, what, work, memory=MEBIBYTE, blocks=300):
         """Doing the work again adds nothing: not to memory and Python's objects, beyond a
-        tolerance, and not to threads, files and the references on `self.host`.
+        tolerance, and not to threads, handles and the references on `self.host`.
 
         A leak grows each time. What the allocator keeps for its threads does not, so the first
         round that is flat will do.
@@ -117,7 +110,7 @@ class LimitsTestCase(TetherTestCase):
                 )
             )
             self.assertEqual(sys.getrefcount(self.host), references)
-            self.assertLessEqual(after.files, before.files)
+            self.assertLessEqual(after.handles, before.handles)
             if grown < memory and more < blocks:
                 break
         self.assertLess(more, blocks)

@@ -168,6 +168,7 @@ MaidResult DataReceiver::finish(const Part& part)
     std::string result = kLastFileError;
     if (!folder.empty()) {
         const std::string path = newPicturePath(folder, kVendorWord, part.extension);
+        LastFile::check(path);  // before there is a file that nobody can be told of
         std::FILE* file = platform::createFile(path.c_str());
         if (file == nullptr) {
             return kMaidFileFailed;
