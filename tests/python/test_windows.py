@@ -25,7 +25,7 @@ from this_process import ON_WINDOWS
 READ_ONLY, HIDDEN, SYSTEM, ARCHIVE, NORMAL = 0x1, 0x2, 0x4, 0x20, 0x80
 DRIVER_ATTRIBUTES = READ_ONLY | ARCHIVE | NORMAL  # any of these makes a file a driver module
 
-# In the ANSI code page of western systems, and in none of theirs.
+# The first is in the ANSI code page of western systems, the second is not.
 WESTERN, FOREIGN = "Grüße", "写真"
 
 GENERIC_READ, OPEN_EXISTING = 0x80000000, 3
@@ -50,6 +50,15 @@ def kernel32():
     library.CloseHandle.argtypes = [wintypes.HANDLE]
     library.GetFileAttributesW.restype = wintypes.DWORD
     return library
+
+
+def is_in_code_page(name):
+    """Whether a maker's library can be told this name."""
+    try:
+        name.encode("mbcs")
+    except UnicodeEncodeError:
+        return False
+    return True
 
 
 def read(path):
@@ -137,10 +146,14 @@ class Folders(WindowsTestCase):
         return found[-1].encode("utf-8", "surrogateescape").decode("mbcs")
 
     def test_a_name_of_the_code_page_reaches_the_library_as_it_is(self):
+        if not is_in_code_page(WESTERN):
+            self.skipTest("the code page is no western one")
         path = self.assert_arrives(self.make_folder(WESTERN))
         self.assertEqual(self.path_in_library(), path)
 
     def test_a_name_of_another_alphabet_reaches_the_library_as_its_short_name(self):
+        if is_in_code_page(FOREIGN):
+            self.skipTest("the code page holds every test name")
         path = self.assert_arrives(self.make_folder(os.path.join("a b", WESTERN, FOREIGN)))
         told = self.path_in_library()
         self.assertNotEqual(told, path)
