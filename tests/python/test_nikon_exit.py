@@ -623,6 +623,17 @@ wait_for_hang(b"Open")
         0,
     ),
     "close": ("configure(b'fault = Close hang'); tether = start(); wait(called); sys.exit(7)", 7),
+    "canon callable beside a session that goes on": (
+        """
+canon = Lumatie.Lumatie()
+assert canon.Init("Virtual EOS", folder, lambda *event: (called.set(), time.sleep(1000))) == 1
+wait(called)
+configure(b"fault = Open delay_ms=300")
+tether = start()
+wait_for_call(b"CapGet", 2)
+""",
+        0,
+    ),
     "close inside uninit": (
         """
 configure(b"fault = Close hang")
@@ -659,6 +670,10 @@ class StuckSessions(StuckTestCase):
 
     def test_callables_of_both_makers_are_given_up_together(self):
         self.assert_left_behind("callables of both makers")
+
+    def test_a_canon_callable_is_given_up_although_a_nikon_session_goes_on(self):
+        # That one is closed.
+        self.assert_given_up("canon callable beside a session that goes on")
 
     def test_an_uninit_that_waits_for_the_callable_is_given_up(self):
         self.assert_left_behind("uninit on a daemon thread")

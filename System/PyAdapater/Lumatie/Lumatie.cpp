@@ -58,14 +58,9 @@ bool namesFile(const char* path)
     return attributes != platform::kNoAttributes && (attributes & kFileAttributes) != 0;
 }
 
-// Runs `work` on a thread of its own, and leaves it behind when there is no sign of life for too
-// long. Returns whether it is done.
-bool runPatiently(const std::function<void()>& work)
+// Waits for it, but not after there was no sign of life for too long.
+bool waitPatiently(const std::future<void>& done)
 {
-    std::packaged_task<void()> task(work);
-    const std::future<void> done = task.get_future();
-    std::thread worker(std::move(task));
-
     unsigned signs = signsOfLife();
     auto lastSign = std::chrono::steady_clock::now();
     while (done.wait_for(100ms) != std::future_status::ready) {
@@ -74,12 +69,32 @@ bool runPatiently(const std::function<void()>& work)
             signs = signsOfLife();
             lastSign = now;
         } else if (now - lastSign > kExitPatience) {
-            worker.detach();
             return false;
         }
     }
-    worker.join();
     return true;
+}
+
+// Runs each of `works` on a thread of its own, and leaves behind those that give no sign of life
+// for too long. Returns whether all are done.
+bool runPatiently(const std::vector<std::function<void()>>& works)
+{
+    std::vector<std::future<void>> results;
+    std::vector<std::thread> workers;
+    for (const auto& work : works) {
+        std::packaged_task<void()> task(work);
+        results.push_back(task.get_future());
+        workers.emplace_back(std::move(task));
+    }
+    const bool areDone = std::all_of(results.begin(), results.end(), waitPatiently);
+    for (std::thread& worker : workers) {
+        if (areDone) {
+            worker.join();
+        } else {
+            worker.detach();
+        }
+    }
+    return areDone;
 }
 
 }  // namespace
@@ -208,28 +223,26 @@ void Lumatie::endAllSessions()
 {
     dropAllEvents();
 
-    // Letting go runs code of the host, which may make and delete objects.
+    // Letting go runs code of the host, which may make and delete objects. The sessions end side by
+    // side: one that goes on while another one hangs would give signs of life for ever.
     const std::thread::id exiting = std::this_thread::get_id();
     std::vector<std::function<void()>> ends;
     for (Lumatie* object : liveObjects()) {
         if (isLive(object) && !object->isCopy()) {
-            ends.emplace_back([canon = object->m_canon, exiting] {
+            ends.emplace_back([canon = object->m_canon, end = object->letGo(), exiting] {
                 canon::CanonCloseInPlaceOf(exiting, *canon);
+                if (end) {
+                    end();
+                }
             });
-            ends.push_back(object->letGo());
         }
     }
-    const PyThreadAllow allow;
-    const bool done = runPatiently([ends, exiting] {
-        for (const auto& end : ends) {
-            if (end) {
-                end();
-            }
-        }
+    const auto awaitEnds = [exiting] {
         canon::CanonAwaitEnds(exiting);
         nikon::NikonAwaitEnds(exiting);
-    });
-    if (!done) {
+    };
+    const PyThreadAllow allow;
+    if (!runPatiently(ends) || !runPatiently({awaitEnds})) {
         canon::Observable::silenceAll();
     }
 }
