@@ -153,6 +153,8 @@ case $variant in
         run_python_tests
         ;;
     windows)
+        scripts/wine.sh --keep
+        trap 'stop_runners; scripts/wine.sh --stop' EXIT
         run_windows_cpp_tests
         find_windows_python
         run_python_tests

@@ -76,6 +76,8 @@ def copy_portable_files(python, target):
     (target / "Lib" / "site-packages").mkdir()
     shutil.copytree(include, target / "include", ignore=shutil.ignore_patterns("pyconfig.h"))
     shutil.copy(SCRIPTS / "windows" / "pyconfig.h", target / "include")
+    # Compiled once, and not at each start where nothing may be written.
+    subprocess.run([python, "-m", "compileall", "-q", "-j", "0", target / "Lib"], check=False)
 
 
 def build_program(target):

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # wine.sh PROGRAM [ARGUMENT...]: runs a Windows program of this tree under Wine, with the libraries
-# that it needs in its search path. What it cannot do on a desk with Windows stands here, not in the
-# programs.
+# that it needs in its search path. What only Wine needs stands here, not in the programs.
+# wine.sh --keep, wine.sh --stop: starts what serves all of them, until it is stopped. Otherwise the
+# first program starts it, and its output stays open until the last one of all has ended.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 export WINEPREFIX=$tools/wine WINEDEBUG=-all
@@ -20,6 +21,15 @@ exec {turn}>"$tools/wine.lock"
 flock "$turn"
 [[ -f $WINEPREFIX/system.reg ]] || wine wineboot --init >/dev/null 2>&1 {turn}>&-
 exec {turn}>&-
+
+case $1 in
+    --keep)
+        wineserver --persistent
+        wine wineboot >/dev/null 2>&1
+        exit
+        ;;
+    --stop) exec wineserver --kill ;;
+esac
 
 # An interpreter does not start with a file as its standard output or error.
 { wine "$@" 2>&1 1>&3 | cat >&2; } 3>&1 | cat

@@ -3,6 +3,7 @@
 
 #include "platform/Platform.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdlib>
@@ -162,6 +163,22 @@ TEST(PlatformTest, ARejectedTextEndsTheProcessWithoutRunningExitFunctions)
     };
     EXPECT_EXIT(act(), testing::ExitedWithCode(3),
                 testing::Eq("Lumatie: this; the process ends.\n"));
+}
+
+TEST(PlatformTest, RandomNumbersComeFromOneSequenceWhateverThreadAsks)
+{
+    std::vector<int> numbers;
+    for (int thread = 0; thread < 4; ++thread) {
+        std::thread([&] {
+            for (int i = 0; i < 4; ++i) {
+                numbers.push_back(platform::randomNumber());
+            }
+        }).join();
+    }
+    std::sort(numbers.begin(), numbers.end());
+    EXPECT_EQ(std::adjacent_find(numbers.begin(), numbers.end()), numbers.end());
+    EXPECT_GE(numbers.front(), 0);
+    EXPECT_LE(numbers.back(), RAND_MAX);
 }
 
 TEST(PlatformTest, SleepsAtLeastAsLongAsAsked)

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -27,6 +28,13 @@ bool waitFor(Condition condition, std::chrono::milliseconds deadline = std::chro
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+// Returns when a second has just begun, so that what follows falls into one.
+inline void awaitNextSecond()
+{
+    const std::time_t now = std::time(nullptr);
+    ASSERT_TRUE(waitFor([&] { return std::time(nullptr) != now; }));
 }
 
 // The virtual camera in its factory state, the library not initialised. A test fails when the

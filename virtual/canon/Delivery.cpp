@@ -256,10 +256,10 @@ void stopCrew(World& world, Lock& lock)
     }
 
     // A thread that is busy with a picture, or that terminates from its own handler, is left to
-    // end by itself.
+    // end by itself. All others end at once, as soon as the machine lets them.
     const std::thread::id self = std::this_thread::get_id();
     const bool isOwn = std::find(crew->ids.begin(), crew->ids.end(), self) != crew->ids.end();
-    const auto soon = Clock::now() + std::chrono::milliseconds(3);
+    const auto soon = Clock::now() + std::chrono::milliseconds(crew->developing != 0 ? 3 : 1000);
     const bool ended =
         !isOwn && world.changed.wait_until(lock, soon, [&] { return crew->running == 0; });
     if (ended) {

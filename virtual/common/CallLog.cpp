@@ -1,5 +1,6 @@
 #include "common/CallLog.h"
 
+#include "common/Platform.h"
 #include "common/Text.h"
 
 namespace steering {
@@ -91,7 +92,7 @@ bool CallLog::appendTo(const std::string& path)
     }
     std::string(path).swap(m_path);
     if (!path.empty()) {
-        m_file = std::fopen(path.c_str(), "a");
+        m_file = openForAppending(path);
     }
     return path.empty() || m_file != nullptr;
 }

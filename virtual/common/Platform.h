@@ -1,6 +1,7 @@
 // What standard C++ does not tell about the system.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 namespace steering {
@@ -8,6 +9,10 @@ namespace steering {
 // An environment variable of the process; empty when it is not set. On Windows the C runtime of a
 // library does not see what an application has changed: the system is asked.
 std::string environment(const char* name);
+
+// Opens a text file whose every flush adds to its end in one piece, whoever else writes it; null
+// when it cannot be opened. The caller closes it.
+std::FILE* openForAppending(const std::string& path);
 
 // Whether a library may wait for its threads while it is unloaded. On Windows it holds the loader's
 // lock then, which an ending thread needs, and at the end of a process its threads are gone

@@ -1,6 +1,5 @@
 #include "PictureName.h"
 
-#include <cstdlib>
 #include <ctime>
 #include <deque>
 #include <mutex>
@@ -36,7 +35,7 @@ private:
     std::deque<std::pair<std::time_t, std::string>> m_order;  // oldest first
 };
 
-std::mutex g_namesLock;  // guards the random generator and the names
+std::mutex g_namesLock;  // guards the names
 RecentNames g_recentNames;
 
 }  // namespace
@@ -57,11 +56,10 @@ std::string newPicturePath(const std::string& folder, const char* vendor,
     std::time_t now = 0;
     std::string path;
     do {
-        // The Windows C runtime has 32768 numbers: the next second may have to give a free name.
+        // Windows has 32768 numbers: the next second may have to give a free name.
         now = std::time(nullptr);
         path = folder + platform::kPathSeparator + vendor + '_' + std::to_string(now) + '_';
-        // NOLINTNEXTLINE(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe): a name, not a secret
-        path += std::to_string(std::rand()) + extension;
+        path += std::to_string(platform::randomNumber()) + extension;
     } while (!g_recentNames.add(now, path));
     return path;
 }

@@ -56,6 +56,10 @@ void debuggerOutput(const char* line);
 // missing or does not fit is never cut or skipped.
 [[noreturn]] void rejectText(const char* what);
 
+// The next number, 0 to RAND_MAX, of a generator that the whole process shares and that nobody
+// seeds.
+int randomNumber();
+
 // The number of this process. A process that was split off (POSIX only) has another one, and none
 // of the threads that it had.
 unsigned long processNumber();

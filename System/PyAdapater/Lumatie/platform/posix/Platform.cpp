@@ -85,6 +85,12 @@ void rejectText(const char* what)
     std::_Exit(3);
 }
 
+int randomNumber()
+{
+    // NOLINTNEXTLINE(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe): a name's, and thread-safe
+    return std::rand();
+}
+
 unsigned long processNumber()
 {
     return static_cast<unsigned long>(::getpid());

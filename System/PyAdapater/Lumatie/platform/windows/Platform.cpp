@@ -7,6 +7,7 @@
 #include <objbase.h>
 
 #include <cstdlib>
+#include <mutex>
 
 namespace platform {
 
@@ -39,6 +40,17 @@ void rejectText(const char* what)
     // of ours are still at work, and would be stopped wherever they are.
     ::TerminateProcess(::GetCurrentProcess(), 3);
     std::_Exit(3);
+}
+
+int randomNumber()
+{
+    // The sequence of this system's C runtime, whose rand() begins anew on each thread: two
+    // sessions would give their pictures the same names.
+    static std::mutex lock;
+    static std::uint32_t state = 1;
+    const std::lock_guard<std::mutex> guard(lock);
+    state = state * 214013U + 2531011U;
+    return static_cast<int>((state >> 16U) & 0x7FFFU);
 }
 
 unsigned long processNumber()
