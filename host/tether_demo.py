@@ -35,6 +35,23 @@ def name_camera_library():
 name_camera_library()
 import Lumatie  # noqa: E402  the library's folder comes before it
 
+if os.name == "nt":
+    import ctypes
+    from ctypes import wintypes
+
+    def pump_messages():
+        """Delivers what waits for this thread: Canon's own library sends its events that way."""
+        user32 = ctypes.WinDLL("user32")
+        message = wintypes.MSG()
+        while user32.PeekMessageW(ctypes.byref(message), None, 0, 0, 1):
+            user32.TranslateMessage(ctypes.byref(message))
+            user32.DispatchMessageW(ctypes.byref(message))
+else:
+
+    def pump_messages():
+        """Nothing to do: there are no messages on this system."""
+
+
 # How long each step may take, in seconds, before the demo gives up.
 START_PATIENCE = 10
 CHANGE_PATIENCE = 10
@@ -178,9 +195,11 @@ class Host:
                 return
             if time.monotonic() > deadline:
                 raise Failure("%s within %g seconds" % (complaint, seconds))
+            pump_messages()
             try:
-                # In small portions: a wait without end would not notice Ctrl-C on every system.
-                self.handle(*self.events.get(timeout=0.1))
+                # In small portions: a wait without end would not notice Ctrl-C on every system,
+                # nor Windows' messages.
+                self.handle(*self.events.get(timeout=0.02))
             except queue.Empty:
                 continue
         raise Interrupted
