@@ -387,5 +387,34 @@ class Libraries(NikonTestCase, WindowsTestCase):
         self.run_copy("Programme " + WESTERN, FOREIGN + " 1")
 
 
+@unittest.skipUnless(ON_WINDOWS, "version information of DLLs")
+class Versions(unittest.TestCase):
+    """What the Explorer shows of each DLL."""
+
+    def version_text(self, path, name):
+        library = ctypes.WinDLL("version")
+        size = library.GetFileVersionInfoSizeW(path, None)
+        information = ctypes.create_string_buffer(size)
+        self.assertTrue(library.GetFileVersionInfoW(path, 0, size, information), path)
+        value, length = ctypes.c_wchar_p(), wintypes.UINT()
+        where = "\\StringFileInfo\\040904B0\\" + name
+        found = library.VerQueryValueW(
+            information, where, ctypes.byref(value), ctypes.byref(length)
+        )
+        self.assertTrue(found, name)
+        return value.value
+
+    def test_each_dll_tells_its_name_and_its_version(self):
+        for path, what in (
+            (str(PYTHON_DIR / "_Lumatie.pyd"), "Tethered shooting for Python"),
+            (str(CANON_LIBRARY), "Virtual Canon camera"),
+            (MODULE, "Virtual Nikon camera"),
+        ):
+            with self.subTest(path):
+                self.assertEqual(self.version_text(path, "FileDescription"), what)
+                self.assertEqual(self.version_text(path, "ProductName"), "Lumatie")
+                self.assertRegex(self.version_text(path, "FileVersion"), r"^\d+\.\d+\.\d+$")
+
+
 if __name__ == "__main__":
     unittest.main()
