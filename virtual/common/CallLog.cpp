@@ -92,7 +92,7 @@ bool CallLog::appendTo(const std::string& path)
     }
     std::string(path).swap(m_path);
     if (!path.empty()) {
-        m_file = openForAppending(path);
+        m_file = std::fopen(path.c_str(), "a");
     }
     return path.empty() || m_file != nullptr;
 }
@@ -116,8 +116,7 @@ void CallLog::append(std::string line)
 {
     line = std::to_string(++m_number) + " " + line + "\n";
     if (m_file != nullptr) {
-        std::fputs(line.c_str(), m_file);
-        std::fflush(m_file);
+        appendToFile(m_file, line);
     }
     if (m_kept == 0) {
         return;

@@ -1,11 +1,8 @@
 #include "common/Platform.h"
 
 #ifdef _WIN32
-#include <fcntl.h>
 #include <io.h>
 #include <windows.h>
-
-#include <cstdint>
 #else
 #include <cstdlib>
 #endif
@@ -24,17 +21,20 @@ std::string environment(const char* name)
     return value;
 }
 
-std::FILE* openForAppending(const std::string& path)
+void appendToFile(std::FILE* file, const std::string& text)
 {
-    // The C runtime would look for the end first, and write then. With nothing but the right to
-    // append, the system does both at once.
-    const HANDLE file =
-        ::CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                      OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-        return nullptr;
+    // To look for the end and to write there are two steps here. A byte that is never written
+    // stands for the whole file.
+    const auto handle = reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(file)));
+    OVERLAPPED lastByte = {};
+    lastByte.Offset = lastByte.OffsetHigh = 0x7FFFFFFF;
+    const bool isLocked =
+        ::LockFileEx(handle, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &lastByte) != FALSE;
+    std::fputs(text.c_str(), file);
+    std::fflush(file);
+    if (isLocked) {
+        ::UnlockFileEx(handle, 0, 1, 0, &lastByte);
     }
-    return ::_fdopen(::_open_osfhandle(reinterpret_cast<std::intptr_t>(file), _O_TEXT), "a");
 }
 
 LoadedWhile::LoadedWhile()
@@ -59,9 +59,10 @@ std::string environment(const char* name)
     return value == nullptr ? "" : value;
 }
 
-std::FILE* openForAppending(const std::string& path)
+void appendToFile(std::FILE* file, const std::string& text)
 {
-    return std::fopen(path.c_str(), "a");
+    std::fputs(text.c_str(), file);
+    std::fflush(file);
 }
 
 LoadedWhile::LoadedWhile() = default;

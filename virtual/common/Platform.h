@@ -10,9 +10,9 @@ namespace steering {
 // library does not see what an application has changed: the system is asked.
 std::string environment(const char* name);
 
-// Opens a text file whose every flush adds to its end in one piece, whoever else writes it; null
-// when it cannot be opened. The caller closes it.
-std::FILE* openForAppending(const std::string& path);
+// Adds a text, in one piece, to the end of a file that was opened for appending, whatever another
+// library of this process adds to the same file meanwhile.
+void appendToFile(std::FILE* file, const std::string& text);
 
 // Whether a library may wait for its threads while it is unloaded. On Windows it holds the loader's
 // lock then, which an ending thread needs, and at the end of a process its threads are gone
