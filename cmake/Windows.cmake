@@ -6,7 +6,10 @@ if(MSVC)
     add_compile_definitions(_CRT_SECURE_NO_WARNINGS)
 endif()
 
+# What links with the interpreter. MinGW's linker needs no import library.
+set(LUMATIE_WINDOWS_PYTHON_LIBRARY ${LUMATIE_WINDOWS_PYTHON}/libs/python38.lib)
 if(MINGW)
+    set(LUMATIE_WINDOWS_PYTHON_LIBRARY ${LUMATIE_WINDOWS_PYTHON}/python38.dll)
     # No library of the compiler's has to lie beside what it makes.
     add_link_options(-static)
 endif()

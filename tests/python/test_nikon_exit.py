@@ -527,8 +527,12 @@ wait(called)
     "callables of both makers": (
         SLEEPER
         + """
+canon_called = threading.Event()
 canon = Lumatie.Lumatie()
-assert canon.Init("Virtual EOS", folder, sleep) == 1
+assert canon.Init(
+    "Virtual EOS", folder, lambda *event: (canon_called.set(), time.sleep(1000))
+) == 1
+wait(canon_called)
 tether = start(sleep)
 wait(called)
 """,
