@@ -61,13 +61,22 @@ install() {
 }
 
 # need_python_tool COMMAND: installs the pinned wheel of scripts/COMMAND.txt in an environment of
-# its own. A tree that was moved has environments that no longer start: they are made anew.
+# its own. A tree that was moved has environments that no longer start: they are made anew. Scripts
+# that run side by side do so one after the other.
 need_python_tool() {
-    local name=$1 requirements=scripts/$1.txt environment=$tools/$1
-    if cmp -s "$requirements" "$environment/installed.txt" &&
-        "$environment/bin/$name" --help >/dev/null 2>&1; then
-        return
+    local turn
+    mkdir -p "$tools"
+    exec {turn}>"$tools/$1.lock"
+    flock "$turn"
+    if ! cmp -s "scripts/$1.txt" "$tools/$1/installed.txt" ||
+        ! "$tools/$1/bin/$1" --help >/dev/null 2>&1; then
+        install_python_tool "$1"
     fi
+    exec {turn}>&-
+}
+
+install_python_tool() {
+    local name=$1 requirements=scripts/$1.txt environment=$tools/$1
     need_packages python3-venv ca-certificates
     note "installing $(grep -om1 '^[a-z]*==[0-9.]*' "$requirements") in $environment"
     rm -rf "$environment"
