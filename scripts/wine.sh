@@ -16,20 +16,23 @@ if [[ ${1##*/} != python.exe ]]; then
     export PYTHONHOME
 fi
 
+mkdir -p "$WINEPREFIX"
+case $1 in
+    # Refused where it runs already.
+    --keep) wineserver --persistent 2>/dev/null || true ;;
+    --stop) exec wineserver --kill ;;
+esac
+
 # One at a time makes the folder that stands for a Windows machine.
 exec {turn}>"$tools/wine.lock"
 flock "$turn"
 [[ -f $WINEPREFIX/system.reg ]] || wine wineboot --init >/dev/null 2>&1 {turn}>&-
 exec {turn}>&-
 
-case $1 in
-    --keep)
-        wineserver --persistent
-        wine wineboot >/dev/null 2>&1
-        exit
-        ;;
-    --stop) exec wineserver --kill ;;
-esac
+if [[ $1 == --keep ]]; then
+    wine wineboot >/dev/null 2>&1
+    exit
+fi
 
 # An interpreter does not start with a file as its standard output or error.
 { wine "$@" 2>&1 1>&3 | cat >&2; } 3>&1 | cat
