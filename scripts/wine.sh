@@ -18,9 +18,9 @@ fi
 
 mkdir -p "$WINEPREFIX"
 case $1 in
-    # Refused where it runs already.
+    # Refused where it runs already, or does not run any more.
     --keep) wineserver --persistent 2>/dev/null || true ;;
-    --stop) exec wineserver --kill ;;
+    --stop) wineserver --kill 2>/dev/null || true; exit ;;
 esac
 
 # One at a time makes the folder that stands for a Windows machine.
