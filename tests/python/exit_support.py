@@ -29,20 +29,23 @@ PATIENCE = 10.0  # seconds that the module waits for a session that gives no sig
 INTERRUPTED = 0xC000013A if ON_WINDOWS else -signal.SIGINT
 TERMINATED = 3 if ON_WINDOWS else -signal.SIGTERM
 
-# A maker: the virtual camera's library, the start of its functions' names, what Init gets, and
-# what the call log says once when a session was closed.
-Maker = collections.namedtuple("Maker", "library prefix info closes")
+# A maker: the virtual camera's library, the start of its functions' names, what Init gets, what
+# SetValue gets for another shutter speed, and what the call log says once when a session was
+# closed.
+Maker = collections.namedtuple("Maker", "library prefix info shutter_speed closes")
 
 CANON = Maker(
     CANON_LIBRARY,
     "VirtualCamera",
     CAMERA_NAME,
+    0x60,
     (" EdsCloseSession(", " EdsTerminateSDK("),
 )
 NIKON = Maker(
     NIKON_MODULE,
     "VirtualNikon",
     str(NIKON_MODULE),
+    2,
     (" Close(source#1, 0x0) = 0 ", " Close(module#0, 0x0) = 0 "),
 )
 
@@ -52,6 +55,7 @@ import atexit, ctypes, gc, os, signal, sys, threading, time
 import Lumatie
 
 folder, library, prefix, info = sys.argv[1:5]
+shutter_speed = int(sys.argv[5])
 camera = ctypes.CDLL(library)
 called = threading.Event()
 
@@ -126,7 +130,7 @@ class End:
                 PRELUDE.format(before_import=before_import) + script,
                 deadline,
                 environment={"LUMATIE_VIRTUAL_LOG": log},
-                arguments=(folder, maker.library, maker.prefix, maker.info),
+                arguments=(folder, *maker[:4]),
             )
             self.seconds = time.monotonic() - begun
             self.status, self.stdout, self.stderr = run

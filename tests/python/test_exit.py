@@ -7,6 +7,7 @@ but what the host itself put there: no fatal error, no crash.
 
 import unittest
 
+import exit_hosts as hosts
 from exit_support import (
     INTERRUPTED,
     PATIENCE,
@@ -74,15 +75,7 @@ wait(called)
 
     def test_a_callable_that_sleeps_two_seconds_is_awaited(self):
         ends = self.assert_ends(
-            """
-def work(*arguments):
-    called.set()
-    time.sleep(2)
-    os.write(1, b"done")
-
-tether = start(work)
-wait(called)
-""",
+            hosts.SLEEP_TWO_SECONDS,
             repeats=6,
             at_once=6,
         )
@@ -182,34 +175,13 @@ while True:
 
     def test_sys_exit_inside_the_callable_while_uninit_waits_for_it(self):
         self.assert_ends(
-            """
-ending = threading.Event()
-
-def leave(*arguments):
-    called.set()
-    ending.wait()
-    sys.exit(5)
-
-tether = start(leave)
-wait(called)
-ending.set()
-tether.Uninit()
-time.sleep(1000)
-""",
+            hosts.EXIT_WHILE_UNINIT_WAITS,
             5,
         )
 
     def test_sys_exit_inside_the_callable_after_uninit_inside_it(self):
         self.assert_ends(
-            """
-def leave(*arguments):
-    tether.Uninit()
-    sys.exit(5)
-
-tether = Lumatie.Lumatie()
-start(leave, tether)
-time.sleep(1000)
-""",
+            hosts.EXIT_AFTER_UNINIT,
             5,
         )
 
@@ -222,13 +194,7 @@ time.sleep(1000)
     def test_an_interrupt_from_the_keyboard_ends_with_its_signal(self):
         self.assert_closed(
             self.assert_ends(
-                """
-signal.signal(signal.SIGINT, signal.default_int_handler)
-tether = start()
-wait(called)
-signal.raise_signal(signal.SIGINT)
-time.sleep(1000)
-""",
+                hosts.INTERRUPT,
                 INTERRUPTED,
                 "KeyboardInterrupt",
             )
@@ -249,13 +215,7 @@ time.sleep(1000)
     def test_a_handler_of_a_termination_that_exits_keeps_its_status(self):
         self.assert_closed(
             self.assert_ends(
-                """
-signal.signal(signal.SIGTERM, lambda *arguments: sys.exit(3))
-tether = start()
-wait(called)
-signal.raise_signal(signal.SIGTERM)
-time.sleep(1000)
-""",
+                hosts.EXIT_IN_HANDLER,
                 3,
             )
         )
@@ -265,23 +225,7 @@ class Owners(ExitTestCase):
     """Where the object lives, and who uses it, when the interpreter ends."""
 
     def test_an_object_in_a_reference_cycle(self):
-        self.assert_closed(
-            self.assert_ends(
-                """
-class Window:
-    def __init__(self):
-        self.tether = start(self.hear)
-
-    def hear(self, *arguments):
-        called.set()
-
-window = Window()
-window.itself = window
-del window
-wait(called)
-"""
-            )
-        )
+        self.assert_closed(self.assert_ends(hosts.REFERENCE_CYCLE))
 
     def test_an_object_in_the_globals_of_another_module(self):
         self.assert_closed(
@@ -298,98 +242,26 @@ wait(called)
         )
 
     def test_an_object_that_is_deleted_in_the_callable(self):
-        self.assert_ends(
-            """
-box = [Lumatie.Lumatie()]
-
-def hear_once(*arguments):
-    box.clear()
-    called.set()
-
-box[0].Init("Virtual EOS", folder, hear_once)
-wait(called)
-"""
-        )
+        self.assert_ends(hosts.DELETE_IN_CALLABLE)
 
     def test_an_object_that_is_deleted_by_atexit(self):
         self.assert_ends("box = [start()]; wait(called); atexit.register(box.clear)")
 
     def test_an_object_that_is_used_by_its_destructor_at_the_end(self):
-        self.assert_ends(
-            """
-class Window:
-    def __init__(self):
-        self.tether = start()
-
-    def __del__(self):
-        self.tether.Shoot()
-        self.tether.SetValue(3, 0x60)
-        self.tether.UpdateExportFolder(folder)
-        self.tether.Init("Virtual EOS", folder, hear)
-        self.tether.Uninit()
-
-window = Window()
-wait(called)
-"""
-        )
+        self.assert_ends(hosts.USE_IN_DESTRUCTOR)
 
     def test_a_daemon_thread_that_goes_on_shooting(self):
-        self.assert_ends(
-            """
-tether = start()
-wait(called)
-
-def go_on():
-    while True:
-        tether.Shoot()
-        tether.SetValue(3, 0x60)
-        tether.UpdateExportFolder(folder)
-
-threading.Thread(target=go_on, daemon=True).start()
-"""
-        )
+        self.assert_ends(hosts.GO_ON_SHOOTING)
 
     def test_a_daemon_thread_that_goes_on_starting_and_ending_sessions(self):
-        self.assert_ends(
-            """
-tether = Lumatie.Lumatie()
-
-def go_on():
-    while True:
-        tether.Init("Virtual EOS", folder, hear)
-        called.set()
-        tether.Uninit()
-
-threading.Thread(target=go_on, daemon=True).start()
-wait(called)
-"""
-        )
+        self.assert_ends(hosts.GO_ON_STARTING)
 
     def test_a_daemon_thread_that_waits_in_uninit(self):
-        self.assert_ends(
-            """
-def work(*arguments):
-    called.set()
-    time.sleep(0.2)
-
-tether = start(work)
-wait(called)
-uninit_on_daemon_thread(tether)
-"""
-        )
+        self.assert_ends(hosts.WAIT_IN_UNINIT)
 
     def test_a_daemon_thread_that_comes_out_of_uninit_while_the_interpreter_is_taken_down(self):
         self.assert_ends(
-            SLOW_TAKING_DOWN
-            + """
-def work(*arguments):
-    called.set()
-    time.sleep(0.3)
-
-tether = start(work)
-wait(called)
-uninit_on_daemon_thread(tether)
-""",
+            SLOW_TAKING_DOWN + hosts.LEAVE_UNINIT_LATE,
             repeats=8,
             at_once=8,
         )
@@ -416,7 +288,7 @@ wait(called)
 def finish():
     for _ in range(5):
         tether.Shoot()
-        tether.SetValue(3, 0x60)
+        tether.SetValue(3, shutter_speed)
     tether.Uninit()
     os.write(1, b"finished")
 
@@ -447,7 +319,7 @@ class StartsAtTheEnd(ExitTestCase):
             "tether = Lumatie.Lumatie()",
             before_import="""
 def late():
-    os.write(1, str(tether.Init("Virtual EOS", folder, hear)).encode())
+    os.write(1, str(tether.Init(info, folder, hear)).encode())
 
 atexit.register(late)
 """,
@@ -459,7 +331,7 @@ atexit.register(late)
         ends = self.assert_ends(
             """
 def late():
-    os.write(1, str(tether.Init("Virtual EOS", folder, hear)).encode())
+    os.write(1, str(tether.Init(info, folder, hear)).encode())
     wait(called)
 
 tether = Lumatie.Lumatie()
@@ -489,7 +361,7 @@ atexit.register(late)
 def restart(*arguments):
     called.set()
     tether.Uninit()
-    tether.Init("Virtual EOS", folder, restart)
+    tether.Init(info, folder, restart)
 
 tether = Lumatie.Lumatie()
 start(restart, tether)
@@ -505,7 +377,7 @@ class Callable:
         called.set()
 
     def __del__(self):
-        os.write(1, str(tether.Init("Virtual EOS", folder, None)).encode())
+        os.write(1, str(tether.Init(info, folder, None)).encode())
 
 tether = start(Callable())
 wait(called)
@@ -535,11 +407,8 @@ wait(called)
 # Hosts whose sessions give no sign of life any more: name -> (script, status).
 STUCK = {
     "callable": (
-        """
-def sleep(*arguments):
-    called.set()
-    time.sleep(1000)
-
+        hosts.SLEEPER
+        + """
 tether = start(sleep)
 wait(called)
 """,
@@ -558,35 +427,16 @@ sys.exit(7)
         7,
     ),
     "callable that turns in circles": (
-        """
-def turn(*arguments):
-    called.set()
-    while True:
-        time.sleep(0.001)
-
-tether = start(turn)
-wait(called)
-""",
+        hosts.TURN_IN_CIRCLES,
         0,
     ),
     "callable that wakes up later": (
-        SLOW_TAKING_DOWN
-        + """
-def sleep(*arguments):
-    called.set()
-    time.sleep(10.5)
-
-tether = start(sleep)
-wait(called)
-""",
+        SLOW_TAKING_DOWN + hosts.WAKE_UP_LATE,
         0,
     ),
     "two objects": (
-        """
-def sleep(*arguments):
-    called.set()
-    time.sleep(1000)
-
+        hosts.SLEEPER
+        + """
 configure(b"[camera 1]\\ncamera.name = Second")
 first, second = start(sleep), Lumatie.Lumatie()
 second.Init("Second", folder, sleep)
@@ -595,11 +445,8 @@ wait(called)
         0,
     ),
     "uninit on a daemon thread": (
-        """
-def sleep(*arguments):
-    called.set()
-    time.sleep(1000)
-
+        hosts.SLEEPER
+        + """
 tether = start(sleep)
 wait(called)
 uninit_on_daemon_thread(tether)

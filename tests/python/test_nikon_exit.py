@@ -8,6 +8,7 @@ session left objects open, so that a session which is closed leaves standard err
 
 import unittest
 
+import exit_hosts as hosts
 from exit_support import (
     INTERRUPTED,
     NIKON,
@@ -90,15 +91,7 @@ wait_for_call(b"CapStart")
 
     def test_a_callable_that_sleeps_two_seconds_is_awaited(self):
         ends = self.assert_ends(
-            """
-def work(*arguments):
-    called.set()
-    time.sleep(2)
-    os.write(1, b"done")
-
-tether = start(work)
-wait(called)
-""",
+            hosts.SLEEP_TWO_SECONDS,
             at_once=5,
         )
         self.assert_closed(ends)
@@ -224,35 +217,14 @@ class Statuses(NikonExitTestCase):
 
     def test_sys_exit_inside_the_callable_while_uninit_waits_for_it(self):
         self.assert_ends(
-            """
-ending = threading.Event()
-
-def leave(*arguments):
-    called.set()
-    ending.wait()
-    sys.exit(5)
-
-tether = start(leave)
-wait(called)
-ending.set()
-tether.Uninit()
-time.sleep(1000)
-""",
+            hosts.EXIT_WHILE_UNINIT_WAITS,
             5,
         )
 
     def test_sys_exit_inside_the_callable_after_uninit_inside_it(self):
         self.assert_closed(
             self.assert_ends(
-                """
-def leave(*arguments):
-    tether.Uninit()
-    sys.exit(5)
-
-tether = Lumatie.Lumatie()
-start(leave, tether)
-time.sleep(1000)
-""",
+                hosts.EXIT_AFTER_UNINIT,
                 5,
             )
         )
@@ -267,13 +239,7 @@ time.sleep(1000)
     def test_an_interrupt_from_the_keyboard_ends_with_its_signal(self):
         self.assert_closed(
             self.assert_ends(
-                """
-signal.signal(signal.SIGINT, signal.default_int_handler)
-tether = start()
-wait(called)
-signal.raise_signal(signal.SIGINT)
-time.sleep(1000)
-""",
+                hosts.INTERRUPT,
                 INTERRUPTED,
                 "KeyboardInterrupt",
             )
@@ -282,13 +248,7 @@ time.sleep(1000)
     def test_a_handler_of_a_termination_that_exits_keeps_its_status(self):
         self.assert_closed(
             self.assert_ends(
-                """
-signal.signal(signal.SIGTERM, lambda *arguments: sys.exit(3))
-tether = start()
-wait(called)
-signal.raise_signal(signal.SIGTERM)
-time.sleep(1000)
-""",
+                hosts.EXIT_IN_HANDLER,
                 3,
             )
         )
@@ -298,120 +258,26 @@ class Owners(NikonExitTestCase):
     """Where the object lives, and who uses it, when the interpreter ends."""
 
     def test_an_object_in_a_reference_cycle(self):
-        self.assert_closed(
-            self.assert_ends(
-                """
-class Window:
-    def __init__(self):
-        self.tether = start(self.hear)
-
-    def hear(self, *arguments):
-        called.set()
-
-window = Window()
-window.itself = window
-del window
-wait(called)
-"""
-            )
-        )
+        self.assert_closed(self.assert_ends(hosts.REFERENCE_CYCLE))
 
     def test_an_object_that_is_deleted_in_the_callable(self):
-        self.assert_closed(
-            self.assert_ends(
-                """
-box = [Lumatie.Lumatie()]
-
-def hear_once(*arguments):
-    box.clear()
-    called.set()
-
-box[0].Init(info, folder, hear_once)
-wait(called)
-"""
-            )
-        )
+        self.assert_closed(self.assert_ends(hosts.DELETE_IN_CALLABLE))
 
     def test_an_object_that_is_used_by_its_destructor_at_the_end(self):
-        self.assert_closed(
-            self.assert_ends(
-                """
-class Window:
-    def __init__(self):
-        self.tether = start()
-
-    def __del__(self):
-        self.tether.Shoot()
-        self.tether.SetValue(3, 2)
-        self.tether.UpdateExportFolder(folder)
-        self.tether.Init(info, folder, hear)
-        self.tether.Uninit()
-
-window = Window()
-wait(called)
-"""
-            )
-        )
+        self.assert_closed(self.assert_ends(hosts.USE_IN_DESTRUCTOR))
 
     def test_a_daemon_thread_that_goes_on_shooting(self):
-        self.assert_closed(
-            self.assert_ends(
-                """
-tether = start()
-wait(called)
-
-def go_on():
-    while True:
-        tether.Shoot()
-        tether.SetValue(3, 2)
-        tether.UpdateExportFolder(folder)
-
-threading.Thread(target=go_on, daemon=True).start()
-"""
-            )
-        )
+        self.assert_closed(self.assert_ends(hosts.GO_ON_SHOOTING))
 
     def test_a_daemon_thread_that_goes_on_starting_and_ending_sessions(self):
-        self.assert_ends(
-            """
-tether = Lumatie.Lumatie()
-
-def go_on():
-    while True:
-        tether.Init(info, folder, hear)
-        called.set()
-        tether.Uninit()
-
-threading.Thread(target=go_on, daemon=True).start()
-wait(called)
-"""
-        )
+        self.assert_ends(hosts.GO_ON_STARTING)
 
     def test_a_daemon_thread_that_waits_in_uninit(self):
-        self.assert_ends(
-            """
-def work(*arguments):
-    called.set()
-    time.sleep(0.2)
-
-tether = start(work)
-wait(called)
-uninit_on_daemon_thread(tether)
-"""
-        )
+        self.assert_ends(hosts.WAIT_IN_UNINIT)
 
     def test_a_daemon_thread_that_comes_out_of_uninit_while_the_interpreter_is_taken_down(self):
         self.assert_ends(
-            SLOW_TAKING_DOWN
-            + """
-def work(*arguments):
-    called.set()
-    time.sleep(0.3)
-
-tether = start(work)
-wait(called)
-uninit_on_daemon_thread(tether)
-""",
+            SLOW_TAKING_DOWN + hosts.LEAVE_UNINIT_LATE,
             at_once=5,
         )
 
@@ -489,43 +355,20 @@ class BothMakers(NikonExitTestCase):
         )
 
 
-SLEEPER = """
-def sleep(*arguments):
-    called.set()
-    time.sleep(1000)
-
-"""
-
 # Hosts whose sessions give no sign of life any more: name -> (script, status). Those in whose
 # module a command hangs, or whose callable never comes back, leave the objects open.
 STUCK = {
-    "callable": (SLEEPER + "tether = start(sleep); wait(called); sys.exit(7)", 7),
+    "callable": (hosts.SLEEPER + "tether = start(sleep); wait(called); sys.exit(7)", 7),
     "callable that turns in circles": (
-        """
-def turn(*arguments):
-    called.set()
-    while True:
-        time.sleep(0.001)
-
-tether = start(turn)
-wait(called)
-""",
+        hosts.TURN_IN_CIRCLES,
         0,
     ),
     "callable that wakes up later": (
-        SLOW_TAKING_DOWN
-        + """
-def sleep(*arguments):
-    called.set()
-    time.sleep(10.5)
-
-tether = start(sleep)
-wait(called)
-""",
+        SLOW_TAKING_DOWN + hosts.WAKE_UP_LATE,
         0,
     ),
     "callables of both makers": (
-        SLEEPER
+        hosts.SLEEPER
         + """
 canon_called = threading.Event()
 canon = Lumatie.Lumatie()
@@ -539,7 +382,7 @@ wait(called)
         0,
     ),
     "uninit on a daemon thread": (
-        SLEEPER + "tether = start(sleep); wait(called); uninit_on_daemon_thread(tether)",
+        hosts.SLEEPER + "tether = start(sleep); wait(called); uninit_on_daemon_thread(tether)",
         0,
     ),
     "never completes": (
