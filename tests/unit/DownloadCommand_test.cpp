@@ -351,6 +351,13 @@ TEST_F(DownloadCommandTest, AFailedProgressCallbackIsAnnouncedWithThePath)
     EXPECT_EQ(calls("EdsDownload"), Lines{});
 }
 
+TEST_F(DownloadCommandTest, AFailedProgressCallbackLeavesNoEmptyFile)
+{
+    fault("EdsSetProgressCallback code=0x60");
+    download();
+    EXPECT_EQ(m_folder.size(), 0);
+}
+
 TEST_F(DownloadCommandTest, AFailedDownloadCompleteIsCoveredByTheReleases)
 {
     fault("EdsDownloadComplete code=0x2");

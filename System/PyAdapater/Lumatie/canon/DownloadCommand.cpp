@@ -53,7 +53,7 @@ bool DownloadCommand::execute()
     const std::string path = nextPath(info);
 
     EdsStreamRef stream = nullptr;
-    EdsError downloaded = kOk;
+    std::optional<EdsError> downloaded;
     if (!path.empty()) {
         boundedCopy(info.szFileName, sizeof info.szFileName, platform::libraryPath(path).c_str(),
                     "the path of a picture is longer than 255 bytes");
@@ -70,9 +70,13 @@ bool DownloadCommand::execute()
     }
     if (stream != nullptr) {
         status = EdsRelease(stream);
+        if (!downloaded) {
+            // The stream has made the file. Empty, it would look like a picture.
+            platform::removeFile(path.c_str());
+        }
     }
     if (status == kOk) {
-        announce(path, downloaded);
+        announce(path, downloaded.value_or(kOk));
     } else {
         model().notify("error", status);
     }
@@ -80,7 +84,7 @@ bool DownloadCommand::execute()
 }
 
 EdsError DownloadCommand::transfer(const EdsDirectoryItemInfo& info, EdsStreamRef& stream,
-                                   EdsError& downloaded)
+                                   std::optional<EdsError>& downloaded)
 {
     model().notify("DownloadStart");
     EdsError status =

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "canon/Command.h"
@@ -31,7 +32,9 @@ private:
     static EdsError EDSAPI reportProgress(std::uint32_t percent, void* context,
                                           std::int32_t* cancel);
 
-    EdsError transfer(const EdsDirectoryItemInfo& info, EdsStreamRef& stream, EdsError& downloaded);
+    // `downloaded` stays empty when the download was not even tried.
+    EdsError transfer(const EdsDirectoryItemInfo& info, EdsStreamRef& stream,
+                      std::optional<EdsError>& downloaded);
     void announce(const std::string& path, EdsError downloaded);
 
     EdsDirectoryItemRef m_item;
