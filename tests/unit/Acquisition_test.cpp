@@ -444,6 +444,25 @@ TEST_F(AcquisitionTest, AFolderThatVanishesIsNoReasonToStop)
     EXPECT_EQ(acquired(), Lines{"def"});
 }
 
+TEST_F(AcquisitionTest, APictureWhoseCapabilitiesCouldNotBeReadIsFetchedInTheNextPass)
+{
+    for (const std::uint32_t level : {kMaidLevelItem, kMaidLevelData}) {
+        for (const std::uint32_t command : {kMaidCommandGetCapCount, kMaidCommandGetCapInfo}) {
+            fake::Rule rule{command};
+            rule.level = level;
+            rule.result = -127;
+            maid.rule(rule);
+            g_szLastFile.clear();
+            maid.addItem(5, {fake::wholeFile("abc")});
+            EXPECT_EQ(acquire(), Lines{}) << level << ", " << command;
+            EXPECT_EQ(acquired(), Lines{"abc"}) << level << ", " << command;
+            m_tree->CloseChild(m_tree->source(), 5);
+            maid.removeItem(5);
+            acquire();
+        }
+    }
+}
+
 // The last file.
 
 TEST_F(AcquisitionTest, AnOldPathIsAnnouncedAgainWhenNoFileWasProduced)

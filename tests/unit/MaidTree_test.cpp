@@ -382,6 +382,20 @@ TEST_F(MaidTreeTest, AChildIsClosedAfterEverythingBelowIt)
     EXPECT_TRUE(item->closed);
 }
 
+TEST_F(MaidTreeTest, AChildThatGoesWhileTheListIsReadIsNotListed)
+{
+    maid.addItem(5, {});
+    maid.addItem(6, {});
+    open();
+    fake::Rule rule{kMaidCommandCapGetArray, kMaidCapChildren};
+    rule.action = [](const fake::Call& call) {
+        reinterpret_cast<MaidEnum*>(call.data)->elements = 1;
+    };
+    maid.rule(rule);
+    EXPECT_EQ(m_tree->ChildIds(m_tree->source()), (std::vector<std::uint32_t>{5}));
+    EXPECT_EQ(m_tree->ChildIds(m_tree->source()), (std::vector<std::uint32_t>{5, 6}));
+}
+
 TEST_F(MaidTreeTest, AChildThatIsNotOpenCannotBeClosed)
 {
     open();

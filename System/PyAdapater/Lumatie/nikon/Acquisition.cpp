@@ -167,6 +167,7 @@ MaidObjectPtr Acquisition::findOrOpen(const MaidObjectPtr& parent, std::int32_t 
                                       const char* name)
 {
     if (MaidObjectPtr open = m_tree->FindChild(parent, id)) {
+        m_tree->describeAgain(open);
         return open;
     }
     MaidObjectPtr child = m_tree->OpenChild(parent, id);

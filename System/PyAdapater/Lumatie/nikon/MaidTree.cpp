@@ -169,8 +169,10 @@ std::optional<std::vector<std::uint32_t>> MaidTree::ChildIds(const MaidObjectPtr
         !GetCapabilityArray(m_driver, ref, kMaidCapChildren, buffer)) {
         return std::nullopt;
     }
-    ids.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
+    // A child may have gone since the count was read.
+    const std::size_t left = std::min(count, buffer->record.elements);
+    ids.reserve(left);
+    for (std::size_t i = 0; i < left; ++i) {
         ids.push_back(NumberAt(*buffer, i));
     }
     return ids;
@@ -237,6 +239,14 @@ MaidObjectPtr MaidTree::OpenChild(const MaidObjectPtr& parentRef, std::int32_t i
     GetCapInfo(m_driver, child);
     SetProcs(child);
     return child;
+}
+
+void MaidTree::describeAgain(const MaidObjectPtr& ref)
+{
+    const MaidDriver::Guard guard(m_driver);
+    if (guard && ref->caps->empty() && GetCapInfo(m_driver, ref)) {
+        SetProcs(ref);
+    }
 }
 
 bool MaidTree::SetProcs(const MaidObjectPtr& ref)

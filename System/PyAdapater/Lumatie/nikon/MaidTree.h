@@ -33,6 +33,10 @@ public:
     // Opens a child, fetches its descriptors and installs its procedures. Null on failure.
     MaidObjectPtr OpenChild(const MaidObjectPtr& parent, std::int32_t id);
 
+    // Fetches the descriptors of an open object that has none, because that failed before, and
+    // installs its procedures.
+    void describeAgain(const MaidObjectPtr& ref);
+
     // Closes the child with that id after everything below it; false also when there is none. An
     // object that the module refuses to close stays open.
     bool CloseChild(const MaidObjectPtr& parent, std::int32_t id);
