@@ -105,7 +105,8 @@ std::optional<EdsError> Call::suffer()
     if (fault.hang) {
         m_world.hang(m_lock, m_spec.function, [&] { return m_world.generation != m_generation; });
     }
-    if (m_spec.needsInitialised && m_world.generation != m_generation) {
+    const bool isTerminated = m_spec.needsInitialised && m_world.generation != m_generation;
+    if (isTerminated && (m_spec.isCutOff || m_world.objects.find(m_spec.object) == nullptr)) {
         return result::kInternal;
     }
     return fault.after ? std::nullopt : fault.code;

@@ -17,6 +17,7 @@ struct CallSpec {
     std::string arguments;
     EdsBaseRef object = nullptr;  // the reference the call is about
     bool needsInitialised = true;
+    bool isCutOff = true;        // does nothing when it hangs while the library is terminated
     bool talksToCamera = false;  // one thread at a time may be in such a call
     std::optional<std::uint32_t> property = std::nullopt;
     std::optional<std::uint32_t> command = std::nullopt;

@@ -340,6 +340,9 @@ MaidResult getArray(World& world, const Command& command)
         }
         return kMaidBufferSize;
     }
+    const MaidEnum told = enumerationOf(*capability, untruth);
+    std::memcpy(static_cast<std::uint8_t*>(pointerIn(command)) + offsetof(MaidEnum, elements),
+                &told.elements, sizeof told.elements);
     const Bytes array = arrayOf(*capability, untruth, static_cast<std::size_t>(needed));
     std::copy(array.begin(), array.end(), static_cast<std::uint8_t*>(record.array));
     return kMaidOk;

@@ -95,6 +95,15 @@ TEST_F(Faults, TerminateEndsAHangingCall)
     takeMisuses();
 }
 
+TEST_F(Faults, AHangingReleaseInAHandlerIsDoneWhenTheLibraryIsTerminated)
+{
+    ASSERT_EQ(VirtualCameraFault("EdsRelease hang thread"), 1);
+    ASSERT_EQ(VirtualCameraSendObjectEvent(0, 0x204, VirtualCameraNewItem(0, -1)), 1);
+    ASSERT_EQ(VirtualCameraWaitForHang("EdsRelease", kDeadlineMs), 1);
+    m_host.close();
+    EXPECT_EQ(takeMisuses(), "");
+}
+
 TEST_F(Faults, ResetLetsHangingCallsGoAndKeepsTheSession)
 {
     ASSERT_EQ(VirtualCameraFault("EdsSetPropertyData hang"), 1);

@@ -158,6 +158,21 @@ TEST_F(NikonList, AListThatGrewSinceItWasReadDoesNotFitAndIsNoMisuse)
     EXPECT_EQ(outcome.result, kMaidBufferSize);
 }
 
+TEST_F(NikonList, AListThatShrankSinceItWasReadTellsItsLength)
+{
+    List white;
+    m_host.issue(m_host.source(), kMaidCommandCapGet, kMaidCapWhiteBalance, kMaidDataTypeEnumPtr,
+                 dataOf(&white.record));
+    white.array.resize(white.record.elements);
+    white.record.array = white.array.data();
+    driver().setTexts(0, kMaidCapWhiteBalance, "A\nB");
+    const Outcome outcome =
+        m_host.issue(m_host.source(), kMaidCommandCapGetArray, kMaidCapWhiteBalance,
+                     kMaidDataTypeEnumPtr, dataOf(&white.record));
+    EXPECT_EQ(outcome.result, kMaidOk);
+    EXPECT_EQ(white.record.elements, 4U);
+}
+
 TEST_F(NikonList, DescriptorsThatGrewSinceTheirCountDoNotFitAndAreNoMisuse)
 {
     driver().corrupt(2, kMaidCapAperture, "absent", 1);
