@@ -4,6 +4,8 @@
 #include <io.h>
 #include <windows.h>
 #else
+#include <unistd.h>
+
 #include <cstdlib>
 #endif
 
@@ -19,6 +21,11 @@ std::string environment(const char* name)
             ::GetEnvironmentVariableA(name, value.data(), static_cast<DWORD>(value.size())));
     }
     return value;
+}
+
+unsigned long processNumber()
+{
+    return ::GetCurrentProcessId();
 }
 
 void appendToFile(std::FILE* file, const std::string& text)
@@ -57,6 +64,11 @@ std::string environment(const char* name)
 {
     const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nothing sets it here
     return value == nullptr ? "" : value;
+}
+
+unsigned long processNumber()
+{
+    return static_cast<unsigned long>(::getpid());
 }
 
 void appendToFile(std::FILE* file, const std::string& text)

@@ -10,6 +10,9 @@ namespace steering {
 // library does not see what an application has changed: the system is asked.
 std::string environment(const char* name);
 
+// The number of this process.
+unsigned long processNumber();
+
 // Adds a text, in one piece, to the end of a file that was opened for appending, whatever another
 // library of this process adds to the same file meanwhile.
 void appendToFile(std::FILE* file, const std::string& text);

@@ -145,10 +145,12 @@ int waitFor(World& world, int timeoutMs, const std::function<bool()>& condition)
 class Unloader
 {
 public:
-    explicit Unloader(World& world) : m_world(world) {}
+    explicit Unloader(World& world) : m_world(world), m_process(processNumber()) {}
     ~Unloader()
     {
-        if (kJoinsWhileUnloading || isAtRest()) {
+        // A forked process has a copy of the world, and none of its threads to wait for.
+        const bool isCopy = m_process != processNumber();
+        if (!isCopy && (kJoinsWhileUnloading || isAtRest())) {
             m_world.unload();
         }
     }
@@ -164,6 +166,7 @@ private:
     }
 
     World& m_world;
+    unsigned long m_process;
 };
 
 // A maker's world, with its lock held for the life of this object.

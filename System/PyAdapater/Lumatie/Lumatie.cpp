@@ -119,6 +119,9 @@ Lumatie::~Lumatie()
 
 BOOL Lumatie::Init(const char* szInfo, const char* szExportFolder, PyObject* callback)
 {
+    if (isCopy()) {
+        letGo();
+    }
     g_szExportFolder.set(szExportFolder);
     g_szLastFile.clear();
     SetCallback(callback);
@@ -194,7 +197,10 @@ std::function<void()> Lumatie::letGo()
 
 BOOL Lumatie::Shoot()
 {
-    if (m_nVendor == VENDOR_NIKON && !isCopy()) {
+    if (isCopy()) {
+        return 1;
+    }
+    if (m_nVendor == VENDOR_NIKON) {
         nikon::NikonShoot(*m_nikon);
     } else if (m_nVendor == VENDOR_CANON) {
         canon::CanonShoot(*m_canon);
@@ -204,7 +210,10 @@ BOOL Lumatie::Shoot()
 
 BOOL Lumatie::SetValue(int nType, int value)
 {
-    if (m_nVendor == VENDOR_NIKON && !isCopy()) {
+    if (isCopy()) {
+        return 1;
+    }
+    if (m_nVendor == VENDOR_NIKON) {
         nikon::NikonSetValue(*m_nikon, nType, value);
     } else if (m_nVendor == VENDOR_CANON) {
         canon::CanonSetValue(*m_canon, nType, static_cast<std::uint32_t>(value));

@@ -12,6 +12,11 @@
 %}
 
 %init %{
+    if (!isMainInterpreter()) {
+        PyErr_SetString(PyExc_ImportError, "Lumatie works in the main interpreter only");
+        Py_DECREF(m);
+        return NULL;
+    }
     // The generator's helper for bound methods, which the proxy does not use, is not ours to show.
     PyDict_DelItemString(d, "SWIG_PyInstanceMethod_New");
     // The generator gives its own reference away, so that a module initialised again would share it.
@@ -97,7 +102,15 @@ extern int TETHER_CANON_BULB;
 // The tether object. Init and Uninit release the interpreter lock themselves.
 class Lumatie {
 public:
+    // Events reach the main interpreter only, and its end alone ends the sessions.
+    %exception Lumatie() {
+        if (!isMainInterpreter()) {
+            SWIG_exception_fail(SWIG_RuntimeError, "Lumatie works in the main interpreter only");
+        }
+        $action
+    }
     Lumatie();
+    %exception;
     ~Lumatie();
 
     // None converts to a null object. delete takes it; the operations below would crash on it.

@@ -202,6 +202,11 @@ PyThreadAllow::~PyThreadAllow() noexcept(false)
     }
 }
 
+bool isMainInterpreter()
+{
+    return PyThreadState_Get()->interp == PyInterpreterState_Main();
+}
+
 bool registerAtInterpreterExit(void (*function)())
 {
     g_exitFunction = function;

@@ -61,6 +61,9 @@ private:
     struct _ts* m_state = nullptr;  // the interpreter's thread state; null: nothing was given up
 };
 
+// Whether the calling thread runs in the process's main interpreter. Interpreter lock held.
+bool isMainInterpreter();
+
 // Registers `function` with the interpreter to run when the program ends, before anything of
 // Python is taken down. Interpreter lock held. Returns false, with a Python error set, on
 // failure.
