@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# build.sh [linux|windows|linux-asan|linux-tsan|lint]: builds one tree in build/. The sanitizers'
-# trees hold the C++ tests and the virtual cameras, but no module for Python. The tree lint is only
-# configured: it says how each source is compiled.
+# build.sh [linux|windows|linux-asan|linux-tsan|fuzz|lint]: builds one tree in build/. The sanitizers'
+# trees hold the C++ tests and the virtual cameras, but no module for Python; the tree fuzz holds the
+# fuzz targets only. The tree lint is only configured: it says how each source is compiled.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 tree=${1:-linux}
@@ -9,20 +9,29 @@ tree=${1:-linux}
 
 case $tree in
     linux | windows | lint) sanitizers= ;;
-    linux-asan) sanitizers=address,undefined ;;
+    linux-asan | fuzz) sanitizers=address,undefined ;;
     linux-tsan) sanitizers=thread ;;
     *) usage_error "./run build" ;;
 esac
 options=("-DLUMATIE_SANITIZE=$sanitizers")
-if [[ -n $sanitizers ]]; then
+packages=(cmake ninja-build)
+if [[ $tree == fuzz ]]; then
+    packages+=(clang-14 libclang-rt-14-dev g++)
+    # Few sources and many runs: what is optimised pays.
+    options+=(-DLUMATIE_FUZZ=libfuzzer -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14
+        "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g")
+else
+    packages+=(g++ python3-dev libgtest-dev googletest libstb-dev)
+fi
+if [[ -n $sanitizers && $tree != fuzz ]]; then
     # A third of -O2's time to compile, and better stacks.
     options+=("-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O0 -g -DNDEBUG")
 fi
 
 # A compiler that checks does not read the precompiled headers of the one that builds.
-[[ $tree != lint ]] || options+=(-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON)
+[[ $tree != lint ]] || options+=(-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DLUMATIE_FUZZ=replay)
 
-need_packages g++ cmake ninja-build python3-dev libgtest-dev googletest libstb-dev
+need_packages "${packages[@]}"
 if [[ $tree == linux || $tree == windows ]]; then
     if [[ -z ${LUMATIE_SWIG:-} ]]; then
         need_python_tool swig

@@ -1,0 +1,74 @@
+// A driver module with one camera whose capabilities and settings are what a fuzz target made them.
+// Every command is completed at once.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "nikon/MaidDriver.h"
+#include "nikon/MaidTree.h"
+
+namespace fuzz {
+
+using Bytes = std::vector<unsigned char>;
+
+// An enumeration of the camera, and how its commands end.
+struct Setting {
+    MaidEnum record = {};
+    Bytes array;                         // what the module has; it fills no more than there is room
+    MaidResult result = kMaidOk;         // of reading the record
+    MaidResult arrayResult = kMaidOk;    // of reading the array
+    MaidResult setResult = kMaidOk;      // of changing the position
+    std::optional<MaidEnum> afterwards;  // what reading the array leaves in the record
+};
+
+class ScriptedCamera
+{
+public:
+    ScriptedCamera();
+    ScriptedCamera(const ScriptedCamera&) = delete;
+    ScriptedCamera& operator=(const ScriptedCamera&) = delete;
+    ~ScriptedCamera();
+
+    // Opens the module and its camera, with the procedures in this record.
+    std::shared_ptr<nikon::MaidTree> open();
+
+    // Adds a well-formed capability of the camera.
+    void add(std::uint32_t id, std::uint32_t type, std::uint32_t operations,
+             const char* description);
+
+    std::vector<MaidCapInfo> caps;               // of the camera
+    std::optional<std::uint32_t> announcedCaps;  // instead of their number
+    MaidResult countResult = kMaidOk;
+    MaidResult infoResult = kMaidOk;
+    int refetches = 0;  // how often the descriptors have to be asked for again
+    std::map<std::uint32_t, Setting> settings;
+    std::vector<std::uint32_t> setPositions;  // what enumerations were set to
+    int fetches = 0;                          // how often the descriptors were asked for
+
+private:
+    static MaidResult MAIDAPI enter(MaidObject* object, std::uint32_t command,
+                                    std::uint32_t parameter, std::uint32_t dataType, MaidData data,
+                                    MaidCompletionProcedure completion, MaidReference reference);
+
+    MaidResult serve(const MaidObject* object, std::uint32_t command, std::uint32_t parameter,
+                     std::uint32_t dataType, void* data);
+    MaidResult giveCaps(const std::vector<MaidCapInfo>& given, std::uint32_t room, void* data);
+    MaidResult giveRecord(std::uint32_t capId, std::uint32_t dataType, void* data);
+    MaidResult giveArray(std::uint32_t capId, void* data);
+    MaidResult set(std::uint32_t capId, std::uint32_t dataType, const void* data);
+
+    std::vector<MaidCapInfo> m_moduleCaps;
+};
+
+// A descriptor. Of the description at most 256 bytes count; it need not have a terminator.
+MaidCapInfo capInfo(std::uint32_t id, std::uint32_t type, std::uint32_t operations,
+                    const std::string& description);
+
+// Waits are given up almost at once.
+nikon::Timing noPatience();
+
+}  // namespace fuzz
