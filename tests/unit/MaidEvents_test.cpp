@@ -169,6 +169,34 @@ TEST_F(MaidEventsTest, TheCameraInUseCanBeRemoved)
     EXPECT_TRUE(m_item->closed);
 }
 
+TEST_F(MaidEventsTest, AnEventInsideTheCloseOfItsOwnObjectLeadsToNoCommand)
+{
+    openItem();
+    // A module may use a procedure once more that was taken from it.
+    const MaidCallback events = item().at(kMaidCapEventProc).callback;
+    fake::Rule close{kMaidCommandClose};
+    close.level = kMaidLevelItem;
+    close.action = [&](const fake::Call& /*call*/) {
+        reinterpret_cast<MaidEventProcedure>(events.procedure)(events.reference,
+                                                               kMaidEventCapChange, 0);
+    };
+    maid.rule(close);
+    EXPECT_TRUE(m_tree->CloseChild(m_source, 5));
+    EXPECT_EQ(maid.calls().back(), "Item Close 0x0");
+}
+
+TEST_F(MaidEventsTest, AnObjectWhoseCloseWasRefusedTakesCommandsAgain)
+{
+    openItem();
+    fake::Rule close{kMaidCommandClose};
+    close.level = kMaidLevelItem;
+    close.result = -127;
+    maid.rule(close);
+    EXPECT_FALSE(m_tree->CloseChild(m_source, 5));
+    EXPECT_TRUE(nikon::GetUnsigned(m_tree->driver(), m_item, kMaidCapDataTypes, 0));
+    EXPECT_TRUE(m_tree->CloseChild(m_source, 5));
+}
+
 TEST_F(MaidEventsTest, AnObjectCanBeRemovedInsideItsOwnClose)
 {
     openItem();

@@ -311,7 +311,10 @@ bool MaidTree::CloseChild(const MaidObjectPtr& parentRef, std::int32_t id)
 // Closes one object without children and takes it out of the tree; a refused one stays.
 bool MaidTree::closeObject(const MaidObjectPtr& ref)
 {
+    // Before the module says so: an event inside must not lead to commands for what it has closed.
+    ref->closed = true;
     if (m_driver.call(ref->object, MaidCommand{kMaidCommandClose}) != kMaidOk) {
+        ref->closed = false;
         return false;
     }
     if (const MaidObjectPtr parent = ref->parent.lock()) {
