@@ -16,7 +16,7 @@ esac
 options=("-DLUMATIE_SANITIZE=$sanitizers")
 packages=(cmake ninja-build)
 if [[ $tree == fuzz ]]; then
-    packages+=(clang-14 libclang-rt-14-dev g++)
+    packages+=(clang-14 libclang-rt-14-dev llvm-14 g++)
     # Few sources and many runs: what is optimised pays.
     options+=(-DLUMATIE_FUZZ=libfuzzer -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14
         "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g")

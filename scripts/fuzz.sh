@@ -18,6 +18,7 @@ scripts/build.sh fuzz
 mkdir -p "$results" "${table%/*}"
 
 export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1:quarantine_size_mb=64
+export ASAN_SYMBOLIZER_PATH=/usr/lib/llvm-14/bin/llvm-symbolizer
 export UBSAN_OPTIONS=print_stacktrace=1
 
 # A job in the background does not get the terminal's interrupt.
@@ -26,7 +27,6 @@ trap 'jobs -pr | xargs -r kill' EXIT
 # fuzz TARGET: runs it, and keeps its output and its exit status.
 fuzz() {
     local corpus=build/fuzz/corpus/$1 options=() status=0
-    rm -rf "${results:?}/$1"
     mkdir -p "$corpus" "$results/$1"
     [[ $1 != names && $1 != data_parts ]] || options+=(-detect_leaks=0)
     [[ ! -f tests/fuzz/$1.dict ]] || options+=("-dict=tests/fuzz/$1.dict")
@@ -34,7 +34,10 @@ fuzz() {
     "build/fuzz/targets/$1" "$corpus" "tests/fuzz/seeds/$1" "${options[@]}" \
         -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -close_fd_mask=1 \
         -print_final_stats=1 -artifact_prefix="$results/$1/" \
-        >"$results/$1.log" 2>&1 </dev/null || status=$?
+        >"$results/$1.log" 2>&1 </dev/null &
+    # shellcheck disable=SC2064  # this one
+    trap "kill $!" TERM
+    wait "$!" || status=$?
     # Inputs that leave something behind are looked at for leaks as they run. Two targets always do:
     # the names that were given out are kept. Their corpus is looked at once.
     if [[ ${options[*]} == *-detect_leaks=0* ]] && ((status == 0)); then
