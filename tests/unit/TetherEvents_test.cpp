@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -89,6 +91,23 @@ TEST(ListText, WritesNumbersBare)
     list.add(0, 2500);
     list.add(1, -1);
     EXPECT_EQ(list.text(), "{0:2500,1:-1,}");
+}
+
+TEST(ListText, GrowsWithItsEntries)
+{
+    const std::string longText(3000, 'x');
+    ListText list;
+    std::string expected = "{";
+    for (int i = 0; i < 1000; ++i) {
+        const std::string number = std::to_string(i);
+        const std::string text =
+            i == 700 ? longText : std::string(static_cast<std::size_t>(i % 40), 'a');
+        list.add(static_cast<std::uint32_t>(i), text.c_str());
+        list.add(0xFFFFFFFF, std::numeric_limits<std::int32_t>::min());
+        list.addFlag("FLAG", true);
+        expected += number + ":'" + text + "',4294967295:-2147483648,'FLAG':1,";
+    }
+    EXPECT_EQ(list.text(), expected + "}");
 }
 
 TEST(ListText, WritesKeysUnsigned)

@@ -4,8 +4,10 @@
 // read like a Python dictionary literal.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 // Camera makers, as Lumatie::m_nVendor holds them.
 enum TetherVendor : int {
@@ -65,8 +67,13 @@ public:
     void addFlag(const char* keyWord, bool flag);
 
     // The whole text, in braces; "{}" when nothing was added.
-    std::string text() const { return "{" + m_entries + "}"; }
+    std::string text() const;
 
 private:
-    std::string m_entries;
+    // Where the next entry goes, with room for `size` bytes; `setEnd` says how far it went.
+    char* room(std::size_t size);
+    void setEnd(const char* end);
+
+    std::vector<char> m_entries;  // the first m_size bytes of it
+    std::size_t m_size = 0;
 };
