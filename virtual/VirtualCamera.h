@@ -197,6 +197,9 @@ int VirtualCameraWaitUntilIdle(int timeoutMs);
  * "log.lines"). */
 int VirtualCameraLog(char* buffer, int capacity);
 
+/* Microseconds since the library was loaded: what the call log's clock shows now. */
+int64_t VirtualCameraClock(void);
+
 /* Empties the log; counts stay. */
 void VirtualCameraClearLog(void);
 

@@ -205,6 +205,9 @@ int VirtualNikonWaitUntilIdle(int timeoutMs);
  * the library's own), what, result, time taken. The last 10,000 lines are kept ("log.lines"). */
 int VirtualNikonLog(char* buffer, int capacity);
 
+/* Microseconds since the library was loaded: what the call log's clock shows now. */
+int64_t VirtualNikonClock(void);
+
 /* Empties the log; counts stay. */
 void VirtualNikonClearLog(void);
 

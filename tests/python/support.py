@@ -126,6 +126,7 @@ class Steering:
     def __init__(self, library, prefix):
         self._library = ctypes.CDLL(str(library))
         self._prefix = prefix
+        self._function("Clock").restype = ctypes.c_int64
 
     def _function(self, name):
         return getattr(self._library, self._prefix + name)
@@ -225,6 +226,10 @@ class Steering:
     def log(self):
         """The call log, a line for each answered call and delivered event."""
         return self._text("Log").splitlines()
+
+    def clock(self):
+        """What the call log's clock shows now: seconds since the library was loaded."""
+        return self._function("Clock")() / 1e6
 
     def clear_log(self):
         """Empties the log; counts stay."""

@@ -397,6 +397,11 @@ int VirtualCameraLog(char* buffer, int capacity)
     return copyOut(locked()->log.text(), buffer, capacity);
 }
 
+int64_t VirtualCameraClock(void)
+{
+    return locked()->log.microseconds();
+}
+
 void VirtualCameraClearLog(void)
 {
     locked()->log.clearLines();

@@ -42,6 +42,11 @@ void CallLog::write(std::string_view what, Clock::time_point start)
            " ms");
 }
 
+std::int64_t CallLog::microseconds() const
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - m_loaded).count();
+}
+
 int CallLog::calls(std::string_view function) const
 {
     if (function == "*") {

@@ -38,6 +38,9 @@ public:
     // Writes a line about something that began at `start` and has ended now.
     void write(std::string_view what, Clock::time_point start);
 
+    // Since the library was loaded, as the lines say it.
+    std::int64_t microseconds() const;
+
     // Counts an answered call.
     void count(std::string_view function) { ++m_counts[std::string(function)]; }
 

@@ -413,6 +413,11 @@ int VirtualNikonLog(char* buffer, int capacity)
     return copyOut(caughtUp()->log.text(), buffer, capacity);
 }
 
+int64_t VirtualNikonClock(void)
+{
+    return locked()->log.microseconds();
+}
+
 void VirtualNikonClearLog(void)
 {
     locked()->log.clearLines();

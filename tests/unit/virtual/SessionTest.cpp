@@ -1,5 +1,8 @@
 // Start, session and end of the library.
 #include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
 #include <thread>
 
 #include "Support.h"
@@ -46,6 +49,19 @@ TEST_F(Session, PropertiesNeedASession)
     EXPECT_EQ(EdsCloseSession(host.camera()), 0x2003U);
     ASSERT_EQ(host.open(), 0U);
     EXPECT_EQ(EdsGetPropertyData(host.camera(), 0x406, 0, 4, &value), 0U);
+}
+
+TEST_F(Session, TheClockIsTheOneOfTheCallLog)
+{
+    VirtualCameraClearLog();
+    const std::int64_t before = VirtualCameraClock();
+    EdsTerminateSDK();
+    const std::int64_t after = VirtualCameraClock();
+    unsigned long long number = 0;
+    double seconds = 0;
+    ASSERT_EQ(std::sscanf(callLog().c_str(), "%llu %lf T", &number, &seconds), 2) << callLog();
+    EXPECT_GE(std::llround(seconds * 1e6), before);
+    EXPECT_LE(std::llround(seconds * 1e6), after);
 }
 
 TEST_F(Session, SecondOpenAnswersAlreadyOpenUnlessConfigured)

@@ -80,6 +80,7 @@ public:
     decltype(&VirtualNikonWaitUntilIdle) waitUntilIdle =
         find<decltype(&VirtualNikonWaitUntilIdle)>("VirtualNikonWaitUntilIdle");
     decltype(&VirtualNikonLog) log = find<decltype(&VirtualNikonLog)>("VirtualNikonLog");
+    decltype(&VirtualNikonClock) clock = find<decltype(&VirtualNikonClock)>("VirtualNikonClock");
     decltype(&VirtualNikonClearLog) clearLog =
         find<decltype(&VirtualNikonClearLog)>("VirtualNikonClearLog");
     decltype(&VirtualNikonMisuseCount) misuseCount =
