@@ -29,7 +29,10 @@ if [[ -n $sanitizers && $tree != fuzz ]]; then
 fi
 
 # A compiler that checks does not read the precompiled headers of the one that builds.
-[[ $tree != lint ]] || options+=(-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DLUMATIE_FUZZ=replay)
+if [[ $tree == lint ]]; then
+    options+=(-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DLUMATIE_FUZZ=replay -DLUMATIE_BENCH=ON)
+    packages+=(libbenchmark-dev)
+fi
 
 need_packages "${packages[@]}"
 if [[ $tree == linux || $tree == windows ]]; then

@@ -116,7 +116,7 @@ windows_path() {
 }
 
 # The hand-written files, one a line; whatever is generated lies in build/.
-cpp_files() { find System virtual tests scripts -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort; }
+cpp_files() { find System virtual tests bench scripts -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort; }
 windows_files() { cpp_files | grep '/windows/.*\.cpp$' | grep -v '^scripts/'; }
 # The module's sources for Windows, but for those that know the interpreter.
 microsoft_files() { cpp_files | grep '^System/.*\.cpp$' | grep -v -e /posix/ -e /PyCallback.cpp; }

@@ -16,8 +16,8 @@ import sys
 
 TIDY = "clang-tidy-14"
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-OURS = [ROOT / folder for folder in ("System", "virtual", "tests")]
-CONFIGURATION = [str(ROOT / ".clang-tidy"), str(ROOT / "tests" / ".clang-tidy")]
+OURS = [ROOT / folder for folder in ("System", "virtual", "tests", "bench")]
+CONFIGURATION = [str(ROOT / folder / ".clang-tidy") for folder in (".", "tests", "bench")]
 # Options that GCC alone understands, and what would make errors of warnings that only Clang has.
 FOREIGN = {"-fno-gnu-unique", "-Werror"}
 
