@@ -25,13 +25,13 @@ SESSIONS = (
 # Groups of the C++ program: a pattern of names, and how often each of them takes its turn, in a
 # full and in a short run.
 PROGRAM = {
-    "calls": ("^call_", 300, 30),
-    "texts": ("^(list|report)_", 200, 20),
-    "cycles": ("^cycle_", 200, 20),
+    "calls": ("^call_", 600, 60),
+    "texts": ("^(list|report)_", 300, 30),
+    "cycles": ("^cycle_", 300, 30),
     "pictures": ("^picture_", 40, 4),
 }
 # Short turns: most of them pass without the system giving the core to somebody else.
-SECONDS_OF_A_TURN = 0.005
+SECONDS_OF_A_TURN = 0.001
 
 
 def note(text):
