@@ -6,6 +6,7 @@ the times of the shots of a long session; what is not there is not drawn.
 
 import json
 import pathlib
+import statistics
 import sys
 
 import matplotlib
@@ -22,7 +23,7 @@ LATENCIES = (
     ("canon_shoot", "Shoot to the library's call, Canon"),
     ("canon_pictures", "60 MB picture to its event, Canon,\nless the library's time"),
 )
-MOST_POINTS = 2000
+MOST_POINTS = 200
 
 
 def draw_latencies(axes, samples):
@@ -32,6 +33,7 @@ def draw_latencies(axes, samples):
         shares = [100 * (rank + 1) / len(ordered) for rank in range(len(ordered))]
         axes.step(ordered, shares, where="post", label="{} ({})".format(name, len(ordered)))
     axes.set_xscale("log")
+    axes.xaxis.set_major_formatter("{x:g}")
     axes.set_xlabel("milliseconds")
     axes.set_ylabel("% not slower")
     axes.set_title("Latencies (samples)")
@@ -44,11 +46,14 @@ def draw_soak(axes, soaks):
         if maker not in soaks:
             continue
         shots = soaks[maker]["seconds_per_shot"]
-        step = max(1, len(shots) // MOST_POINTS)
-        numbers = range(1, len(shots) + 1, step)
-        label = "{} ({} shots)".format(name, len(shots))
-        axes.plot(numbers, shots[::step], ".", color=colour, markersize=2, label=label)
+        size = -(-len(shots) // MOST_POINTS)
+        groups = [shots[at : at + size] for at in range(0, len(shots), size)]
+        numbers = range(1, len(shots) + 1, size)
+        label = "{}, {} shots, median of {}".format(name, len(shots), size)
+        axes.plot(numbers, list(map(statistics.median, groups)), color=colour, lw=0.8, label=label)
+        axes.plot(numbers, list(map(max, groups)), ".", color=colour, ms=2, label="the slowest")
     axes.set_yscale("log")
+    axes.yaxis.set_major_formatter("{x:g}")
     axes.set_xlabel("shot")
     axes.set_ylabel("seconds per shot")
     axes.set_title("A long session")

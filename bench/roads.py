@@ -143,7 +143,9 @@ def row(found):
         shown("p99") if found["count"] >= 100 else "",
         what.floor,
         shown("floor"),
-        "{:.2f}".format(found["ratio"]) if "ratio" in found else "",
+        "{:.{}f}".format(found["ratio"], 3 if found["ratio"] < 10 else 1)
+        if "ratio" in found
+        else "",
         target(what),
         found["verdict"],
     )
