@@ -163,7 +163,7 @@ def nikon_shoot(short):
     samples = []
     per_shot = []
     with nikon("picture.keep = 1") as session:
-        for _ in range(3 if short else 30):
+        for _ in range(2 if short else 30):
             pause(0.1, 0.9)
             begin, event = _shoot_nikon(session)
             capture = [c for c in session.calls() if _starts(c, CAPTURE)][-1]
@@ -192,7 +192,7 @@ def _shoot_nikon(session):
 
 def _idle(session, short):
     """The share of one core that the whole process takes while nothing happens."""
-    length = 3.0 if short else 60.0
+    length = 2.0 if short else 60.0
     time.sleep(0.5)
     begin, used = time.monotonic(), time.process_time()
     time.sleep(length)
