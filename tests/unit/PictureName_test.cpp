@@ -7,6 +7,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "RecentNames.h"
 #include "TestSupport.h"
 #include "platform/Platform.h"
 
@@ -43,6 +44,42 @@ TEST(PictureExtension, IsLookedForInTheLastComponentOnly)
 TEST(PictureExtension, KeepsBytesAsTheyAre)
 {
     EXPECT_EQ(pictureExtension("x.\xC3\xBC%d \xFF"), ".\xC3\xBC%d \xFF");
+}
+
+TEST(RecentNames, OfTheCurrentSecondAreAllRemembered)
+{
+    RecentNames names;
+    for (int i = 0; i < 5'000; ++i) {
+        ASSERT_TRUE(names.add(7, std::to_string(i)));
+    }
+    EXPECT_FALSE(names.add(7, "0"));
+    EXPECT_EQ(names.size(), 5'000U);
+}
+
+TEST(RecentNames, OfEarlierSecondsAreRememberedWhenTheClockIsSetBack)
+{
+    RecentNames names;
+    names.add(7, "name");
+    for (std::size_t i = 1; i < RecentNames::kKept; ++i) {
+        names.add(8, std::to_string(i));
+    }
+    EXPECT_FALSE(names.add(7, "name"));
+}
+
+TEST(RecentNames, DoNotGrowWithALongSession)
+{
+    RecentNames names;
+    for (int second = 0; second < 5'000; ++second) {
+        ASSERT_TRUE(names.add(second, std::to_string(second)));
+    }
+    EXPECT_EQ(names.size(), 256U);
+    EXPECT_TRUE(names.add(5'000, "0"));
+    // A burst is forgotten again.
+    for (int i = 0; i < 1'000; ++i) {
+        names.add(6'000, "burst" + std::to_string(i));
+    }
+    names.add(6'001, "after it");
+    EXPECT_EQ(names.size(), 256U);
 }
 
 TEST(NewPicturePath, IsFolderVendorSecondsNumberAndExtension)

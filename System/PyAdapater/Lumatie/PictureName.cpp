@@ -1,39 +1,12 @@
 #include "PictureName.h"
 
 #include <ctime>
-#include <deque>
 #include <mutex>
-#include <unordered_set>
-#include <utility>
 
+#include "RecentNames.h"
 #include "platform/Platform.h"
 
 namespace {
-
-// The names given out: all of the current second, and the last thousands of earlier ones, which
-// only a clock that is set back can bring up again.
-class RecentNames
-{
-public:
-    // Notes a name of the second `now`; returns false when it was given out before.
-    bool add(std::time_t now, const std::string& name)
-    {
-        if (!m_names.insert(name).second) {
-            return false;
-        }
-        m_order.emplace_back(now, name);
-        while (m_order.size() > kKept && m_order.front().first != now) {
-            m_names.erase(m_order.front().second);
-            m_order.pop_front();
-        }
-        return true;
-    }
-
-private:
-    static constexpr std::size_t kKept = 4096;
-    std::unordered_set<std::string> m_names;
-    std::deque<std::pair<std::time_t, std::string>> m_order;  // oldest first
-};
 
 std::mutex g_namesLock;  // guards the names
 RecentNames g_recentNames;
