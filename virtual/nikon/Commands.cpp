@@ -154,6 +154,9 @@ MaidResult open(World& world, const Command& command)
 
 void checkProcedures(World& world, const Command& command, const Object& object)
 {
+    if (object.isGone()) {
+        return;
+    }
     for (const auto& procedure : object.procedures) {
         const bool isAllowed =
             procedure.first == kMaidCapDataProc && world.options.dataProcedure == 0;

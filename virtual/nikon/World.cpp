@@ -181,6 +181,7 @@ void reset(World& world)
     world.rules.clear();
     world.pictures.clear();
     world.untrueChildren.clear();
+    world.objects.forgetClosed();
     for (const PendingRef& pending : std::list<PendingRef>(world.pending)) {
         pending->how = Completion{};
         if (pending->exposure != nullptr && !pending->isReady) {

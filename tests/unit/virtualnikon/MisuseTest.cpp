@@ -55,6 +55,19 @@ TEST_F(NikonMisuse, AClosedObjectIsToldFromAnUnknownOne)
     expectMisuse("Close: closed object");
 }
 
+TEST_F(NikonMisuse, AClosedObjectIsForgottenByAReset)
+{
+    MaidObject record{};
+    ASSERT_EQ(driver().pressShutter(0), 1);
+    ASSERT_TRUE(driver().waitForPictures(1, kDeadlineMs));
+    ASSERT_EQ(send(m_host.source(), kMaidCommandOpen, 1, kMaidDataTypeObjectPtr, dataOf(&record)),
+              kMaidOk);
+    ASSERT_EQ(send(&record, kMaidCommandClose), kMaidOk);
+    driver().reset();
+    EXPECT_EQ(Host::async(&record), -1);
+    expectMisuse("Async: unknown object");
+}
+
 TEST_F(NikonMisuse, AnyCommandAfterTheModulesClose)
 {
     MaidObject* module = m_host.module();
@@ -135,6 +148,20 @@ TEST_F(NikonMisuse, AProcedureIsLeftInstalledAtTheClose)
     EXPECT_STREQ(text, "module#0 2 3 5\nsource#1 2 3\nitem#1 3\n");
     send(&item, kMaidCommandClose);
     expectMisuse("Close: procedure 3 is still installed on item#1");
+}
+
+TEST_F(NikonMisuse, AnObjectThatIsGoneMayBeLeftWithItsProcedures)
+{
+    driver().pressShutter(0);
+    ASSERT_TRUE(driver().waitForPictures(1, kDeadlineMs));
+    MaidObject item{};
+    send(m_host.source(), kMaidCommandOpen, 1, kMaidDataTypeObjectPtr, dataOf(&item));
+    m_host.setProcedure(
+        &item, kMaidCapEventProc, [] {}, nullptr);
+    driver().unplug(0);
+    EXPECT_EQ(send(&item, kMaidCommandClose), kMaidOk);
+    EXPECT_EQ(takeMisuses(), "");
+    m_wasExpected = true;
 }
 
 TEST_F(NikonMisuse, TwoThreadsAreInsideAtOnce)
