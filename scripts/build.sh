@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# build.sh [linux|windows|linux-asan|linux-tsan|fuzz|lint]: builds one tree in build/. The sanitizers'
-# trees hold the C++ tests and the virtual cameras, but no module for Python; the tree fuzz holds the
-# fuzz targets only. The tree lint is only configured: it says how each source is compiled.
+# build.sh [linux|windows|linux-asan|linux-tsan|fuzz|lint [TARGET]]: builds one tree in build/, or one
+# target of it. The sanitizers' trees hold the C++ tests and the virtual cameras, but no module for
+# Python; the tree fuzz holds the fuzz targets only. The tree lint is only configured: it says how
+# each source is compiled.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 tree=${1:-linux}
-(($# <= 1)) || usage_error "./run build"
+target=${2:-all}
+(($# <= 2)) || usage_error "./run build"
 
 case $tree in
     linux | windows | lint) sanitizers= ;;
@@ -56,4 +58,4 @@ fi
 
 note "build/$tree"
 cmake -S . -B "build/$tree" -G Ninja --log-level=WARNING "${options[@]}"
-[[ $tree == lint ]] || cmake --build "build/$tree" --parallel "$(nproc)"
+[[ $tree == lint ]] || cmake --build "build/$tree" --parallel "$(nproc)" --target "$target"

@@ -109,6 +109,21 @@ for Windows x64 (the folder that holds python.exe) in LUMATIE_WINDOWS_PYTHON"
     cp scripts/windows.txt "$windows_python/installed.txt"
 }
 
+# set_up_sanitizers asan|tsan: sets the sanitizers' options, and in `sanitized` what a program has to
+# be started with.
+# shellcheck disable=SC2034  # the script that sources this uses it
+set_up_sanitizers() {
+    export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1
+    export LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp:print_suppressions=0
+    export UBSAN_OPTIONS=print_stacktrace=1
+    export TSAN_OPTIONS=second_deadlock_stack=1
+    sanitized=()
+    # The thread sanitizer of GCC 12 needs the address space where it expects it.
+    if [[ $1 == tsan ]] && setarch --addr-no-randomize true 2>/dev/null; then
+        sanitized=(setarch --addr-no-randomize)
+    fi
+}
+
 # windows_path PATH: how a program under Wine calls a file of this machine.
 windows_path() {
     local path=Z:$1

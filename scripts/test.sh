@@ -57,19 +57,12 @@ run_cpp_tests() {
 # A sanitizer costs most at the start and at the end of a process, so here all tests of an
 # executable share one.
 run_sanitized_tests() {
-    export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1
-    export LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp:print_suppressions=0
-    export UBSAN_OPTIONS=print_stacktrace=1
-    export TSAN_OPTIONS=second_deadlock_stack=1
-    local program programs names=() fixed_layout=()
-    # The thread sanitizer of GCC 12 needs the address space where it expects it.
-    if [[ $variant == tsan ]] && setarch --addr-no-randomize true 2>/dev/null; then
-        fixed_layout=(setarch --addr-no-randomize)
-    fi
+    local program programs names=()
+    set_up_sanitizers "$variant"
     mapfile -t programs < <(find "build/$tree/tests" -name '*_test*' -type f -executable | sort)
     for program in "${programs[@]}"; do
         names+=("cpp-${program##*/}")
-        start "${names[-1]}" "${fixed_layout[@]}" "$program" --gtest_brief=1
+        start "${names[-1]}" "${sanitized[@]}" "$program" --gtest_brief=1
     done
     finish "${names[@]}"
 }
