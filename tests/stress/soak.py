@@ -596,7 +596,7 @@ def main():
         results = support.REPOSITORY / "build" / "results" / "stress"
         path = results / "soak-{}.json".format(options.maker)
     path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text(json.dumps(result, indent=1), encoding="utf-8")
+    path.write_text(json.dumps(result), encoding="utf-8")
     return 1 if result["problems"] else 0
 
 

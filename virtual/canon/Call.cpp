@@ -32,7 +32,8 @@ Call::Call(const CallSpec& spec)
       m_generation(m_world.generation)
 {
     ++m_world.underWay;
-    if (spec.needsInitialised && !m_world.isInitialised()) {
+    if (spec.needsInitialised && !m_world.isInitialised() &&
+        !m_world.isAwaited(std::this_thread::get_id())) {
         misuse(m_world.generation == 0 ? "called before EdsInitializeSDK"
                                        : "called after EdsTerminateSDK");
         m_refusal = result::kInternal;

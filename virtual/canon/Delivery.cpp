@@ -197,6 +197,19 @@ bool isHandledElsewhere(const Crew& crew)
                        [](std::thread::id thread) { return thread != std::this_thread::get_id(); });
 }
 
+// Gives up on a handler that does not return; a call that it is in ends.
+void awaitHandlers(World& world, Lock& lock, const std::shared_ptr<Crew>& crew)
+{
+    const auto awaited = world.stopping.insert(world.stopping.end(), crew);
+    const auto patience = Clock::now() + std::chrono::milliseconds(world.options.patienceMs);
+    if (!world.changed.wait_until(lock, patience, [&] { return !isHandledElsewhere(*crew); })) {
+        world.log.misuse("EdsTerminateSDK: an event handler does not return");
+    }
+    world.stopping.erase(awaited);
+    ++world.generation;
+    world.changed.notify_all();
+}
+
 // Events that nobody will get: references that a test put into them go with them.
 void dropEvents(World& world, Crew& crew)
 {
@@ -250,10 +263,7 @@ void stopCrew(World& world, Lock& lock)
     world.work.notify_all();
     world.changed.notify_all();
 
-    const auto patience = Clock::now() + std::chrono::milliseconds(world.options.patienceMs);
-    if (!world.changed.wait_until(lock, patience, [&] { return !isHandledElsewhere(*crew); })) {
-        world.log.misuse("EdsTerminateSDK: an event handler does not return");
-    }
+    awaitHandlers(world, lock, crew);
 
     // A thread that is busy with a picture, or that terminates from its own handler, is left to
     // end by itself. All others end at once, as soon as the machine lets them.

@@ -82,6 +82,14 @@ bool World::isOwnThread(std::thread::id thread) const
            std::find(crew->ids.begin(), crew->ids.end(), thread) != crew->ids.end();
 }
 
+bool World::isAwaited(std::thread::id thread) const
+{
+    return std::any_of(stopping.begin(), stopping.end(), [&](const auto& ending) {
+        const auto& handling = ending->handling;
+        return std::find(handling.begin(), handling.end(), thread) != handling.end();
+    });
+}
+
 void World::addFactoryCamera()
 {
     const std::string_view name = "Virtual EOS";

@@ -101,6 +101,7 @@ struct World final : steering::World {
 
     std::shared_ptr<Crew> crew;                  // null: not initialised
     std::vector<std::shared_ptr<Crew>> retired;  // stopped, not joined yet
+    std::list<std::shared_ptr<Crew>> stopping;   // whose handlers are waited for
 
     unsigned epoch = 0;       // counts resets
     unsigned generation = 0;  // counts initialisations and terminations
@@ -115,6 +116,10 @@ struct World final : steering::World {
     bool isInitialised() const { return crew != nullptr; }
     bool hasCameraInUse() const;
     bool isOwnThread(std::thread::id thread) const;
+
+    // Whether the thread is in a handler that the library's termination waits for: it cannot know
+    // of it, and may call as before.
+    bool isAwaited(std::thread::id thread) const;
 
     int cameraCount() const override { return static_cast<int>(bodies.size()); }
     bool hasCamera(int number) const override { return body(number) != nullptr; }

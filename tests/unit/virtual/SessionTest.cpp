@@ -181,6 +181,32 @@ TEST_F(Session, TerminateWaitsForAHandlerThatRuns)
     EXPECT_EQ(seen, 1);
 }
 
+TEST_F(Session, AHandlerThatTerminateWaitsForMayCallAsBefore)
+{
+    configure("shutter.busy = 0");
+    std::atomic<bool> isInside{false};
+    std::atomic<bool> isTerminating{false};
+    Host host;
+    host.inObjectHandler = [&](std::uint32_t /*event*/, EdsBaseRef /*object*/) {
+        // A picture is there at once only when the library's threads do not work any more.
+        configure("shutter.lag_ms = 60000");
+        isInside = true;
+        isTerminating = waitFor([] {
+            const int before = VirtualCameraPictureCount();
+            return VirtualCameraPressShutter(0) == 1 && VirtualCameraPictureCount() > before;
+        });
+    };
+    ASSERT_EQ(host.connect(), 0U);
+    ASSERT_EQ(host.open(), 0U);
+    ASSERT_EQ(host.shoot(), 0U);
+    ASSERT_TRUE(waitFor([&] { return isInside.load(); }));
+    // The handler goes on to give its reference back.
+    host.close();
+    EXPECT_TRUE(isTerminating);
+    EXPECT_EQ(host.count(0x204), 1);
+    EXPECT_EQ(misuses(), "");
+}
+
 TEST_F(Session, TerminateGivesUpOnAHandlerThatNeverReturns)
 {
     configure("terminate.wait_ms = 20");
