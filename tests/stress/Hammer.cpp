@@ -244,6 +244,9 @@ public:
         m_failures = 0;
     }
 
+    // The callable does not end the session from now on.
+    void calmDown() { m_isOrderly = true; }
+
     // The rest says what came in this round.
 
     long sessions() const { return m_sessions; }
@@ -357,6 +360,7 @@ private:
     void workAsEver()
     {
         m_storm.calmDown();
+        m_host.calmDown();
         if (m_host.init() != 1) {
             complain("no session can be started after the storm");
             return;
