@@ -95,7 +95,9 @@ class Bench:
             if one["run_type"] == "iteration":
                 key, side = one["name"].split("/")[:2]
                 sides = times.setdefault(key, {"module": [], "floor": []})
-                sides[side].append(one["real_time"] * 1e-9)
+                sides["floor" if side == "floor" else "module"].append(one["real_time"] * 1e-9)
+                if side == "both":
+                    sides["floor"].append(one["floor"])
         self.embedded = report["context"]["embedded_python"]
         for what in roads.ROADS:
             if what.key in times:

@@ -5,12 +5,13 @@ import statistics
 
 # `limits` are pairs of a statistic ("ratio", "median", "p50", "p99") and the most that it may be.
 # `noise` is the factor by which a short run on a busy machine may miss a limit; 1 for what no noise
-# changes. `scale` and `unit` are for showing.
-Road = collections.namedtuple("Road", "key name floor limits unit noise")
+# changes. `unit` is for showing. `pairs`: each sample has its floor's beside it, measured at the
+# same moment, and the ratio is the median of theirs.
+Road = collections.namedtuple("Road", "key name floor limits unit noise pairs")
 
 
-def road(key, name, floor="", limits=(), unit="time", noise=3):
-    return Road(key, name, floor, tuple(limits), unit, noise)
+def road(key, name, floor="", limits=(), unit="time", noise=3, pairs=False):
+    return Road(key, name, floor, tuple(limits), unit, noise, pairs)
 
 
 BY_HAND = "the same C-API calls by hand"
@@ -18,9 +19,9 @@ BYTES_ONCE = "the same bytes written once"
 LATE = (("p99", 0.015),)
 
 ROADS = [
-    road("call_is", 'event into Python, "is"', BY_HAND, [("ratio", 1.05)]),
-    road("call_ii", 'event into Python, "ii"', BY_HAND, [("ratio", 1.05)]),
-    road("call_iis", 'event into Python, "iis"', BY_HAND, [("ratio", 1.05)]),
+    road("call_is", 'event into Python, "is"', BY_HAND, [("ratio", 1.05)], pairs=True),
+    road("call_ii", 'event into Python, "ii"', BY_HAND, [("ratio", 1.05)], pairs=True),
+    road("call_iis", 'event into Python, "iis"', BY_HAND, [("ratio", 1.05)], pairs=True),
     road("list_canon", "list text of 128 entries, Canon", BYTES_ONCE, [("ratio", 3)]),
     road("list_nikon", "list text of 128 entries, Nikon", BYTES_ONCE, [("ratio", 3)]),
     road("report_canon", "the Canon one from the camera's codes", BYTES_ONCE),
@@ -91,7 +92,11 @@ def evaluate(what, samples, floor=()):
     }
     if floor:
         found["floor"] = statistics.median(floor)
-        found["ratio"] = found["median"] / found["floor"]
+        found["ratio"] = (
+            statistics.median(one / other for one, other in zip(samples, floor))
+            if what.pairs
+            else found["median"] / found["floor"]
+        )
     missed = [name for name, most in what.limits if found[name] > most]
     found["verdict"] = "" if not what.limits else "MISSED" if missed else "met"
     # Few samples have no percentiles worth judging: what usually happens is judged instead.
