@@ -17,7 +17,7 @@ from support import CAMERA_NAME, CANON_LIBRARY, NIKON_MODULE, run_host
 from this_process import ON_WINDOWS
 
 # How often each host runs, where the environment names no number for all of them.
-REPEATS = 20
+REPEATS = 10
 REPEATS_OF_ALL = int(os.environ.get("LUMATIE_EXIT_REPEATS", "0"))
 AT_ONCE = 4  # hosts that run at the same time
 STUCK_AT_ONCE = 40  # the same of those that only wait
