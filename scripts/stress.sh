@@ -50,7 +50,7 @@ run_part() {
             ;;
         hosts)
             find_python || return
-            "$python" -X dev -m unittest "${@:2}" \
+            LUMATIE_EXIT_REPEATS=20 "$python" -X dev -m unittest "${@:2}" \
                 test_callbacks test_exit test_nikon_exit test_processes
             ;;
         soak)

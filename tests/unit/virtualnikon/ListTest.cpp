@@ -15,6 +15,20 @@ protected:
         return (m_host.capability(m_host.source(), id).operations & kMaidOperationSet) != 0;
     }
     List list(std::uint32_t id) const { return m_host.list(m_host.source(), id); }
+
+    // Reads the enumeration of white balances, lets it change, and reads the array.
+    Outcome arrayAfterChange(List& white, const std::string& texts)
+    {
+        const auto issue = [&](std::uint32_t command) {
+            return m_host.issue(m_host.source(), command, kMaidCapWhiteBalance,
+                                kMaidDataTypeEnumPtr, dataOf(&white.record));
+        };
+        issue(kMaidCommandCapGet);
+        white.array.resize(white.record.elements);
+        white.record.array = white.array.data();
+        driver().setTexts(0, kMaidCapWhiteBalance, texts.c_str());
+        return issue(kMaidCommandCapGetArray);
+    }
 };
 
 TEST_F(NikonList, TextsArePackedWithTheirTerminators)
@@ -147,29 +161,13 @@ TEST_F(NikonList, TheBodyChangesSettingsToo)
 TEST_F(NikonList, AListThatGrewSinceItWasReadDoesNotFitAndIsNoMisuse)
 {
     List white;
-    m_host.issue(m_host.source(), kMaidCommandCapGet, kMaidCapWhiteBalance, kMaidDataTypeEnumPtr,
-                 dataOf(&white.record));
-    white.array.resize(white.record.elements);
-    white.record.array = white.array.data();
-    driver().setTexts(0, kMaidCapWhiteBalance, std::string(500, 'x').c_str());
-    const Outcome outcome =
-        m_host.issue(m_host.source(), kMaidCommandCapGetArray, kMaidCapWhiteBalance,
-                     kMaidDataTypeEnumPtr, dataOf(&white.record));
-    EXPECT_EQ(outcome.result, kMaidBufferSize);
+    EXPECT_EQ(arrayAfterChange(white, std::string(500, 'x')).result, kMaidBufferSize);
 }
 
 TEST_F(NikonList, AListThatShrankSinceItWasReadTellsItsLength)
 {
     List white;
-    m_host.issue(m_host.source(), kMaidCommandCapGet, kMaidCapWhiteBalance, kMaidDataTypeEnumPtr,
-                 dataOf(&white.record));
-    white.array.resize(white.record.elements);
-    white.record.array = white.array.data();
-    driver().setTexts(0, kMaidCapWhiteBalance, "A\nB");
-    const Outcome outcome =
-        m_host.issue(m_host.source(), kMaidCommandCapGetArray, kMaidCapWhiteBalance,
-                     kMaidDataTypeEnumPtr, dataOf(&white.record));
-    EXPECT_EQ(outcome.result, kMaidOk);
+    EXPECT_EQ(arrayAfterChange(white, "A\nB").result, kMaidOk);
     EXPECT_EQ(white.record.elements, 4U);
 }
 
