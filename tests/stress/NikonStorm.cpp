@@ -53,7 +53,7 @@ public:
         std::string text =
             "picture.width = 32\npicture.height = 32\npicture.keep = 100000\n"
             "shutter.lag_ms = 1\nlog.lines = 500\n";
-        text += round % 3 == 2 ? "complete.thread = 1\ncomplete.ms = 1\n" : "";
+        text += round % 6 == 5 ? "complete.thread = 1\ncomplete.ms = 1\n" : "";
         text += round % 3 == 1 ? "events.in_all = 1\n" : "";
         text += round % 4 == 2 ? "transfer.chunk = 500\n" : "";
         text += round % 5 == 3 ? "items.remove = 2\n" : "";
