@@ -47,6 +47,22 @@ wait_for_call(b"EdsSetProgressCallback")
         self.assert_closed(ends)
         self.assertEqual([list(end.files.values()) for end in ends], [[300000]] * len(ends))
 
+    def test_a_download_that_takes_longer_than_the_patience_gives_signs_of_life(self):
+        size = int(1000000 * (PATIENCE + 3))
+        ends = self.assert_ends(
+            """
+configure(b"picture.size = {}\\ndownload.rate = 1")
+tether = start()
+wait(called)
+tether.Shoot()
+wait_for_call(b"EdsSetProgressCallback")
+""".format(size),
+            repeats=2,
+            deadline=4 * PATIENCE,
+        )
+        self.assert_closed(ends)
+        self.assertEqual([list(end.files.values()) for end in ends], [[size]] * len(ends))
+
     def test_pictures_that_are_still_in_the_queue_do_not_hold_the_end_up(self):
         self.assert_ends(
             """
@@ -388,6 +404,8 @@ wait(called)
     def test_a_finalizer_of_the_callable_that_deletes_other_objects_at_the_end(self):
         self.assert_ends(
             """
+tether = Lumatie.Lumatie()
+# Their turn to be ended comes after that of the object with the callable.
 others = [Lumatie.Lumatie() for _ in range(10)]
 
 class Callable:
@@ -398,7 +416,7 @@ class Callable:
         others.clear()
         others.append(Lumatie.Lumatie())
 
-tether = start(Callable())
+start(Callable(), tether)
 wait(called)
 """
         )

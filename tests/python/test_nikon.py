@@ -778,6 +778,19 @@ class BothMakers(NikonTestCase):
         canon.wait_for_picture(2)
         self.assertEqual(len(self.files()), 3)
 
+    def test_a_start_with_canon_ends_the_reports_of_nikon(self):
+        tether, _ = self.start(wait=True)
+        self.nikon.fault("CapGet hang")
+        self.nikon.wait_for_hang("CapGet")
+        self.assertEqual(tether.Init(CAMERA_NAME, self.folder, Host()), 1)
+        self.camera.wait_for_calls("EdsSetCapacity")
+        self.camera.settle()
+        threads = native_threads()
+        self.nikon.clear_faults()
+        self.nikon.release_hangs()
+        wait_until(lambda: native_threads() < threads, "the monitor has ended")
+        self.assertNotEqual(self.nikon.open_objects(), [])
+
     def test_a_second_start_with_the_other_maker_is_ended_by_the_same_uninit(self):
         tether, _ = self.start(wait=True)
         self.assertEqual(tether.Init(CAMERA_NAME, self.folder, Host()), 1)
