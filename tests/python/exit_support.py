@@ -24,6 +24,9 @@ STUCK_AT_ONCE = 40  # the same of those that only wait
 QUICK = 30.0  # seconds; a quick end takes a tenth of one, unless the machine is busy
 PATIENCE = 10.0  # seconds that the module waits for a session that gives no sign of life
 
+# Memory that was given back does not go on looking like what it held. This is for glibc alone.
+SPOILT_MEMORY = {"GLIBC_TUNABLES": "glibc.malloc.tcache_count=0:glibc.malloc.perturb=165"}
+
 # The exit status of a process that Ctrl-C ended, and that a termination did, as no handler of the
 # host's own was set for it.
 INTERRUPTED = 0xC000013A if ON_WINDOWS else -signal.SIGINT
@@ -129,7 +132,7 @@ class End:
             run = run_host(
                 PRELUDE.format(before_import=before_import) + script,
                 deadline,
-                environment={"LUMATIE_VIRTUAL_LOG": log},
+                environment={"LUMATIE_VIRTUAL_LOG": log, **SPOILT_MEMORY},
                 arguments=(folder, *maker[:4]),
             )
             self.seconds = time.monotonic() - begun

@@ -490,6 +490,21 @@ wait_for_hang(b"EdsDownload")
 """,
         0,
     ),
+    "download that comes back later": (
+        """
+configure(b"fault = EdsDownload hang")
+tether = start()
+wait(called)
+tether.Shoot()
+wait_for_hang(b"EdsDownload")
+atexit._run_exitfuncs()
+del tether
+gc.collect()
+camera.VirtualCameraReleaseHangs()
+wait_for_call(b"EdsTerminateSDK")
+""",
+        0,
+    ),
     "property read": (
         """
 configure(b"fault = EdsGetPropertyData hang")
@@ -547,6 +562,9 @@ class StuckSessions(StuckTestCase):
 
     def test_a_download_that_hangs_is_given_up(self):
         self.assert_given_up("download")
+
+    def test_a_download_that_comes_back_after_it_was_given_up_does_no_harm(self):
+        self.assert_given_up("download that comes back later")
 
     def test_a_property_read_that_hangs_is_given_up(self):
         self.assert_given_up("property read")

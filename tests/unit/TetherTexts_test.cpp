@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -92,12 +93,14 @@ TEST(ExportFolder, IsNeverSeenHalfWritten)
     const std::string a(255, 'a');
     const std::string b(200, 'b');
     folder.set(a.c_str());
+    std::atomic<bool> isDone{false};
     std::thread writer([&] {
-        for (int round = 0; round < 2000; ++round) {
+        for (int round = 0; round < 50'000; ++round) {
             folder.set(round % 2 == 0 ? b.c_str() : a.c_str());
         }
+        isDone = true;
     });
-    for (int round = 0; round < 2000; ++round) {
+    while (!isDone) {
         const std::string text = folder.text();
         EXPECT_TRUE(text == a || text == b) << text;
     }
