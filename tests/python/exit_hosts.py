@@ -182,3 +182,19 @@ window.itself = window
 del window
 wait(called)
 """
+
+# A process that has started a session outlives the one that it was split off from.
+LOSE_PARENT = """
+ready, tell = os.pipe()
+parent = os.getpid()
+if os.fork():
+    os.read(ready, 1)
+    os._exit(0)
+tether = start()
+wait(called)
+os.write(tell, b"x")
+while os.getppid() == parent:
+    time.sleep(0.01)
+atexit._run_exitfuncs()
+os._exit(0)
+"""

@@ -13,6 +13,7 @@ import tempfile
 import time
 import unittest
 
+import exit_hosts as hosts
 from support import CAMERA_NAME, CANON_LIBRARY, NIKON_MODULE, run_host
 from this_process import ON_WINDOWS
 
@@ -180,6 +181,13 @@ class ExitTestCase(unittest.TestCase):
         for end in ends:
             self.assertEqual([end.log.count(text) for text in self.maker.closes], [1, 1], end.log)
             self.assertNotIn("MISUSE", end.log)
+
+
+class OrphanTests:
+    """A process that was split off and outlives the one that it came from."""
+
+    def test_a_process_whose_parent_has_ended_still_ends_its_session(self):
+        self.assert_closed(self.assert_ends(hosts.LOSE_PARENT, repeats=2))
 
 
 class StuckTestCase(unittest.TestCase):

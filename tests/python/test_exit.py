@@ -14,8 +14,10 @@ from exit_support import (
     SLOW_TAKING_DOWN,
     TERMINATED,
     ExitTestCase,
+    OrphanTests,
     StuckTestCase,
 )
+from this_process import ON_WINDOWS
 
 
 class QuickEnds(ExitTestCase):
@@ -529,6 +531,11 @@ configure(b"fault = EdsRelease hang calls=0")
         7,
     ),
 }
+
+
+@unittest.skipIf(ON_WINDOWS, "no process is split off there")
+class Orphans(OrphanTests, ExitTestCase):
+    """A session whose process was split off from one that ends."""
 
 
 class StuckSessions(StuckTestCase):

@@ -90,6 +90,11 @@ class Start(NikonTestCase):
         self.assertEqual(tether.Uninit(), 1)
         self.assertEqual(tether.Uninit(), 0)
 
+    def test_a_module_in_the_working_directory_needs_no_folder_in_its_path(self):
+        self.addCleanup(os.chdir, os.getcwd())
+        os.chdir(os.path.dirname(MODULE))
+        self.start(name=os.path.basename(MODULE), wait=True)
+
     def test_a_file_that_is_no_library_returns_0(self):
         path = os.path.join(self.base, "module.md3")
         with open(path, "w", encoding="ascii") as file:

@@ -15,6 +15,7 @@ from exit_support import (
     SLOW_TAKING_DOWN,
     TELL_END,
     ExitTestCase,
+    OrphanTests,
     StuckTestCase,
 )
 from support import CAMERA_NAME
@@ -492,6 +493,11 @@ wait_for_hang(b"Close")
         0,
     ),
 }
+
+
+@unittest.skipIf(ON_WINDOWS, "no process is split off there")
+class Orphans(OrphanTests, NikonExitTestCase):
+    """A session whose process was split off from one that ends."""
 
 
 class StuckSessions(StuckTestCase):

@@ -325,6 +325,29 @@ TEST_F(LumatieTest, SettingsForADriverModuleReachNoCamera)
     EXPECT_EQ(VirtualCameraCallCount("*"), 0);
 }
 
+// The interpreter's end.
+
+TEST(LumatieEndTest, AnObjectThatIsDeletedMeanwhileIsLeftAlone)
+{
+    const auto act = [] {
+        const InterpreterLock lock;
+        Lumatie first;
+        alignas(Lumatie) unsigned char room[sizeof(Lumatie)];
+        auto* second = new (room) Lumatie;
+        // Runs when the first object lets go of its callable.
+        std::shared_ptr<void> atItsEnd(nullptr, [&](void*) {
+            second->~Lumatie();
+            std::fill(std::begin(room), std::end(room), static_cast<unsigned char>(0));
+        });
+        PyObject* callable = makeCallable([guard = std::move(atItsEnd)](PyObject*) {});
+        first.Init("no camera's name", "folder", callable);
+        Py_DECREF(callable);
+        Lumatie::endAllSessions();
+        std::_Exit(0);
+    };
+    EXPECT_EXIT(act(), testing::ExitedWithCode(0), "");
+}
+
 // The interpreter lock.
 
 TEST_F(LumatieTest, AStartGivesUpTheInterpreterLockMeanwhile)

@@ -61,6 +61,16 @@ TEST_F(FileTest, ARemovedFileIsGoneAndCanBeRemovedAgain)
     EXPECT_TRUE(platform::removeFile(path.c_str()));
 }
 
+TEST_F(FileTest, AFileThatIsThereIsEmptiedWhenItIsCreated)
+{
+    const std::string path = makeFile();
+    std::ofstream(fs::u8path(path)) << "content";
+    std::FILE* file = platform::createFile(path.c_str());
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(std::fclose(file), 0);
+    EXPECT_EQ(fs::file_size(fs::u8path(path)), 0U);
+}
+
 TEST_F(FileTest, AFolderIsNotRemoved)
 {
     EXPECT_FALSE(platform::removeFile(m_folder.u8string().c_str()));

@@ -126,6 +126,8 @@ TEST_F(PyCallbackTest, ATextThatIsNoUtf8CallsWithoutArgumentsAndPrintsTheError)
     set(channel, m_recorder.object());
     const std::string errors = errorsOf([&] { channel.Call("is", 0, "\xFF"); });
     EXPECT_NE(errors.find("UnicodeDecodeError"), std::string::npos) << errors;
+    // Nothing was pending any more when the callable was called.
+    EXPECT_EQ(errors.find("SystemError"), std::string::npos) << errors;
     EXPECT_EQ(m_recorder.calls(), (Calls{"()"}));
 }
 
@@ -330,6 +332,23 @@ TEST_F(PyCallbackTest, TheEndOfTheOldCallableMayStoreAnotherOne)
     Py_DECREF(callable);
 
     channel.SetCallback(nullptr);
+    channel.Call("i", 1);
+    EXPECT_EQ(m_recorder.calls(), (Calls{"(1,)"}));
+}
+
+TEST_F(PyCallbackTest, WhatTheEndOfTheOldCallableHasStoredGivesWayToTheNewOne)
+{
+    Channel channel;
+    const InterpreterLock lock;
+    PyObject* meanwhile = makeCallable([](PyObject*) {});
+    std::shared_ptr<void> atItsEnd(nullptr, [&](void*) { channel.SetCallback(meanwhile); });
+    PyObject* callable = makeCallable([guard = std::move(atItsEnd)](PyObject*) {});
+    channel.SetCallback(callable);
+    Py_DECREF(callable);
+
+    channel.SetCallback(m_recorder.object());
+    EXPECT_EQ(Py_REFCNT(meanwhile), 1);
+    Py_DECREF(meanwhile);
     channel.Call("i", 1);
     EXPECT_EQ(m_recorder.calls(), (Calls{"(1,)"}));
 }
@@ -548,6 +567,20 @@ TEST(InterpreterEndTest, ACallableThatRaisesSystemExitEndsTheProcessWithItsStatu
         std::_Exit(0);
     };
     EXPECT_EXIT(act(), testing::ExitedWithCode(7), "");
+}
+
+TEST(InterpreterEndTest, ACallableThatRaisesSystemExitHasTheExitFunctionsRun)
+{
+    const auto act = [] {
+        const InterpreterLock lock;
+        runPython(
+            "import atexit, os, sys\n"
+            "atexit.register(lambda: os.write(2, b'left'))\n"
+            "def leaving(*values): sys.exit(7)\n");
+        sendTo(mainObject("leaving"));
+        std::_Exit(0);
+    };
+    EXPECT_EXIT(act(), testing::ExitedWithCode(7), "left");
 }
 
 }  // namespace

@@ -143,6 +143,14 @@ TEST(LastFile, OfTheOwnThreadIsNotMixedUpWithAnotherThreads)
     EXPECT_EQ(file.take(), "/a/mine.jpg");
 }
 
+TEST(LastFile, OfTheOwnThreadComesBeforeAnotherThreads)
+{
+    LastFile file;
+    file.set("/a/mine.jpg");
+    onAnotherThread([&] { file.set("/b/theirs.jpg"); });
+    EXPECT_EQ(file.take(), "/a/mine.jpg");
+}
+
 TEST(LastFile, OfTheOwnThreadOutlivesTheHostsClearing)
 {
     LastFile file;

@@ -1,6 +1,7 @@
 // What only POSIX systems have to answer: their kinds of files, and the settings file.
 #include "platform/Platform.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 
 #include <optional>
@@ -40,6 +41,15 @@ TEST_F(FileTest, ALinkIsWhatItPointsTo)
     EXPECT_EQ(attributes((m_folder / "link").u8string()), 0x20U);
     fs::create_symlink(m_folder / "nothing", m_folder / "broken");
     EXPECT_EQ(attributes((m_folder / "broken").u8string()), 0xFFFFFFFFU);
+}
+
+TEST(Library, HasItsFunctionsForItselfAlone)
+{
+    std::string error;
+    const auto library = platform::Library::load(LUMATIE_VIRTUAL_DIR "/VirtualNikon.md3", error);
+    ASSERT_NE(library, nullptr) << error;
+    EXPECT_NE(library->function("MAIDEntryPoint"), nullptr);
+    EXPECT_EQ(::dlsym(RTLD_DEFAULT, "MAIDEntryPoint"), nullptr);
 }
 
 class SettingsFileTest : public testing::Test
