@@ -670,6 +670,22 @@ TEST_F(CanonSessionTest, ASessionStartedWhileAnOldOnesEndIsPutOffIsOpenedBehindI
     EXPECT_EQ(VirtualCameraReferenceCount(""), 0);
 }
 
+TEST_F(CanonSessionTest, ASessionStartedWhileAnOldOnesEndIsPutOffIsNotOpenedBefore)
+{
+    silence();
+    std::atomic<int> opened{-1};
+    OnceObserver old([&] {
+        canon::CanonClose(m_state, old);
+        init();
+        opened = VirtualCameraWaitForCalls("EdsOpenSession", 2, 100);
+    });
+    ASSERT_EQ(canon::CanonInit(m_state, old, kName), 1);
+    EXPECT_TRUE(waitFor([&] { return opened != -1; }));
+    EXPECT_EQ(opened, 0);
+    EXPECT_EQ(VirtualCameraWaitForCalls("EdsOpenSession", 2, 5000), 1);
+    close();
+}
+
 // Driving.
 
 struct SettingCase {
