@@ -192,6 +192,26 @@ TEST(Observable, TellsTheFirstAndTheLastOnceWhenTheyRemoveThemselves)
     EXPECT_EQ(lines, (Lines{"C", "B", "A", "B"}));
 }
 
+TEST(Observable, TellsTheOneThatIsLeftOnceWhenTheOthersAreRemoved)
+{
+    CameraModel model(nullptr);
+    Lines lines;
+    FunctionObserver a = named("A", lines);
+    FunctionObserver b = named("B", lines);
+    FunctionObserver* self = nullptr;
+    FunctionObserver c([&](const CameraEvent&) {
+        lines.emplace_back("C");
+        model.removeObserver(self);
+        model.removeObserver(&a);
+    });
+    self = &c;
+    model.addObserver(&a);
+    model.addObserver(&b);
+    model.addObserver(&c);
+    model.notify("DeviceBusy");
+    EXPECT_EQ(lines, (Lines{"C", "B"}));
+}
+
 TEST(Observable, LeavesItsObserversAlone)
 {
     RecordingObserver observer;

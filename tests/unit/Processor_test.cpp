@@ -523,7 +523,8 @@ TEST_F(ProcessorTest, KeepsAPosterWaitingForAboutOneIdlePause)
     m_processor.startAndWait();
     const auto begin = Clock::now();
     for (int i = 0; i < 50; ++i) {
-        // The worker is idle each time.
+        // The worker is idle each time, its pause behind a command being over.
+        std::this_thread::sleep_for(milliseconds(5));
         post("A");
         ASSERT_TRUE(m_journal.waitForLines(static_cast<std::size_t>(2 * i) + 2));
     }
