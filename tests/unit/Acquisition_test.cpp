@@ -528,4 +528,14 @@ TEST(WrittenItems, AnItemThatIsGoneBeforeItWasWrittenDoesNotCount)
     EXPECT_FALSE(items.contains(5));
 }
 
+TEST(WrittenItems, AnItemStaysGoneWhenAnotherOneGoesBehindIt)
+{
+    nikon::WrittenItems items;
+    items.begin(5);
+    items.remove(5);
+    items.remove(6);
+    items.add();
+    EXPECT_FALSE(items.contains(5));
+}
+
 }  // namespace

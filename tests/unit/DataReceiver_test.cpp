@@ -69,6 +69,16 @@ TEST_F(DataReceiverTest, PartsThatSumExactlyToTheTotalMakeOneFile)
     EXPECT_EQ(contentOf(onlyFile()), "abcdefgh");
 }
 
+TEST_F(DataReceiverTest, APictureOfSeveralMegabytesIsWrittenByteForByte)
+{
+    std::string content(3'000'005, '\0');
+    for (std::size_t i = 0; i < content.size(); ++i) {
+        content[i] = static_cast<char>(i % 251);
+    }
+    EXPECT_EQ(take(fake::wholeFile(content)), kMaidOk);
+    EXPECT_TRUE(contentOf(onlyFile()) == content);
+}
+
 TEST_F(DataReceiverTest, AFileIsNamedAfterItsFolderVendorSecondNumberAndType)
 {
     take(fake::wholeFile("a"));

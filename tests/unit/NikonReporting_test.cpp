@@ -1,6 +1,7 @@
 // How the camera's settings are read, reported and changed.
 #include "nikon/NikonReporting.h"
 
+#include <algorithm>
 #include <functional>
 #include <limits>
 
@@ -282,9 +283,10 @@ TEST_F(NikonReportingTest, ACurrentValueBeyondTheEndIsUnknown)
 {
     for (const std::uint32_t current : {2U, 1'000'000U, 0xFFFFFFFFU}) {
         cap(kMaidCapShutterSpeed).record.value = current;
-        cap(kMaidCapExposureMode).record.value = current + 2;
+        cap(kMaidCapExposureMode).record.value = std::max(current, 4U);
         cap(kMaidCapImageQuality).record.value = current;
         EXPECT_EQ(report(), 1);
+        EXPECT_EQ(m_receiver.events.front(), "(1, )");
         EXPECT_EQ(m_receiver.events[1], "(3, 0)");
         EXPECT_EQ(m_receiver.events.back(), "(13, )");
     }

@@ -50,12 +50,17 @@ TEST(Thread, KnowsTheThreadThatItRunsOn)
     GatedThread thread;
     EXPECT_FALSE(thread.runsOn(std::this_thread::get_id()));
     std::atomic<bool> runsOnItself{false};
-    thread.m_atEnd = [&] { runsOnItself = thread.runsOn(std::this_thread::get_id()); };
+    std::thread::id id;
+    thread.m_atEnd = [&] {
+        id = std::this_thread::get_id();
+        runsOnItself = thread.runsOn(id);
+    };
     thread.start();
     thread.letGo();
     thread.join();
     EXPECT_TRUE(runsOnItself);
     EXPECT_FALSE(thread.runsOn(std::this_thread::get_id()));
+    EXPECT_FALSE(thread.runsOn(id));
 }
 
 TEST(Thread, IsJoinedAtOnceWhenItWasNeverStarted)
