@@ -45,6 +45,13 @@ protected:
     // A read of the liveness number.
     bool read() { return nikon::GetUnsigned(driver(), m_source, kMaidCapLiveness, 0).has_value(); }
 
+    // The same into `number`.
+    bool read(const std::shared_ptr<std::uint32_t>& number)
+    {
+        return nikon::GetCapability(driver(), m_source, kMaidCapLiveness, kMaidDataTypeUnsignedPtr,
+                                    nikon::dataOf(number), number);
+    }
+
     // How the next such read is completed.
     void completeAfter(int polls, int times = 1)
     {
@@ -223,6 +230,31 @@ TEST_F(MaidDriverTest, ACompletionAfterTheSessionsEndFindsNobody)
     m_tree->CloseTree();
     m_tree.reset();
     m_source.reset();
+    maid.completeAll();
+    openWith(impatient());
+}
+
+TEST_F(MaidDriverTest, WhatACompletedCommandHasUsedIsGivenBack)
+{
+    auto number = std::make_shared<std::uint32_t>(0);
+    const std::weak_ptr<std::uint32_t> kept = number;
+    EXPECT_TRUE(read(number));
+    number.reset();
+    EXPECT_TRUE(kept.expired());
+}
+
+TEST_F(MaidDriverTest, WhatACommandThatWasGivenUpUsesIsKeptUntilTheSessionsEnd)
+{
+    auto number = std::make_shared<std::uint32_t>(0);
+    const std::weak_ptr<std::uint32_t> kept = number;
+    completeAfter(fake::kNever);
+    EXPECT_FALSE(read(number));
+    number.reset();
+    EXPECT_FALSE(kept.expired());
+    m_tree->CloseTree();
+    m_tree.reset();
+    m_source.reset();
+    EXPECT_TRUE(kept.expired());
     maid.completeAll();
     openWith(impatient());
 }

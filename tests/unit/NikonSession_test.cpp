@@ -234,6 +234,14 @@ protected:
     MachineSettings m_settings;
 };
 
+TEST_F(ModulePathTest, AModuleThatIsLoadedAlreadyIsShared)
+{
+    const char* const path = LUMATIE_VIRTUAL_DIR "/VirtualNikon.md3";
+    const auto library = nikon::MaidLibrary::load(path);
+    EXPECT_NE(library, nullptr);
+    EXPECT_EQ(nikon::MaidLibrary::load(path), library);
+}
+
 TEST_F(ModulePathTest, AFileThatIsNoLibraryReturns0AndTheLogSaysWhy)
 {
     const std::string path = m_folder.path() + "/Type0001.md3";
