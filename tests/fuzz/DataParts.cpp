@@ -8,10 +8,10 @@
 #include <string>
 
 #include "Input.h"
+#include "Scratch.h"
 #include "Seams.h"
 #include "TetherTexts.h"
 #include "nikon/DataReceiver.h"
-#include "platform/Platform.h"
 
 // More memory than this is not to be had, as on a machine that has none. Without the sanitizer
 // there would be some: such a part ends the input then.
@@ -33,32 +33,6 @@ using fuzz::Input;
 
 constexpr std::uint64_t kMostMemory = std::uint64_t{64} << 20U;
 constexpr std::size_t kMostParts = 24;
-
-// The pictures' folder, in memory where the system has such a place. Removed at the end.
-class Scratch
-{
-public:
-    Scratch()
-    {
-        const fs::path memory = "/dev/shm";
-        const fs::path base = fs::is_directory(memory) ? memory : fs::temp_directory_path();
-        m_path = (base / ("lumatie-fuzz-" + std::to_string(platform::processNumber()))).string();
-        fs::create_directories(m_path);
-    }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-    ~Scratch()
-    {
-        std::error_code ignored;
-        fs::remove_all(m_path, ignored);
-    }
-
-    const std::string& path() const { return m_path; }
-    bool isEmpty() const { return fs::directory_iterator(m_path) == fs::directory_iterator(); }
-
-private:
-    std::string m_path;
-};
 
 // A part as the module describes it, and its bytes.
 struct Part {
@@ -198,7 +172,7 @@ std::string contentOf(const std::string& path)
 class Run
 {
 public:
-    Run(const Scratch& scratch, Input& input) : m_scratch(scratch), m_input(input)
+    Run(const fuzz::Scratch& scratch, Input& input) : m_scratch(scratch), m_input(input)
     {
         m_handle = nikon::receivers().add(m_receiver);
         chooseFolder();
@@ -315,7 +289,7 @@ private:
         m_picture = std::nullopt;
     }
 
-    const Scratch& m_scratch;
+    const fuzz::Scratch& m_scratch;
     Input& m_input;
     const std::shared_ptr<nikon::DataReceiver> m_receiver =
         std::make_shared<nikon::DataReceiver>(1, std::make_shared<nikon::LifeSigns>());
@@ -330,7 +304,7 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const Scratch scratch;
+    static const fuzz::Scratch scratch;
     Input input(data, size);
     Run(scratch, input).deliverAll();
     return 0;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Input.h"
+#include "Scratch.h"
 #include "ScriptedCamera.h"
 #include "StormModule.h"
 #include "TetherTexts.h"
@@ -187,8 +188,13 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    g_szExportFolder.set("");  // pictures are made nowhere
+    static const fuzz::Scratch scratch;
     Input input(data, size);
+    const bool hasFolder = input.flag();
+    g_szExportFolder.set(hasFolder ? scratch.path().c_str() : "");
     Storm(input).run();
+    if (hasFolder) {
+        scratch.clear();
+    }
     return 0;
 }
