@@ -398,6 +398,18 @@ TEST_F(AcquisitionTest, AnItemThatIsRemovedInsideItsAcquisitionDoesNoHarm)
     EXPECT_EQ(acquire(), Lines{});
 }
 
+TEST_F(AcquisitionTest, AnItemThatIsRemovedInsideItsAcquisitionLosesItsDataProcedure)
+{
+    maid.addItem(5, {fake::wholeFile("abc")});
+    maid.during(kMaidCommandCapStart, kMaidCapAcquire, [&](const fake::Call& call) {
+        call.object->at(kMaidCapDataProc).callback = {};
+        fake::Maid::raise(*maid.source, kMaidEventRemoveChild, 5);
+        maid.removeItem(5);
+    });
+    acquire();
+    EXPECT_EQ(maid.count("Data CapSet 0x4 none"), 1);
+}
+
 TEST_F(AcquisitionTest, ACameraThatIsRemovedInsideAnAcquisitionEndsThePass)
 {
     maid.addItem(5, {fake::wholeFile("abc")});

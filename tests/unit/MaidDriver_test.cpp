@@ -184,6 +184,31 @@ TEST_F(MaidDriverTest, ASignOfLifeProlongsTheWait)
     module.join();
 }
 
+TEST_F(MaidDriverTest, AnEventIsASignOfLife)
+{
+    fake::Rule rule{kMaidCommandCapGet, kMaidCapLiveness};
+    rule.polls = fake::kNever;
+    maid.rule(rule);
+    std::vector<std::thread> threads;
+    std::thread module([&] {
+        EXPECT_TRUE(waitFor([&] { return maid.outstanding() == 1; }));
+        for (int i = 0; i < 8; ++i) {
+            std::this_thread::sleep_for(impatient().running / 4);
+            // Each waits for the end of the command.
+            threads.emplace_back(
+                [&] { fake::Maid::raise(*maid.source, kMaidEventCapChangeValue, 1); });
+        }
+        maid.completeAll();
+    });
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(read());
+    module.join();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    testing::internal::GetCapturedStdout();
+}
+
 TEST_F(MaidDriverTest, AStopShortensAWaitThatIsUnderWayAndFailsTheRest)
 {
     m_tree->CloseTree();
@@ -335,6 +360,23 @@ TEST_F(MaidDriverTest, WhoWaitsBehindACommandThatNeverReturnsGivesUp)
     EXPECT_FALSE(read());
     maid.releaseHangs();
     EXPECT_TRUE(hanging.get());
+}
+
+TEST_F(MaidDriverTest, NobodyWaitsLongBehindASessionThatWasLeftBehind)
+{
+    const auto library = maid.library();
+    nikon::Timing timing = impatient();
+    timing.running = 10s;
+    MaidDriver left(library, timing);
+    MaidDriver other(library, timing);
+    const MaidDriver::Guard inside(left);
+    left.noteLeftBehind();
+    auto waiting = std::async(std::launch::async, [&] {
+        const MaidDriver::Guard guard(other);
+        return static_cast<bool>(guard);
+    });
+    ASSERT_EQ(waiting.wait_for(5s), std::future_status::ready);
+    EXPECT_FALSE(waiting.get());
 }
 
 TEST_F(MaidDriverTest, OnlyAModuleThatHasAThreadInsideSinceTheStopHangs)

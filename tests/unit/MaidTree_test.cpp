@@ -212,6 +212,16 @@ TEST_F(MaidTreeTest, ASourceThatAnEventHasOpenedIsTaken)
     EXPECT_EQ(m_tree->source(), m_tree->FindChild(m_tree->root(), 1));
 }
 
+TEST_F(MaidTreeTest, ASourceThatIsRemovedWhileItIsOpenedIsNotTaken)
+{
+    ASSERT_TRUE(m_tree->OpenModule());
+    maid.during(kMaidCommandCapSet, kMaidCapEventProc, [&](const fake::Call& /*call*/) {
+        fake::Maid::raise(maid.module, kMaidEventRemoveChild, 1);
+    });
+    EXPECT_FALSE(m_tree->OpenSource());
+    EXPECT_EQ(m_tree->source(), nullptr);
+}
+
 TEST_F(MaidTreeTest, AModuleWhoseChildrenAreEmptyHasNoCamera)
 {
     maid.module.children.clear();

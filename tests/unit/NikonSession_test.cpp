@@ -439,6 +439,16 @@ TEST_F(NikonSessionTest, ACameraUnderAnotherIdIsClosedToo)
     EXPECT_EQ(maid.openObjects(), 0U);
 }
 
+TEST_F(NikonSessionTest, NothingIsReportedInThePause)
+{
+    nikon::Timing timing = impatient();
+    timing.pause = 60s;
+    ASSERT_EQ(nikon::NikonStart(m_state, m_tether, maid.library(), timing), 1);
+    ASSERT_TRUE(waitFor([&] { return eventsOf(13) == 1; }));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(eventsOf(1), 1);
+}
+
 TEST_F(NikonSessionTest, TheEndDoesNotWaitForThePause)
 {
     nikon::Timing timing = impatient();
@@ -582,6 +592,20 @@ TEST_F(NikonSessionTest, ACaptureThatIsNeverCompletedIsGivenUpAtTheEndAndAllIsCl
     maid.completeAll();
 }
 
+TEST_F(NikonSessionTest, AWaitThatMayTakeLongIsGivenUpSoonAtTheEnd)
+{
+    nikon::Timing timing = impatient();
+    timing.running = 60s;
+    fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
+    rule.polls = fake::kNever;
+    maid.rule(rule);
+    ASSERT_EQ(nikon::NikonStart(m_state, m_tether, maid.library(), timing), 1);
+    shootUntil([&] { return maid.outstanding() == 1; });
+    EXPECT_LT(timeOfUninit(), 5s);
+    EXPECT_EQ(maid.openObjects(), 0U);
+    maid.completeAll();
+}
+
 // The module and its camera.
 constexpr std::size_t kLeftOpen = 2;
 
@@ -643,6 +667,15 @@ TEST_F(NikonSessionTest, SettingWhileTheModuleHangsReturnsInTheEnd)
     EXPECT_EQ(nikon::NikonSetValue(m_state, TETHER_ISO, 1), 1);
     EXPECT_EQ(maid.setValues, std::vector<std::uint32_t>{});
     maid.releaseHangs();
+}
+
+TEST_F(NikonSessionTest, AStartWhoseEndIsRequestedMeanwhileReturns0AndClosesAll)
+{
+    maid.during(kMaidCommandCapGet, kMaidCapChildren,
+                [&](const fake::Call& /*call*/) { session()->requestEnd(); });
+    EXPECT_EQ(init(), 0);
+    EXPECT_EQ(maid.openObjects(), 0U);
+    EXPECT_FALSE(nikon::NikonHasSessions(m_state));
 }
 
 TEST_F(NikonSessionTest, AnEndWhileTheStartHangsDoesNotWaitForEver)
