@@ -651,10 +651,12 @@ TEST_F(NikonSessionTest, AModuleThatCompletesNothingAnyMoreIsLeftBehind)
         maid.rule(rule);
     }
     EXPECT_TRUE(waitFor([&] { return maid.outstanding() == 1; }));
+    const std::weak_ptr<nikon::NikonSession> left = session();
     EXPECT_LT(timeOfUninit(), 5s);
     m_left = kLeftOpen;
     EXPECT_EQ(maid.openObjects(), m_left);
     // Late, and nothing that it touches is gone.
+    EXPECT_FALSE(left.expired());
     maid.completeAll();
     fake::Maid::raise(*maid.source, kMaidEventCapChangeValue, 1);
 }
