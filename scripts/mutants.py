@@ -297,8 +297,10 @@ class Process:
 
 
 def run(suites):
-    """Runs suites side by side until one fails; returns (suite, Failure, those not run to the end),
-    or None."""
+    """Runs suites side by side until one fails.
+
+    Returns it, its Failure and the suites that were not run to the end; None when all pass.
+    """
     waiting, running = list(suites), []
     try:
         while waiting or running:
@@ -356,6 +358,7 @@ def check_unchanged(mutants, python, results, digest):
                 groups[group[0].name] = group
             elif isinstance(group[0], CppSuite):
                 check_selection(mutant)
+    check_names(sorted({name for mutant in mutants for name in mutant.python}), python)
     passed = results.setdefault("unchanged", {})
     for name, group in groups.items():
         if passed.get(name) == digest:
@@ -383,6 +386,25 @@ def check_selection(mutant):
     ]
     if missing:
         raise TableError("mutant {}: no test {}".format(mutant.number, ", ".join(missing)))
+
+
+def check_names(names, python):
+    """The same for names of Python tests: one that is unknown would fail with every mutant."""
+    script = (
+        "import sys, unittest\n"
+        "for name in sys.argv[1:]:\n"
+        "    tests = unittest.defaultTestLoader.loadTestsFromName(name)\n"
+        "    if not tests.countTestCases() or '_FailedTest' in repr(tests): print(name)\n"
+    )
+    missing = subprocess.run(
+        [python, "-c", script, *names],
+        env={**os.environ, **PythonSuite(python, "").variables},
+        stdout=subprocess.PIPE,
+        text=True,
+        check=True,
+    ).stdout.split()
+    if missing:
+        raise TableError("no Python test {}".format(", ".join(missing)))
 
 
 def listed(listing):
