@@ -103,7 +103,7 @@ def copy_sources():
     digest = hashlib.sha256()
     wanted = set()
     for folder, folders, files in os.walk(ROOT):
-        folders[:] = sorted(set(folders) - {"build", ".git", "__pycache__"})
+        folders[:] = sorted(set(folders) - {"build", ".git", ".ruff_cache", "__pycache__"})
         for name in sorted(files):
             original = pathlib.Path(folder, name)
             relative = original.relative_to(ROOT)

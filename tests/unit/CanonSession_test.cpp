@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
+#include <future>
 
 #include "CanonTestSupport.h"
 #include "TetherEvents.h"
@@ -684,6 +686,24 @@ TEST_F(CanonSessionTest, ASessionStartedWhileAnOldOnesEndIsPutOffIsNotOpenedBefo
     EXPECT_EQ(opened, 0);
     EXPECT_EQ(VirtualCameraWaitForCalls("EdsOpenSession", 2, 5000), 1);
     close();
+}
+
+TEST_F(CanonSessionTest, ASessionThatIsEndedDoesNotWaitForAnOldOnesEndThatIsPutOff)
+{
+    silence();
+    std::atomic<int> restarted{-1};
+    std::promise<void> ended;
+    OnceObserver old([&] {
+        canon::CanonClose(m_state, old);
+        restarted = init();
+        EXPECT_EQ(ended.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    });
+    ASSERT_EQ(canon::CanonInit(m_state, old, kName), 1);
+    EXPECT_TRUE(waitFor([&] { return restarted == 1; }));
+    // By then its worker waits for the old one's end.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    close();
+    ended.set_value();
 }
 
 // Driving.
