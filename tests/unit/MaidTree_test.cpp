@@ -160,6 +160,16 @@ TEST_F(MaidTreeTest, AModuleThatAnswersTheDescriptorCommandsWithMinus124IsAskedA
     EXPECT_EQ(m_tree->root()->caps->size(), 5U);
 }
 
+TEST_F(MaidTreeTest, DescriptorsThatComeLaterAreTaken)
+{
+    fake::Rule rule{kMaidCommandGetCapInfo};
+    rule.polls = 2;
+    rule.result = kMaidPending;
+    maid.rule(rule);
+    EXPECT_TRUE(m_tree->OpenModule());
+    EXPECT_FALSE(m_tree->root()->caps->empty());
+}
+
 TEST_F(MaidTreeTest, AModuleThatAlwaysAnswersMinus124IsGivenUp)
 {
     maid.refuse(kMaidCommandGetCapInfo, fake::kAny, kMaidBufferSize, 0);
