@@ -511,7 +511,7 @@ def write_docs(mutants, results):
         "Written by `scripts/mutants.py --docs`; not by hand. Each mutant is a fault that was put",
         "into one line of the module's sources, chosen by hand (`tests/mutants/mutants.toml` has",
         "the lines), to see whether a test notices. Which test that is says the last column: the",
-        "first that failed, and failed again alone.",
+        "first that failed, and failed again alone, or the first that hung.",
         "",
         "- {} mutants in {} files, {} minutes".format(
             len(mutants), len({mutant.file for mutant in mutants}), minutes
