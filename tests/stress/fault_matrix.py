@@ -46,8 +46,8 @@ FAULTS = {
     "interpreter ends": ("hang", True, "ends"),
     "Uninit": ("hang", True, "uninit"),
 }
-# In these the session goes on, and has to deliver whatever the camera handed over.
-LASTING = ("error", "error each time", "busy 3 times", "hang", "slow by 2 s")
+# In these the session gets well, and has to deliver whatever the camera handed over.
+PASSING = ("error", "busy 3 times", "hang", "slow by 2 s")
 
 Call = collections.namedtuple("Call", "maker name rule arm kind unless")
 
@@ -177,8 +177,8 @@ class Cell:
             return picture["listed"] > 0
         if not picture["to_host"] or not picture["announced"]:
             return True
-        # It was offered: a session that goes on has to take it.
-        return picture["complete"] == 0 and self.fault not in LASTING
+        # It was offered: a session that is well has to take it.
+        return picture["complete"] == 0 and self.fault not in PASSING
 
 
 def _summarize(init, whole, failed, left):

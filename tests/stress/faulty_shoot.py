@@ -32,7 +32,7 @@ import support  # noqa: E402
 
 HELD = 1.5  # seconds that a held call takes
 ANSWER = 3.0  # seconds after which a picture that did not come is not waited for any more
-LONG = 60.0  # seconds for what is tried again and again in the end
+LONG = 15.0  # seconds for what is tried again and again in the end
 MET = 20.0  # seconds within which the rule must have been met
 
 
