@@ -18,7 +18,15 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "
 
 from calls import clock_offset, parse, time_inside  # noqa: E402
 from nikon_support import MODULE, VirtualNikon  # noqa: E402
-from support import CAMERA_NAME, ISO, Host, Lumatie, VirtualCamera, wait_until  # noqa: E402
+from support import (  # noqa: E402
+    CAMERA_NAME,
+    ISO,
+    Host,
+    Lumatie,
+    VirtualCamera,
+    picture_path,
+    wait_until,
+)
 
 PICTURE_SIZE = 60_000_000
 TAKE_PICTURE = "EdsSendCommand"
@@ -55,7 +63,7 @@ class Session:
 
     def take_picture_file(self, text, content):
         """Checks and removes the file that a new-picture event names."""
-        path = text[len("{'GENERAL_NEWFILE':r'") : -len("'}")]
+        path = picture_path(text)
         with open(path, "rb") as file:
             if file.read() != content:
                 raise SystemExit("not the picture that was taken: " + path)

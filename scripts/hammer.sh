@@ -34,6 +34,7 @@ for maker in canon nikon; do
     name=$results/hammer-$sanitizer-$maker
     note "hammer, $sanitizer"
     cat "$name.log"
+    # grep fails when it counts none.
     reports=$(grep -cE 'WARNING: ThreadSanitizer|ERROR: (Address|Leak)Sanitizer|runtime error:' \
         "$name.err") || true
     printf 'reports by the sanitizer %s\n' "$reports"

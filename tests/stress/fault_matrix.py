@@ -59,6 +59,19 @@ def read_calls():
     return [Call(*(field.strip() for field in row)) for row in rows]
 
 
+def shoot(cell, result):
+    """Runs faulty_shoot.py with a cell. The file `result`, in its own folder, gets the outcome."""
+    return subprocess.run(
+        [sys.executable, str(HERE / "faulty_shoot.py"), result, json.dumps(cell)],
+        check=False,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE,
+        timeout=DEADLINE,
+        env=dict(os.environ, PYTHONFAULTHANDLER="1", TMPDIR=os.path.dirname(result)),
+    )
+
+
 class Cell:
     """One call with one fault. `run()` makes `faults`, what is wrong, and `summary`, in short."""
 
@@ -82,17 +95,8 @@ class Cell:
         """Runs the shoot, and judges it."""
         with tempfile.TemporaryDirectory(prefix="lumatie-matrix-") as base:
             result = os.path.join(base, "result")
-            command = [sys.executable, str(HERE / "faulty_shoot.py"), result, self._order()]
             try:
-                run = subprocess.run(
-                    command,
-                    check=False,
-                    stdin=subprocess.DEVNULL,
-                    stdout=subprocess.DEVNULL,
-                    stderr=subprocess.PIPE,
-                    timeout=DEADLINE,
-                    env=dict(os.environ, PYTHONFAULTHANDLER="1", TMPDIR=base),
-                )
+                run = shoot(self._order(), result)
                 self._judge_process(run.returncode, run.stderr.decode(errors="replace"))
             except subprocess.TimeoutExpired:
                 self.faults.append("did not end within {} s".format(DEADLINE))
@@ -104,16 +108,14 @@ class Cell:
         return self
 
     def _order(self):
-        return json.dumps(
-            {
-                "maker": self.call.maker,
-                "rule": self.rule,
-                "arm": self.call.arm,
-                "sign": self._sign(),
-                "holds": self.holds,
-                "during": self.during,
-            }
-        )
+        return {
+            "maker": self.call.maker,
+            "rule": self.rule,
+            "arm": self.call.arm,
+            "sign": self._sign(),
+            "holds": self.holds,
+            "during": self.during,
+        }
 
     def _sign(self):
         """What the call log, or the settings, show of a fault that was met."""
@@ -196,8 +198,7 @@ def judge_completeness(calls):
         with tempfile.TemporaryDirectory(prefix="lumatie-matrix-") as base:
             result = os.path.join(base, "result")
             cell = {"maker": maker, "rule": "", "arm": "", "sign": "", "holds": False, "during": ""}
-            command = [sys.executable, str(HERE / "faulty_shoot.py"), result, json.dumps(cell)]
-            subprocess.run(command, check=True, stdout=subprocess.DEVNULL, timeout=DEADLINE)
+            shoot(cell, result).check_returncode()
             with open(result, encoding="utf-8") as file:
                 made = {call for call in json.load(file)["calls"] if " " not in call}
         faults += ["{} has no row: {}".format(maker, call) for call in sorted(made - kinds)]
