@@ -9,12 +9,12 @@
 #include <utility>
 #include <vector>
 
+#include "EdSdkCodes.h"
 #include "PyCallback.h"
 #include "TetherEvents.h"
 #include "canon/CameraModel.h"
 #include "canon/CanonReporting.h"
 #include "canon/CanonTables.h"
-#include "canon/EdSdkCodes.h"
 #include "canon/Observable.h"
 
 namespace {

@@ -2,11 +2,14 @@
 // issued again.
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "Maid.h"
 #include "PromptModule.h"
-#include "Replay.h"
+#include "nikon/MaidDriver.h"
 #include "nikon/MaidTree.h"
 #include "nikon/NikonReporting.h"
 #include "platform/Platform.h"
@@ -34,26 +37,82 @@ public:
     int events = 0;
 };
 
+// The entry point that commands are written down for, and those that were.
+struct Recording {
+    struct Call {
+        MaidObject* object;
+        std::uint32_t command;
+        std::uint32_t parameter;
+        std::uint32_t dataType;
+    };
+
+    MaidEntryPoint module = nullptr;
+    bool isOn = false;
+    std::vector<Call> calls;
+};
+
+Recording g_recording;
+
+MaidResult MAIDAPI writeDown(MaidObject* object, std::uint32_t command, std::uint32_t parameter,
+                             std::uint32_t dataType, MaidData data,
+                             MaidCompletionProcedure completion, MaidReference reference)
+{
+    if (g_recording.isOn) {
+        g_recording.calls.push_back({object, command, parameter, dataType});
+    }
+    return g_recording.module(object, command, parameter, dataType, data, completion, reference);
+}
+
+void MAIDAPI noteCompletion(MaidObject* /*object*/, std::uint32_t /*command*/,
+                            std::uint32_t /*parameter*/, std::uint32_t /*dataType*/,
+                            MaidData /*data*/, MaidReference reference, MaidResult result)
+{
+    *static_cast<MaidResult*>(reference) = result;
+}
+
+// Issues what was written down, with data of its own: nothing but the calls. Returns whether each
+// was done.
+bool replay()
+{
+    static std::vector<unsigned char> room(std::size_t{64} * 1024);  // for any array that is read
+    std::uint32_t number = 0;
+    MaidEnum record = {};
+    bool good = true;
+    for (const Recording::Call& call : g_recording.calls) {
+        // An array is read into the record that was read just before.
+        record.array = room.data();
+        const auto data = call.dataType == kMaidDataTypeUnsignedPtr
+                              ? reinterpret_cast<MaidData>(&number)
+                              : reinterpret_cast<MaidData>(&record);
+        MaidResult completed = -1;
+        const MaidResult result = writeDown(call.object, call.command, call.parameter,
+                                            call.dataType, data, noteCompletion, &completed);
+        good = good && result == kMaidOk && completed == kMaidOk;
+    }
+    return good;
+}
+
 constexpr int kEventsOfACycle = 10;  // two texts, four values, four lists
 
 void run(benchmark::State& state, MaidEntryPoint module, bool replayed)
 {
-    bench::Replay replay(module);
-    const auto tree = std::make_shared<nikon::MaidTree>(replay.library());
+    g_recording = {module, false, {}};
+    const auto tree =
+        std::make_shared<nikon::MaidTree>(std::make_shared<nikon::MaidLibrary>(writeDown));
     Counter counter;
     nikon::NikonReporting reporting(tree, counter);
     if (!tree->OpenModule() || !tree->OpenSource()) {
         state.SkipWithError("the camera cannot be opened");
         return;
     }
-    replay.record(true);
+    g_recording.isOn = true;
     bool good = reporting.ReportNikonProperties() == 1 && counter.events == kEventsOfACycle;
-    replay.record(false);
+    g_recording.isOn = false;
     for (auto unused : state) {
         static_cast<void>(unused);
-        good = (replayed ? replay.run() : reporting.ReportNikonProperties() == 1) && good;
+        good = (replayed ? replay() : reporting.ReportNikonProperties() == 1) && good;
     }
-    state.counters["calls"] = static_cast<double>(replay.size());
+    state.counters["calls"] = static_cast<double>(g_recording.calls.size());
     if (!good || !tree->CloseTree()) {
         state.SkipWithError("a cycle failed");
     }

@@ -3,6 +3,7 @@
 set(LUMATIE_SWIG_VERSION 4.0.2)
 
 if(NOT LUMATIE_SWIG)
+    unset(LUMATIE_SWIG CACHE)  # one that is empty would stay so
     find_program(LUMATIE_SWIG swig)
 endif()
 if(NOT LUMATIE_SWIG)
@@ -25,9 +26,10 @@ if(swig_failed OR NOT CMAKE_MATCH_1 STREQUAL LUMATIE_SWIG_VERSION)
         "SWIG ${LUMATIE_SWIG_VERSION} and no other version: see docs/decisions.md.")
 endif()
 
-# lumatie_generate_wrapper(<interface> WRAPPER <variable for the C++ file> PROXY_DIR <folder>)
+# lumatie_generate_wrapper(<interface> INCLUDED <its header> WRAPPER <variable for the C++ file>
+#                          PROXY_DIR <folder>)
 function(lumatie_generate_wrapper interface)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "WRAPPER;PROXY_DIR" "")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "INCLUDED;WRAPPER;PROXY_DIR" "")
     get_filename_component(name ${interface} NAME_WE)
     set(wrapper ${CMAKE_CURRENT_BINARY_DIR}/${name}_wrap.cpp)
     file(MAKE_DIRECTORY ${arg_PROXY_DIR})
@@ -36,7 +38,7 @@ function(lumatie_generate_wrapper interface)
         BYPRODUCTS ${arg_PROXY_DIR}/${name}.py
         COMMAND ${swig_command} -python -c++ -Wall -Werror
                 -outdir ${arg_PROXY_DIR} -o ${wrapper} ${interface}
-        DEPENDS ${interface}
+        DEPENDS ${interface} ${arg_INCLUDED}
         COMMENT "Generating ${name}_wrap.cpp and ${name}.py"
         VERBATIM)
     # One target owns the command, so that the modules built from it do not run it side by side.

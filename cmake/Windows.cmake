@@ -29,7 +29,8 @@ function(lumatie_finish_dll target description)
     file(CONFIGURE OUTPUT "${def}" CONTENT "EXPORTS\n    @lines@\n" @ONLY)
     target_sources(${target} PRIVATE "${rc}" "${def}")
     if(MINGW)
-        target_link_options(${target} PRIVATE -s)
+        # Without the time, the same sources make the same bytes.
+        target_link_options(${target} PRIVATE -s LINKER:--no-insert-timestamp)
         set(imports KERNEL32.dll msvcrt.dll ADVAPI32.dll ole32.dll ${arg_IMPORTS})
         add_custom_command(TARGET ${target} POST_BUILD
             COMMAND ${CMAKE_COMMAND} -DOBJDUMP=${CMAKE_OBJDUMP} -DFILE=$<TARGET_FILE:${target}>

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # hammer.sh SECONDS [tsan|asan]: hammers sessions with both makers' virtual cameras, side by side and
-# for so many seconds each, under a sanitizer; docs/endurance.md says what happens then.
+# for so many seconds each, under a sanitizer, and then, for a quarter of that time, programs that
+# end in the middle of it; docs/testing.md says what is looked for.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 seconds=${1:-}
@@ -22,17 +23,26 @@ hammer() {
         sed -n 's/^hammer: //p' >"$name.log"
 }
 
-declare -A running=()
-for maker in canon nikon; do
-    hammer "$maker" &
-    running[$maker]=$!
-done
+# Programs that end, one after the other. The interpreter keeps what a program did not let go of, and
+# hides it from the leak check.
+end_programs() {
+    local name=$results/exits-$sanitizer-$1 end=$((SECONDS + (seconds + 3) / 4)) seed=0 failed=0
+    export ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0
+    : >"$name.err"
+    : >"$name.log"
+    while ((SECONDS < end && failed == 0)); do
+        seed=$((seed + 1))
+        timeout --signal=ABRT --kill-after=20 180 "${sanitized[@]}" \
+            "build/linux-$sanitizer/tests/stress/hammer" "$1" exit "$seed" 2>>"$name.err" \
+            </dev/null | sed -n 's/^hammer: //p' >>"$name.log" || failed=1
+    done
+    printf '%s, %d ends of programs, failed %d\n' "$1" "$seed" "$failed" >>"$name.log"
+    return "$failed"
+}
 
 failed=()
-for maker in canon nikon; do
-    wait "${running[$maker]}" || failed+=("$maker")
-    name=$results/hammer-$sanitizer-$maker
-    note "hammer, $sanitizer"
+show_results() {
+    local name=$results/$1-$sanitizer-$2 reports
     cat "$name.log"
     # grep fails when it counts none.
     reports=$(grep -cE 'WARNING: ThreadSanitizer|ERROR: (Address|Leak)Sanitizer|runtime error:' \
@@ -40,7 +50,25 @@ for maker in canon nikon; do
     printf 'reports by the sanitizer %s\n' "$reports"
     if [[ -s $name.err ]]; then
         tail -100 "$name.err" >&2
-        failed+=("$maker")
+        failed+=("$2")
     fi
-done
+}
+
+# run_both FUNCTION NAME: a function for both makers at the same time, and what came of it.
+run_both() {
+    local -A running=()
+    local maker
+    for maker in canon nikon; do
+        "$1" "$maker" &
+        running[$maker]=$!
+    done
+    for maker in canon nikon; do
+        wait "${running[$maker]}" || failed+=("$maker")
+        note "$2, $sanitizer"
+        show_results "$2" "$maker"
+    done
+}
+
+run_both hammer hammer
+run_both end_programs exits
 ((${#failed[@]} == 0)) || fail "hammer: ${failed[*]}"

@@ -14,8 +14,15 @@ import shlex
 import subprocess
 import sys
 
-TIDY = "clang-tidy-14"
 ROOT = pathlib.Path(__file__).resolve().parent.parent
+# The system's headers would take most of the time.
+EXTENSION = ROOT / "build" / "tidy" / "OwnDeclarations.so"
+TIDY = [
+    "clang-tidy-14",
+    "--quiet",
+    "--load=%s" % EXTENSION,
+    "--checks=lumatie-own-declarations",
+]
 OURS = [ROOT / folder for folder in ("System", "virtual", "tests", "bench")]
 CONFIGURATION = [str(ROOT / folder / ".clang-tidy") for folder in (".", "tests", "bench")]
 # Options that GCC alone understands, and what would make errors of warnings that only Clang has.
@@ -49,7 +56,7 @@ def fingerprint(entry):
         return None
     digest = hashlib.sha256(entry["command"].encode())
     files = listing.stdout.replace("\\\n", " ").split()[1:]
-    for path in [__file__, *CONFIGURATION, *files]:
+    for path in [__file__, EXTENSION, *CONFIGURATION, *files]:
         digest.update(pathlib.Path(entry["directory"], path).read_bytes())
     return digest.hexdigest()
 
@@ -62,7 +69,7 @@ def check(source, entry, folder):
     if mark and stamp.exists() and stamp.read_text() == mark:
         return ""
     result = subprocess.run(
-        [TIDY, "--quiet", "-p", str(folder), str(source)],
+        [*TIDY, "-p", str(folder), str(source)],
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
         text=True,
@@ -73,6 +80,26 @@ def check(source, entry, folder):
     if mark:
         stamp.write_text(mark)
     return ""
+
+
+def is_blind(folder):
+    """True when a defect in a source and one in a header of ours are not both found."""
+    root = folder / "tests" / "blind"
+    root.mkdir(parents=True, exist_ok=True)
+    (root / "Defect.h").write_text("inline int zero() { int header; header = 0; return header; }\n")
+    (root / "Defect.cpp").write_text(
+        '#include <string>\n#include "Defect.h"\n'
+        "int one() { int source; source = zero() + 1; return source; }\n"
+    )
+    configuration = "--config-file=%s" % (ROOT / "tests" / ".clang-tidy")
+    result = subprocess.run(
+        [*TIDY, configuration, str(root / "Defect.cpp"), "--", "-std=c++17"],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL,
+        text=True,
+        check=False,
+    )
+    return not all("'%s' is not init" % name in result.stdout for name in ("header", "source"))
 
 
 def unique_complaints(outputs):
@@ -89,6 +116,9 @@ def unique_complaints(outputs):
 def main(build):
     folder = build / "tidy"
     folder.mkdir(exist_ok=True)
+    if is_blind(folder):
+        print("clang-tidy does not find what it has to: is %s up to date?" % EXTENSION)
+        return 1
     entries = sources(build)
     (folder / "compile_commands.json").write_text(json.dumps(list(entries.values())))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:

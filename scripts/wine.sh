@@ -29,8 +29,19 @@ flock "$turn"
 [[ -f $WINEPREFIX/system.reg ]] || wine wineboot --init >/dev/null 2>&1 {turn}>&-
 exec {turn}>&-
 
+# The first program that makes a window starts a desktop, which ends with the last one, and has the
+# pipes of its own output open until then: whoever reads it would wait for other programs. This one
+# outlives all of them.
+readonly keep_desktop='
+import ctypes, time
+ctypes.windll.user32.GetDesktopWindow()
+print("ready", flush=True)
+time.sleep(86400)
+'
 if [[ $1 == --keep ]]; then
     wine wineboot >/dev/null 2>&1
+    read -r _ < <(exec wine "$windows_python/python.exe" -c "$keep_desktop" </dev/null 2>/dev/null) ||
+        fail "Wine has no desktop"
     exit
 fi
 

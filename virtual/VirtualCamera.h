@@ -1,23 +1,32 @@
-/* Steering of the virtual Canon camera: what a test does with its hands.
+/* Steering of a virtual camera: what a test does with its hands.
  *
- * The library (libEDSDK.so, EDSDK.dll) answers the Eds... functions like a camera; with the
- * functions here a test chooses what camera it is, presses its buttons, pulls its cable, makes it
- * misbehave, and reads afterwards what the application did. All of them are plain C and easy to
- * reach with ctypes. Every setting is also a line of text, so that a text file named by the
- * environment variable LUMATIE_VIRTUAL_CANON does the same without a compiler; the settings are
- * listed in docs/virtual-cameras.md.
+ * The library answers like a maker's (EDSDK like Canon's, VirtualNikon.md3 like one of Nikon's
+ * drivers); with the functions here a test chooses what camera it is, presses its buttons, pulls
+ * its cable, makes it misbehave, and reads afterwards what the application did. Both libraries
+ * export all of them, each for its own cameras: look them up in the library that is meant, e.g.
+ * with ctypes, and in a process with both never by name alone. VirtualCanon.h and VirtualNikon.h
+ * declare what one maker's camera can be told besides. Every setting is also a line of text, so
+ * that a text file named by an environment variable does the same without a compiler; the settings
+ * are listed in docs/virtual-cameras.md.
+ *
+ * The state lives as long as the library is loaded: a test that steers an application which loads
+ * and frees it holds a handle of its own on the same path.
  *
  * Words used below:
  *   camera     the number of a camera, 0 for the first. Numbers are not given again until a reset.
+ *   call       the name of a function of Canon's, e.g. "EdsOpenSession", or of a command to Nikon's
+ *              driver: "Async", "Open", "Close", "GetCapCount", "GetCapInfo", "CapStart", "CapSet",
+ *              "CapGet", "CapGetArray", "EnumChildren". "*" stands for all of them.
  *   answer     unless noted, 1 for done and 0 for refused (no such camera, bad text, ...);
  *              VirtualCameraLastError says why.
  *   text out   `buffer` gets the text, cut to `capacity` bytes and always terminated; the result is
  *              the length of the whole text without terminator. NULL and 0 ask for the length.
  *   wait       waits with a deadline in milliseconds: 1 when it came true, 0 when time ran out.
  *
- * Every function may be called from any thread at any time, also from inside an event handler
- * (the waits excepted: a handler that waits for its own end waits in vain). None of them counts as
- * a call of the application, and none of them is written to the call log.
+ * Every function may be called from any thread at any time, also from inside a procedure of the
+ * application's that the library calls (the waits excepted: what waits for its own end waits in
+ * vain). None of them counts as a call of the application, and none of them is written to the call
+ * log.
  */
 #ifndef VIRTUAL_CAMERA_H
 #define VIRTUAL_CAMERA_H
@@ -30,10 +39,11 @@ extern "C" {
 
 /* Settings. */
 
-/* Back to the factory: one camera, "Virtual EOS", sub-type 1, plugged in, dial on M; no faults, no
- * event rules; log, counts, misuse and pictures empty; hanging calls are let go; the environment's
- * text file is not read again. While the application holds a camera, the cameras stay as they are
- * (names, properties, sessions), and everything else is reset. */
+/* Back to the factory: one camera, "Virtual EOS" or "Virtual NIKON", plugged in, dial on M; no
+ * faults, no event rules, no corruption; log, counts, misuse and pictures empty; hanging calls are
+ * let go, Nikon's pending commands complete at the next occasion; the environment's text file is
+ * not read again. While the application holds a camera (of Canon) or has a source open (of Nikon),
+ * the cameras stay as they are (names, settings, sessions), and everything else is reset. */
 void VirtualCameraReset(void);
 
 /* Applies settings, one "key = value" a line, "#" starts a comment line, "[camera 1]" says which
@@ -45,19 +55,15 @@ int VirtualCameraConfigure(const char* text);
 /* Text out: every setting with its value now, in a form that VirtualCameraConfigure takes. */
 int VirtualCameraSettings(char* buffer, int capacity);
 
-/* Text out: why the last refused function of this interface was refused. */
+/* Text out: why the last refused function was refused. */
 int VirtualCameraLastError(char* buffer, int capacity);
 
 /* Cameras. */
 
-/* Adds a camera, plugged in, with factory settings. `name` is what the device information and
- * property 2 say (UTF-8 or any other bytes, up to 255); two cameras may have the same name.
- * Sub-type 0 is an older body. Answers the camera's number. */
-int VirtualCameraAdd(const char* name, uint32_t subType);
-
-/* Gives the camera a name of exactly these bytes, 0 to 256 of them. 256 bytes leave no room for a
- * terminator: the records then carry none. */
-int VirtualCameraSetName(int camera, const void* bytes, int length);
+/* Adds a camera, plugged in, with factory settings. `name` is what it calls itself (UTF-8 or any
+ * other bytes, up to 255 with Canon); two cameras may have the same name. `id` is the sub-type with
+ * Canon (0 is an older body) and the id of its source with Nikon. Answers the camera's number. */
+int VirtualCameraAdd(const char* name, uint32_t id);
 
 /* Unplugs the camera and forgets it. */
 int VirtualCameraRemove(int camera);
@@ -65,59 +71,38 @@ int VirtualCameraRemove(int camera);
 /* How many numbers of cameras were given out since the last reset, removed ones included. */
 int VirtualCameraCount(void);
 
-/* Pulls the cable: the camera leaves the list, its session is gone, a state event 0x301 is sent,
- * and every call on its references, running downloads included, answers 0x80 (setting
- * "unplug.code"). The references of that time stay dead after VirtualCameraPlug. */
+/* Pulls the cable: the camera leaves the list, its session is gone, and the application is told.
+ * Every call on its references or objects, running transfers included, answers the setting
+ * "gone.code", but for those with which one leaves. What was handed out by then stays dead after
+ * VirtualCameraPlug. */
 int VirtualCameraUnplug(int camera);
 
-/* Puts the cable back in: a new camera list shows the camera again. */
+/* Puts the cable back in: the camera is listed again (Nikon's application is told). */
 int VirtualCameraPlug(int camera);
 
-/* 1: the camera falls asleep and answers every call 0x81 (setting "sleep.code"), 0: it wakes. */
-int VirtualCameraSleep(int camera, int asleep);
-
-/* 1 while a session is open with the camera. */
+/* 1 while the application has a session open with the camera (with Nikon: its source). */
 int VirtualCameraSessionOpen(int camera);
 
 /* Presses the shutter button on the body, all the way, and lets it go: a picture that the host did
- * not ask for. Refused while an exposure runs, the camera is asleep or its buttons are locked by
- * status command 0. Does not wait for the picture. */
+ * not ask for. Refused while an exposure runs or the camera is asleep, when Canon's host has locked
+ * the buttons, and when Nikon's cable is out. Does not wait for the picture. */
 int VirtualCameraPressShutter(int camera);
 
-/* Turns the mode dial, e.g. to 2 for Av: values and lists that depend on it change and are
- * announced. */
+/* Ends the exposure that is kept open: with Canon in bulb mode by the host's button, or by the
+ * setting "shutter.until_told". Refused when there is none. Does not wait for the picture. */
+int VirtualCameraEndExposure(int camera);
+
+/* Waits until an exposure runs on the camera. */
+int VirtualCameraWaitForExposure(int camera, int timeoutMs);
+
+/* Turns the mode dial, e.g. to 3 for M: values and lists that depend on it change and are
+ * announced. Canon: 0 P, 1 Tv, 2 Av, 3 M, 4 Bulb. Nikon: 0 P, 1 A, 2 S, 3 M, 5 and more automatic.
+ */
 int VirtualCameraTurnDial(int camera, uint32_t mode);
-
-/* Properties. */
-
-/* Changes a 32-bit setting on the body. Any value goes, allowed or not; a property that does not
- * exist yet is made (type 9). What changed is announced when a session is open. */
-int VirtualCameraSetProperty(int camera, uint32_t property, uint32_t value);
-
-/* The same for a property of any type and size; `data` is copied. A value without terminator is
- * what a text (type 2) holds as it was given. */
-int VirtualCameraSetPropertyBytes(int camera, uint32_t property, uint32_t type, const void* data,
-                                  int size);
-
-/* Takes a property away: reading it answers 0x50 from now on. */
-int VirtualCameraRemoveProperty(int camera, uint32_t property);
-
-/* Replaces the list of allowed values, 0 to 128 of them, and announces it. A count of -1 gives the
- * list back to the camera. */
-int VirtualCameraSetAllowed(int camera, uint32_t property, const int32_t* values, int count);
-
-/* The first 32 bits of a property's value, unsigned; -1 when there is none. */
-int64_t VirtualCameraProperty(int camera, uint32_t property);
-
-/* Copies the value, up to `capacity` bytes; answers the value's size, -1 when there is none. */
-int VirtualCameraPropertyBytes(int camera, uint32_t property, void* buffer, int capacity);
-
-/* The allowed values now, up to `capacity` of them; answers their number, -1 without a list. */
-int VirtualCameraAllowed(int camera, uint32_t property, int32_t* values, int capacity);
 
 /* Faults. */
 
-/* Makes calls misbehave. The rule is the function's name ("*" for every function) and then any of:
+/* Makes calls misbehave. The rule is a call and then any of:
  *   code=0x81        answer this; the call does nothing else
  *   after            with code: the call does its work first and then answers the code
  *   delay_ms=200     take that long first
@@ -125,24 +110,19 @@ int VirtualCameraAllowed(int camera, uint32_t property, int32_t* values, int cap
  *   unplug           the camera's cable is pulled at this call
  *   calls=3          for this many matching calls (1 when not given, 0 for every one)
  *   skip=2           let this many matching calls pass first
- *   property=0x406   only for this property
- *   command=4        only for this command or status command
- *   parameter=3      only for this parameter (of properties and commands)
- *   percent=50       EdsDownload only: after this share of the file was written
- *   thread           only for calls on the library's own event thread
- * e.g. "EdsSendCommand code=0x60 command=4 parameter=3", "EdsDownload unplug percent=50".
- * Of several rules for one call the first given one that matches applies. */
+ * and what VirtualCanon.h and VirtualNikon.h list. Of several rules for one call the first given
+ * one that matches applies. */
 int VirtualCameraFault(const char* rule);
 
-/* Short for a rule with a code: the next `calls` calls of the function answer `code`. */
-int VirtualCameraFailNext(const char* function, uint32_t code, int calls);
+/* Short for a rule with a code: the next `calls` of the calls answer `code`. */
+int VirtualCameraFailNext(const char* call, int64_t code, int calls);
 
 /* Makes events misbehave. The rule is the event's code ("*" for every event) and then any of:
  *   lose             it is never delivered (a reference that it carries is taken back)
- *   double           it is delivered twice (an object event with a reference of its own each)
+ *   double           it is delivered twice (Canon's object events with a reference of its own each)
  *   delay_ms=100     it comes that much later, after events that were raised after it
  *   calls=, skip=    as for faults
- *   property=0x406   only for events of this property
+ *   property=0x406   only for events of this property or capability
  * e.g. "0x208 lose", "0x101 property=0x406 delay_ms=100 calls=0". */
 int VirtualCameraEventRule(const char* rule);
 
@@ -152,45 +132,30 @@ void VirtualCameraClearFaults(void);
 /* Lets every hanging call go on; answers how many there were. */
 int VirtualCameraReleaseHangs(void);
 
-/* Waits until a call of the function ("*": any) hangs. */
-int VirtualCameraWaitForHang(const char* function, int timeoutMs);
-
-/* Events. */
-
-/* Raises any property event, e.g. 0x101; delivered by the event thread like the camera's own. */
-int VirtualCameraSendPropertyEvent(int camera, uint32_t event, uint32_t property,
-                                   uint32_t parameter);
-
-/* Raises any object event with any reference: NULL, one of VirtualCameraNewItem, or a stale one.
- * The reference goes to the handler as it is. */
-int VirtualCameraSendObjectEvent(int camera, uint32_t event, void* reference);
-
-/* Raises any state event, e.g. 0x301. */
-int VirtualCameraSendStateEvent(int camera, uint32_t event, uint32_t parameter);
-
-/* A fresh directory-item reference on file `file` of the picture list; -1 makes one on a folder.
- * The caller owns it (or gives it to a handler with an event). NULL when refused. */
-void* VirtualCameraNewItem(int camera, int file);
-
-/* How many events of this code handlers were called with since the last reset; 0: of all codes. */
-int VirtualCameraEventCount(uint32_t event);
-
-/* Waits until handlers were called at least `count` times with this code (0: with any). */
-int VirtualCameraWaitForEvents(uint32_t event, int count, int timeoutMs);
+/* Waits until such a call hangs. */
+int VirtualCameraWaitForHang(const char* call, int timeoutMs);
 
 /* What the application did. */
 
-/* How many calls of the function ("*": of all) were answered since the last reset. */
-int VirtualCameraCallCount(const char* function);
+/* How many events of this code were delivered since the last reset; -1: of all codes. */
+int VirtualCameraEventCount(int64_t event);
 
-/* Waits until at least `count` calls of the function were answered since the last reset. */
-int VirtualCameraWaitForCalls(const char* function, int count, int timeoutMs);
+/* Waits until at least `count` events of this code (-1: any) were delivered. */
+int VirtualCameraWaitForEvents(int64_t event, int count, int timeoutMs);
 
-/* Waits until nothing is under way: no call, no exposure, no picture in the making, no event
- * waiting (late ones included), no handler running. */
+/* How many such calls were answered since the last reset. */
+int VirtualCameraCallCount(const char* call);
+
+/* Waits until at least `count` such calls were answered since the last reset. */
+int VirtualCameraWaitForCalls(const char* call, int count, int timeoutMs);
+
+/* Waits until nothing is under way: no call, nothing that has still to complete, no exposure, no
+ * picture in the making, no event waiting (late ones included), no handler running. Pictures that
+ * wait to be fetched do not count. */
 int VirtualCameraWaitUntilIdle(int timeoutMs);
 
-/* Text out: the call log, a line for each answered call and delivered event, e.g.
+/* Text out: the call log, a line for each answered call, each event and each part of a picture,
+ * e.g.
  *   12 0.004211 T2 EdsGetPropertyData(camera#2, 0x406, 0, 4) = 0x0 0.003 ms
  * : running number, seconds since the library was loaded, thread (T1 is the first that called, E
  * the library's own), call, result, time taken. The last 10,000 lines are kept (setting
@@ -212,49 +177,35 @@ int VirtualCameraMisuse(char* buffer, int capacity);
 /* Forgets the misuses. */
 void VirtualCameraClearMisuse(void);
 
-/* How many objects of a kind the application holds references on: "list", "camera", "item",
- * "stream", "image"; "" counts all. -1 for another kind. */
-int VirtualCameraReferenceCount(const char* kind);
-
 /* Pictures. */
 
-/* The names of files to come: exactly these bytes, up to 256 (256: without terminator). The
- * extension is not added. A length of 0 goes back to IMG_0001.JPG and so on. */
-int VirtualCameraSetPictureName(int camera, const void* bytes, int length);
-
-/* How many picture files were made since the last reset (RAW+JPEG makes two of one shot). */
+/* How many pictures were made since the last reset (RAW + JPEG makes two of one shot). */
 int VirtualCameraPictureCount(void);
 
-/* Waits until at least `count` picture files were made. */
+/* Waits until at least `count` pictures were made. */
 int VirtualCameraWaitForPictures(int count, int timeoutMs);
 
-/* Text out: a line for each file, e.g.
- *   shot=1 camera=0 origin=host name=IMG_0001.JPG size=48211 to_host=1 announced=1 downloaded=1
+/* Text out: a line for each picture with its name and all fields, e.g.
+ *   shot=1 camera=0 origin=host name=IMG_0001.JPG size=48211 announced=1 to_host=1 downloaded=1
  *   complete=1
  * (in one line). */
 int VirtualCameraPictureList(char* buffer, int capacity);
 
-/* One field of file `file` (counted from 0):
+/* One field of picture `picture` (counted from 0):
  *   "shot"        number of the shot, counted from 1 for each camera
  *   "camera"      number of the camera
- *   "origin"      0 asked for by the host, 1 button on the body
+ *   "origin"      0 asked for by the host, 1 button on the body, 2 put there by a test
  *   "size"        bytes
- *   "to_host"     1 for a picture for the host, 0 for one that stays on the camera
- *   "announced"   how often event 0x208 was delivered for it
- *   "downloaded"  how often EdsDownload brought it over whole
- *   "complete"    how often EdsDownloadComplete was answered 0
- * -1 for another file or field. */
-int64_t VirtualCameraPictureValue(int file, const char* field);
+ *   "announced"   events that told the host of it
+ * or one that VirtualCanon.h or VirtualNikon.h lists. -1 for another picture or field. */
+int64_t VirtualCameraPictureValue(int picture, const char* field);
 
-/* Text out: the file's name on the camera. */
-int VirtualCameraPictureName(int file, char* buffer, int capacity);
+/* Text out: the picture's name on the camera. */
+int VirtualCameraPictureName(int picture, char* buffer, int capacity);
 
-/* Copies the file's bytes, up to `capacity`; answers the file's size, or -1 when there is no such
- * file or its bytes are not kept any more (setting "picture.keep"). */
-int64_t VirtualCameraPictureBytes(int file, void* buffer, int64_t capacity);
-
-/* Copies the content of a memory stream, e.g. a live-view frame; answers its size, or -1. */
-int64_t VirtualCameraStreamBytes(void* stream, void* buffer, int64_t capacity);
+/* Copies the picture's bytes, up to `capacity`; answers its size, or -1 when there is no such
+ * picture or its bytes are not kept any more (setting "picture.keep"). */
+int64_t VirtualCameraPictureBytes(int picture, void* buffer, int64_t capacity);
 
 #ifdef __cplusplus
 }

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "Storm.h"
-#include "VirtualCamera.h"
+#include "VirtualCanon.h"
 
 namespace {
 
@@ -37,8 +37,13 @@ std::string textOf(TextOut textOut)
 class CanonStorm final : public Storm
 {
 public:
-    std::string sessionInfo() const override { return "Virtual EOS"; }
+    unsigned cameras() const override { return 2; }
+    std::string sessionInfo(unsigned owner) const override
+    {
+        return owner % cameras() == 0 ? "Virtual EOS" : "Second EOS";
+    }
     unsigned startsAndEnds() const override { return 10; }
+    long mostUntold(long sessions) const override { return sessions; }
     unsigned pauseMs() const override { return 50; }
 
     // The camera did not even tell its name, and so no extension.
@@ -58,6 +63,7 @@ public:
         text += round % 5 == 3 ? "events.at_terminate = 1\n" : "";
         // A second session on a camera in use is never opened, but its worker uses the camera.
         text += isOrderly ? "" : "misuse.one_thread = 0\n";
+        text += "[camera 1]\ncamera.name = Second EOS\n";
         VirtualCameraConfigure(text.c_str());
     }
 
@@ -73,8 +79,8 @@ public:
         // Each property that a session is told of before it is open costs it half a second.
         VirtualCameraConfigure("events.at_registration = 0\n");
         VirtualCameraPlug(0);
-        VirtualCameraSetProperty(0, kExposureMode, 3);
-        VirtualCameraSetProperty(0, kQuality, kQualities.front());
+        VirtualCanonSetProperty(0, kExposureMode, 3);
+        VirtualCanonSetProperty(0, kQuality, kQualities.front());
         m_started = VirtualCameraCallCount("EdsSetCapacity");
     }
 
@@ -105,28 +111,31 @@ public:
         for (std::string line; std::getline(misuses, line);) {
             found.push_back(line);
         }
-        if (const int left = VirtualCameraReferenceCount("")) {
+        if (const int left = VirtualCanonReferenceCount("")) {
             found.push_back(std::to_string(left) + " references left");
         }
         return found;
     }
 
 private:
+    // Mostly the first one.
+    static int camera(Random& random) { return random.below(4) == 0 ? 1 : 0; }
+
     static void changeProperty(Random& random)
     {
         switch (random.below(8)) {
             case 0:
-                VirtualCameraTurnDial(0, random.oneOf(kDial));
+                VirtualCameraTurnDial(camera(random), random.oneOf(kDial));
                 break;
             case 1:
-                VirtualCameraSetProperty(0, kQuality, random.oneOf(kQualities));
+                VirtualCanonSetProperty(camera(random), kQuality, random.oneOf(kQualities));
                 break;
             case 2:
-                VirtualCameraSetAllowed(0, random.oneOf(kProperties), kAllowed.data(),
-                                        static_cast<int>(random.below(5)) - 1);
+                VirtualCanonSetAllowed(0, random.oneOf(kProperties), kAllowed.data(),
+                                       static_cast<int>(random.below(5)) - 1);
                 break;
             default:
-                VirtualCameraSetProperty(0, 0x402, 0x48 + random.below(3) * 8);
+                VirtualCanonSetProperty(camera(random), 0x402, 0x48 + random.below(3) * 8);
         }
     }
 
@@ -134,8 +143,8 @@ private:
     {
         const std::uint32_t event = 0x101 + random.below(2);
         const bool isWhole = random.below(10) == 0;
-        VirtualCameraSendPropertyEvent(0, event, isWhole ? kReportedSet : random.oneOf(kProperties),
-                                       0);
+        VirtualCanonSendPropertyEvent(0, event, isWhole ? kReportedSet : random.oneOf(kProperties),
+                                      0);
     }
 
     static void makePictures(Random& random)
@@ -146,13 +155,13 @@ private:
         if (random.below(4) == 0) {
             VirtualCameraEventRule(random.oneOf(kPictureRules));
         }
-        VirtualCameraPressShutter(0);
+        VirtualCameraPressShutter(camera(random));
     }
 
     static void sendOtherEvents(Random& random)
     {
         if (random.below(3) == 0) {
-            VirtualCameraSendStateEvent(0, random.oneOf(kStateEvents), random.below(3));
+            VirtualCanonSendStateEvent(0, random.oneOf(kStateEvents), random.below(3));
             return;
         }
         if (random.below(1000) == 0) {
@@ -160,7 +169,7 @@ private:
             VirtualCameraPlug(0);
             return;
         }
-        VirtualCameraSendObjectEvent(0, random.oneOf(kObjectEvents), nullptr);
+        VirtualCanonSendObjectEvent(0, random.oneOf(kObjectEvents), nullptr);
     }
 
     static void lookOn(Random& random)
@@ -176,7 +185,7 @@ private:
                 textOf(VirtualCameraPictureList);
                 break;
             default:
-                VirtualCameraWaitForEvents(0, VirtualCameraEventCount(0) + 1, 20);
+                VirtualCameraWaitForEvents(-1, VirtualCameraEventCount(-1) + 1, 20);
         }
     }
 

@@ -42,8 +42,13 @@ std::string textOf(TextOut textOut)
 class NikonStorm final : public Storm
 {
 public:
-    std::string sessionInfo() const override { return VIRTUAL_NIKON_LIBRARY; }
+    unsigned cameras() const override { return 1; }
+    std::string sessionInfo(unsigned /*owner*/) const override { return VIRTUAL_NIKON_LIBRARY; }
     unsigned startsAndEnds() const override { return 60; }
+
+    // An exposure that an end waits for brings two at most.
+    long mostUntold(long sessions) const override { return 2 * sessions; }
+
     unsigned pauseMs() const override { return 10; }
     bool isOfNoPicture(const std::string& /*fileName*/) const override { return false; }
 
@@ -78,7 +83,7 @@ public:
         }
     }
 
-    bool isReady() override { return driver().sourceOpen(0) == 1; }
+    bool isReady() override { return driver().sessionOpen(0) == 1; }
     bool press() override { return driver().pressShutter(0) == 1; }
     bool isFetched() override { return driver().itemCount(0) == 0; }
 

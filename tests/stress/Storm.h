@@ -46,8 +46,11 @@ public:
     Storm& operator=(const Storm&) = delete;
     virtual ~Storm() = default;
 
-    // What Init is given, UTF-8.
-    virtual std::string sessionInfo() const = 0;
+    // How many cameras there are.
+    virtual unsigned cameras() const = 0;
+
+    // What Init is given by the tether object of that number, UTF-8.
+    virtual std::string sessionInfo(unsigned owner) const = 0;
 
     // Of a thousand operations of the host so many start or end a session: operations do not take
     // the same time with each maker.
@@ -61,8 +64,12 @@ public:
     // could not even be begun.
     virtual bool isOfNoPicture(const std::string& fileName) const = 0;
 
+    // A session that ends lets a picture that is under way come whole, but tells nobody. So many
+    // may be of that kind in a round.
+    virtual long mostUntold(long sessions) const = 0;
+
     // Factory state, and settings that differ from round to round. In an orderly round the host
-    // has one session at a time.
+    // has one session at a time with each camera.
     virtual void begin(unsigned round, bool isOrderly) = 0;
 
     // What happens to the camera: each does one random thing of its kind.

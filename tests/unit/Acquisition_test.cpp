@@ -99,6 +99,17 @@ TEST_F(AcquisitionTest, APictureIsFetchedAndAnnounced)
                "Data CapSet 0x4 none", "Source CapGet 0x7", "Source CapGetArray 0x7"}));
 }
 
+TEST_F(AcquisitionTest, WithoutMemoryInsideTheFetchNothingOfItStaysWithTheModule)
+{
+    maid.addItem(5, {fake::wholeFile("abc")});
+    maid.during(kMaidCommandCapStart, kMaidCapAcquire,
+                [](const fake::Call& /*call*/) { throw std::bad_alloc(); });
+    EXPECT_THROW(m_acquisition->AcquireNewItems(), std::bad_alloc);
+    EXPECT_EQ(nikon::receivers().size(), 0U);
+    EXPECT_EQ(maid.calls().back(), "Data CapSet 0x4 none");
+    EXPECT_EQ(acquired(), Lines{"abc"});
+}
+
 TEST_F(AcquisitionTest, WithoutItemsThereIsNothingToDo)
 {
     EXPECT_EQ(acquire(), Lines{});
@@ -260,6 +271,17 @@ TEST_F(AcquisitionTest, APictureThatIsAnnouncedAnewIsWrittenAnew)
     EXPECT_EQ(acquired(), Lines{"abc"});
 }
 
+TEST_F(AcquisitionTest, AnIdThatIsAnnouncedAnewWhileItsOldItemIsOpenIsANewPicture)
+{
+    maid.addItem(5, {fake::wholeFile("abc")});
+    acquire();
+    ASSERT_NE(m_tree->FindChild(m_tree->source(), 5), nullptr);
+    maid.removeItem(5);
+    maid.addItem(5, {fake::wholeFile("def")});
+    fake::Maid::raise(*maid.source, kMaidEventAddChild, 5);
+    EXPECT_EQ(acquired(), Lines{"def"});
+}
+
 TEST_F(AcquisitionTest, TwoFilesOfOneItemAreBothAnnounced)
 {
     maid.addItem(5, {fake::wholeFile("jpeg"), fake::wholeFile("nef", kMaidFileNef)});
@@ -324,6 +346,25 @@ TEST_F(AcquisitionTest, AFailedAcquisitionIsPassedOverAndTriedAgainInTheNextPass
     EXPECT_EQ(acquired(), Lines{"def"});
     EXPECT_EQ(acquisitions(), 2);
     EXPECT_EQ(acquired(), Lines{"abc"});
+}
+
+TEST_F(AcquisitionTest, AStartThatIsRefusedLeavesItsProcedureWhichFindsNothing)
+{
+    fake::Object& data = maid.addItem(5, {fake::wholeFile("abc")}).childAt(1);
+    maid.refuse(kMaidCommandCapStart, kMaidCapAcquire);
+    EXPECT_EQ(acquire(), Lines{});
+    EXPECT_EQ(maid.count("Data CapSet 0x4"), 1);
+    EXPECT_EQ(maid.count("Data CapSet 0x4 none"), 0);
+    maid.deliver(data);
+    EXPECT_EQ(maid.dataResults(), std::vector<MaidResult>{kMaidFileFailed});
+    EXPECT_EQ(m_folder.size(), 0);
+
+    // The next one has a procedure of its own, and takes it away.
+    EXPECT_EQ(acquired(), Lines{"abc"});
+    EXPECT_EQ(maid.count("Data CapSet 0x4"), 2);
+    EXPECT_EQ(maid.count("Data CapSet 0x4 none"), 1);
+    maid.deliver(data);
+    EXPECT_EQ(m_folder.size(), 1);
 }
 
 TEST_F(AcquisitionTest, ARefusedDataProcedureIsAFailedAcquisition)

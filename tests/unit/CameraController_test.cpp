@@ -53,7 +53,7 @@ protected:
     static EdsPoint sentPosition()
     {
         EdsPoint point = {-1, -1};
-        VirtualCameraPropertyBytes(0, 0x508, &point, sizeof point);
+        VirtualCanonPropertyBytes(0, 0x508, &point, sizeof point);
         return point;
     }
 
@@ -159,12 +159,12 @@ TEST_F(CameraControllerTest, SetCapacitySendsACopyOfTheRecord)
 
 TEST_F(CameraControllerTest, DownloadTakesTheReferenceItselfAndGivesItBack)
 {
-    perform("download", VirtualCameraNewItem(0, -1));
+    perform("download", VirtualCanonNewItem(0, -1));
     start();
     finishQueue();
     EXPECT_EQ(calls().front(), "EdsGetDirectoryItemInfo(item)");
     EXPECT_EQ(calls().back(), "EdsRelease(item)");
-    EXPECT_EQ(VirtualCameraReferenceCount("item"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("item"), 0);
 }
 
 TEST_F(CameraControllerTest, ANumberIsReadDuringTheCall)
@@ -216,15 +216,32 @@ void PrintTo(const FocusCase& move, std::ostream* out)
 class FocusMoveTest : public CameraControllerTest, public testing::WithParamInterface<FocusCase>
 {};
 
+constexpr std::int32_t kLast = 0x7FFFFFFF;
+
 const FocusCase kFocusMoves[] = {
-    {"focus_Up", {300, 100}, {300, 0}},      {"focus_Up", {300, 128}, {300, 0}},
-    {"focus_Up", {300, 129}, {300, 1}},      {"focus_Up", {300, 0}, {300, 0}},
-    {"focus_Up", {300, -1000}, {300, 0}},    {"focus_Down", {300, 0}, {300, 128}},
-    {"focus_Down", {0, 1000}, {0, 1128}},    {"focus_Left", {100, 300}, {0, 300}},
-    {"focus_Left", {128, 300}, {0, 300}},    {"focus_Left", {512, 384}, {384, 384}},
-    {"focus_Left", {-1000, 300}, {0, 300}},  {"focus_Right", {0, 300}, {128, 300}},
-    {"focus_Right", {1000, 0}, {1128, 0}},   {"focus_Down", {300, -100}, {300, 28}},
-    {"focus_Right", {-100, 300}, {28, 300}}, {"focus_Up", {300, -0x7FFFFFFF - 1}, {300, 0}},
+    {"focus_Up", {300, 100}, {300, 0}},
+    {"focus_Up", {300, 128}, {300, 0}},
+    {"focus_Up", {300, 129}, {300, 1}},
+    {"focus_Up", {300, 0}, {300, 0}},
+    {"focus_Up", {300, -1000}, {300, 0}},
+    {"focus_Down", {300, 0}, {300, 128}},
+    {"focus_Down", {0, 1000}, {0, 1128}},
+    {"focus_Left", {100, 300}, {0, 300}},
+    {"focus_Left", {128, 300}, {0, 300}},
+    {"focus_Left", {512, 384}, {384, 384}},
+    {"focus_Left", {-1000, 300}, {0, 300}},
+    {"focus_Right", {0, 300}, {128, 300}},
+    {"focus_Right", {1000, 0}, {1128, 0}},
+    {"focus_Down", {300, -100}, {300, 28}},
+    {"focus_Right", {-100, 300}, {28, 300}},
+    {"focus_Up", {300, -kLast - 1}, {300, 0}},
+    // Nothing bounds a step up, the end of the numbers included: behind it they start again.
+    {"focus_Right", {99'999, 0}, {100'127, 0}},
+    {"focus_Down", {0, 99'999}, {0, 100'127}},
+    {"focus_Right", {kLast - 128, 0}, {kLast, 0}},
+    {"focus_Down", {0, kLast - 128}, {0, kLast}},
+    {"focus_Right", {kLast, 0}, {-kLast + 126, 0}},
+    {"focus_Down", {0, kLast}, {0, -kLast + 126}},
 };
 
 TEST_P(FocusMoveTest, SendsThePositionOneStepAway)
@@ -233,23 +250,12 @@ TEST_P(FocusMoveTest, SendsThePositionOneStepAway)
     perform(GetParam().action);
     start();
     finishQueue();
-    ASSERT_EQ(calls().size(), 1U);
-    EXPECT_EQ(calls().front().find("EdsSetPropertyData(camera, 0x508, 0, 8, "), 0U);
-    EXPECT_EQ(sentPosition().x, GetParam().to.x);
-    EXPECT_EQ(sentPosition().y, GetParam().to.y);
+    const EdsPoint& to = GetParam().to;
+    EXPECT_EQ(calls(), Lines{"EdsSetPropertyData(camera, 0x508, 0, 8, (" + std::to_string(to.x) +
+                             ", " + std::to_string(to.y) + "))"});
 }
 
 INSTANTIATE_TEST_SUITE_P(Moves, FocusMoveTest, testing::ValuesIn(kFocusMoves));
-
-TEST_F(CameraControllerTest, AFocusMoveAtTheEndOfTheNumbersIsSentAllTheSame)
-{
-    at(0x7FFFFFFF, 0x7FFFFFFF);
-    perform("focus_Right");
-    perform("focus_Down");
-    start();
-    finishQueue();
-    EXPECT_EQ(calls("EdsSetPropertyData(camera, 0x508, 0, 8, ").size(), 2U);
-}
 
 TEST_F(CameraControllerTest, AFocusMoveStartsFromThePositionAtTheTimeOfTheAction)
 {
@@ -328,10 +334,10 @@ TEST_F(CameraControllerTest, ActionsAfterClosingAreDropped)
     perform("closing");
     VirtualCameraClearLog();
     perform("TakePicture");
-    perform("download", VirtualCameraNewItem(0, -1));
+    perform("download", VirtualCanonNewItem(0, -1));
     m_controller.reset();
     EXPECT_EQ(calls(), Lines{"EdsRelease(item)"});
-    EXPECT_EQ(VirtualCameraReferenceCount("item"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("item"), 0);
 }
 
 TEST_F(CameraControllerTest, ActionsOfManyThreadsAreAllCarriedOut)

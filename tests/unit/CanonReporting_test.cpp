@@ -7,7 +7,6 @@
 
 #include "CanonTestSupport.h"
 #include "DebugLog.h"
-#include "Lumatie.h"
 #include "MachineSettings.h"
 #include "PyCallback.h"
 #include "TetherTexts.h"
@@ -64,7 +63,7 @@ protected:
 
     static void allow(EdsPropertyID property, const std::vector<std::int32_t>& values)
     {
-        VirtualCameraSetAllowed(0, property, values.data(), static_cast<int>(values.size()));
+        VirtualCanonSetAllowed(0, property, values.data(), static_cast<int>(values.size()));
     }
 
     RecordingCallable m_recorder;
@@ -173,27 +172,27 @@ TEST_F(CanonReportingTest, ModelValuesAreSentWithoutAskingTheCamera)
 
 TEST_F(CanonReportingTest, TheWhiteBalanceIsReadWithNineBytesAndSentByCodeAndText)
 {
-    VirtualCameraSetProperty(0, 0x106, 9);
+    VirtualCanonSetProperty(0, 0x106, 9);
     EXPECT_EQ(changed(0x106), Lines{"(9, 9, 'Color temperature')"});
     EXPECT_EQ(calls(), Lines{"EdsGetPropertyData(camera, 0x106, 0, 9)"});
 }
 
 TEST_F(CanonReportingTest, TheColorTemperatureIsReadWithNineBytesAndSentByItsNumber)
 {
-    VirtualCameraSetProperty(0, 0x107, 5200);
+    VirtualCanonSetProperty(0, 0x107, 5200);
     EXPECT_EQ(changed(0x107), Lines{"(11, 5200)"});
     EXPECT_EQ(calls(), Lines{"EdsGetPropertyData(camera, 0x107, 0, 9)"});
 }
 
 TEST_F(CanonReportingTest, AColorTemperatureOfAllOnesIsMinusOne)
 {
-    VirtualCameraSetProperty(0, 0x107, 0xFFFFFFFF);
+    VirtualCanonSetProperty(0, 0x107, 0xFFFFFFFF);
     EXPECT_EQ(changed(0x107), Lines{"(11, -1)"});
 }
 
 TEST_F(CanonReportingTest, AWhiteBalanceWithoutATextIsNotSent)
 {
-    VirtualCameraSetProperty(0, 0x106, 0xFFFFFFFF);
+    VirtualCanonSetProperty(0, 0x106, 0xFFFFFFFF);
     EXPECT_EQ(changed(0x106), Lines{});
 }
 
@@ -206,14 +205,14 @@ TEST_F(CanonReportingTest, WhatAFailedDirectReadLeavesIsSent)
 
 TEST_F(CanonReportingTest, WhatAFailedDirectReadFilledInIsSent)
 {
-    VirtualCameraSetProperty(0, 0x107, 5200);
+    VirtualCanonSetProperty(0, 0x107, 5200);
     fault("EdsGetPropertyData code=0x2 after property=0x107");
     EXPECT_EQ(changed(0x107), Lines{"(11, 5200)"});
 }
 
 TEST_F(CanonReportingTest, TheImageQualityIsReadWithItsOwnSizeAndSentByItsText)
 {
-    VirtualCameraSetProperty(0, 0x100, 0x0013FF0F);
+    VirtualCanonSetProperty(0, 0x100, 0x0013FF0F);
     EXPECT_EQ(changed(0x100), Lines{"(13, 'Large Fine Jpeg')"});
     EXPECT_EQ(calls(), (Lines{"EdsGetPropertySize(camera, 0x100, 0)",
                               "EdsGetPropertyData(camera, 0x100, 0, 4)"}));
@@ -221,25 +220,25 @@ TEST_F(CanonReportingTest, TheImageQualityIsReadWithItsOwnSizeAndSentByItsText)
 
 TEST_F(CanonReportingTest, AnImageQualityThatCannotBeReadIsNotSent)
 {
-    VirtualCameraSetProperty(0, 0x100, 0x0013FF0F);
+    VirtualCanonSetProperty(0, 0x100, 0x0013FF0F);
     fault("EdsGetPropertySize code=0x81 property=0x100");
     EXPECT_EQ(changed(0x100), Lines{});
     EXPECT_EQ(calls("EdsGetPropertyData"), Lines{});
     fault("EdsGetPropertyData code=0x81 property=0x100");
     EXPECT_EQ(changed(0x100), Lines{});
-    VirtualCameraRemoveProperty(0, 0x100);
+    VirtualCanonRemoveProperty(0, 0x100);
     EXPECT_EQ(changed(0x100), Lines{});
 }
 
 TEST_F(CanonReportingTest, AnImageQualityWithoutATextIsNotSent)
 {
-    VirtualCameraSetProperty(0, 0x100, 0xFFFFFFFF);
+    VirtualCanonSetProperty(0, 0x100, 0xFFFFFFFF);
     EXPECT_EQ(changed(0x100), Lines{});
 }
 
 TEST_F(CanonReportingTest, AnImageQualityOfAnyAnnouncedSizeIsReadWithoutHarm)
 {
-    VirtualCameraSetProperty(0, 0x100, 0x0013FF0F);
+    VirtualCanonSetProperty(0, 0x100, 0x0013FF0F);
     for (const char* size : {"4", "8", "19225", "65536"}) {
         configure(std::string("corrupt.0x100.size = ") + size);
         EXPECT_EQ(changed(0x100), Lines{"(13, 'Large Fine Jpeg')"}) << size;
@@ -301,6 +300,13 @@ TEST_F(CanonReportingTest, AListHasAtMostTheEntriesThatADescriptionHolds)
         model().TvDesc.numElements = count;
         EXPECT_EQ(entries(descChanged(0x406)), 128) << count;
     }
+}
+
+TEST_F(CanonReportingTest, AListThatIsReadForItsReportMayComeInALongerRecord)
+{
+    configure("records.extra = 256");
+    allow(0x107, {2500, 2600});
+    EXPECT_EQ(descChanged(0x107), Lines{"(12, '{0:2500,1:2600,}')"});
 }
 
 TEST_F(CanonReportingTest, AListWithANegativeCountIsEmpty)
@@ -478,9 +484,9 @@ TEST_F(CanonReportingLogTest, EachEventHasItsLine)
     model().AEMode = 3;
     model().Tv = model().Av = model().ISOSpeed = 0x48;
     model().TvDesc = model().AvDesc = model().ISOSpeedDesc = description({0x48});
-    VirtualCameraSetProperty(0, 0x106, 9);
-    VirtualCameraSetProperty(0, 0x107, 5200);
-    VirtualCameraSetProperty(0, 0x100, 0x0013FF0F);
+    VirtualCanonSetProperty(0, 0x106, 9);
+    VirtualCanonSetProperty(0, 0x107, 5200);
+    VirtualCanonSetProperty(0, 0x100, 0x0013FF0F);
     allow(0x106, {0});
     allow(0x107, {2500});
     g_szLastFile.set("/a.JPG");
@@ -528,62 +534,6 @@ TEST_F(CanonReportingLogTest, TheLineComesBeforeTheCall)
     }
     EXPECT_EQ(logOf("error", 0xC0),
               "[Lumatie]CANON TETHER_GENERAL={'GENERAL_DEVICEBUSY':1}\n[Lumatie]called\n");
-}
-
-// The tether object between model and callable.
-
-class TetherUpdateTest : public CanonReportingTest
-{
-protected:
-    void SetUp() override
-    {
-        CanonReportingTest::SetUp();
-        const InterpreterLock lock;
-        m_tether = std::make_unique<Lumatie>();
-    }
-
-    void TearDown() override
-    {
-        // An end of the tether object terminates the library under the test's own camera.
-        {
-            const InterpreterLock lock;
-            m_tether.reset();
-        }
-        CanonReportingTest::TearDown();
-    }
-
-    // Notifies the tether object of a busy host; returns how many calls that made.
-    std::size_t notify()
-    {
-        const std::size_t before = m_recorder.calls().size();
-        const std::uint32_t code = 0xC0;
-        static_cast<canon::Observer&>(*m_tether).update(&model(), CameraEvent{"error", &code});
-        return m_recorder.calls().size() - before;
-    }
-
-    std::unique_ptr<Lumatie> m_tether;
-};
-
-TEST_F(TetherUpdateTest, WithoutAVendorNothingIsSent)
-{
-    {
-        const InterpreterLock lock;
-        m_tether->SetCallback(m_recorder.object());
-    }
-    EXPECT_EQ(notify(), 0U);
-}
-
-TEST_F(TetherUpdateTest, WithNikonNothingIsSent)
-{
-    const TemporaryFolder folder;
-    const std::string file = folder.path() + "/driver.md3";
-    std::ofstream(file) << "no driver module";
-    {
-        const InterpreterLock lock;
-        m_tether->Init(file.c_str(), folder.path().c_str(), m_recorder.object());
-    }
-    EXPECT_EQ(m_tether->vendor(), VENDOR_NIKON);
-    EXPECT_EQ(notify(), 0U);
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 // How a picture's parts become a file in the export folder.
 #include "nikon/DataReceiver.h"
 
+#include <gtest/gtest.h>
+
 #include <limits>
 
-#include "FakeMaid.h"
 #include "TemporaryFolder.h"
 #include "TetherTexts.h"
+#include "fakes/Records.h"
 #include "platform/Platform.h"
 
 using fake::Part;
@@ -40,7 +42,7 @@ protected:
     // The extension of the file that a whole file of that type becomes.
     static std::string extensionOf(std::uint32_t fileType)
     {
-        DataReceiver receiver(1, std::make_shared<nikon::LifeSigns>());
+        DataReceiver receiver(1, std::make_shared<nikon::ModuleHeartbeat>());
         const Part part = fake::wholeFile("abc", fileType);
         EXPECT_EQ(receiver.take(part.info.data(), part.data.data()), kMaidOk);
         const Results results = receiver.results();
@@ -48,7 +50,7 @@ protected:
     }
 
     TemporaryFolder m_folder;
-    DataReceiver m_receiver{7, std::make_shared<nikon::LifeSigns>()};
+    DataReceiver m_receiver{7, std::make_shared<nikon::ModuleHeartbeat>()};
 };
 
 // Files.
@@ -165,19 +167,16 @@ TEST_F(DataReceiverTest, ATotalOf0IsAFailedWrite)
     EXPECT_EQ(g_szLastFile.take(), "error");
 }
 
-TEST_F(DataReceiverTest, WithoutAFolderNoPathIsFormed)
+TEST_F(DataReceiverTest, WithoutAFolderNoPathIsFormedAndThePictureNotTakenOver)
 {
     g_szExportFolder.set("");
-    EXPECT_EQ(take(fake::wholeFile("abc")), kMaidOk);
+    EXPECT_EQ(take(fake::filePart("abc", 6)), kMaidOk);
+    EXPECT_EQ(take(fake::filePart("def", 6)), kMaidFileFailed);
     EXPECT_EQ(m_receiver.results(), Results{"error"});
-}
-
-TEST_F(DataReceiverTest, APictureUnderWayAtTheEndGoesIntoTheFolderThatWasSetBefore)
-{
-    take(fake::filePart("abc", 6));
-    g_szExportFolder.clear();
-    take(fake::filePart("def", 6));
-    EXPECT_EQ(contentOf(onlyFile()), "abcdef");
+    EXPECT_EQ(g_szLastFile.take(), "error");
+    g_szExportFolder.set(m_folder.path().c_str());
+    EXPECT_EQ(take(fake::filePart("def", 6)), kMaidOk);
+    EXPECT_EQ(contentOf(m_receiver.results().back()), "abcdef");
 }
 
 // Sizes that do not add up.
@@ -188,7 +187,7 @@ TEST_F(DataReceiverTest, APartThatWouldPassTheEndIsRefusedBeforeAnythingIsCopied
     EXPECT_EQ(take(fake::filePart("defg", 6)), kMaidOutOfMemory);
     EXPECT_EQ(take(fake::filePart("def", 6)), kMaidOk);
     EXPECT_EQ(contentOf(onlyFile()), "abcdef");
-    DataReceiver other(1, std::make_shared<nikon::LifeSigns>());
+    DataReceiver other(1, std::make_shared<nikon::ModuleHeartbeat>());
     const Part tooLong = fake::filePart("abcdef", 5);
     EXPECT_EQ(other.take(tooLong.info.data(), tooLong.data.data()), kMaidOutOfMemory);
 }
@@ -303,8 +302,8 @@ TEST_F(DataReceiverTest, WithoutTheModulesWordOrForAnotherKindTheItemStays)
 
 TEST_F(DataReceiverTest, AnItemWhoseWriteFailedStays)
 {
-    g_szExportFolder.set("");
-    take(fake::wholeFile("abc", kMaidFileJpeg, true));
+    take(fake::wholeFile("", kMaidFileJpeg, true));
+    EXPECT_EQ(m_receiver.results(), Results{"error"});
     EXPECT_FALSE(m_receiver.mayRemoveItem());
 }
 
@@ -312,7 +311,8 @@ TEST_F(DataReceiverTest, AnItemWhoseWriteFailedStays)
 
 TEST_F(DataReceiverTest, DataForAnAcquisitionThatIsOverIsRefused)
 {
-    const auto receiver = std::make_shared<DataReceiver>(1, std::make_shared<nikon::LifeSigns>());
+    const auto receiver =
+        std::make_shared<DataReceiver>(1, std::make_shared<nikon::ModuleHeartbeat>());
     MaidReference handle = nikon::receivers().add(receiver);
     const Part part = fake::wholeFile("abc");
     EXPECT_EQ(nikon::receiveData(handle, part.info.data(), part.data.data()), kMaidOk);

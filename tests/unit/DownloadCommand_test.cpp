@@ -100,7 +100,7 @@ protected:
     // Makes a picture whose file has the name `name`; an empty one is the camera's choice.
     void takePicture(const std::string& name = "")
     {
-        VirtualCameraSetPictureName(0, name.data(), static_cast<int>(name.size()));
+        VirtualCanonSetPictureName(0, name.data(), static_cast<int>(name.size()));
         const int before = VirtualCameraPictureCount();
         ASSERT_EQ(VirtualCameraPressShutter(0), 1) << textOf(VirtualCameraLastError);
         ASSERT_EQ(VirtualCameraWaitForPictures(before + 1, 5000), 1);
@@ -111,7 +111,7 @@ protected:
 
     EdsDirectoryItemRef item() const
     {
-        return static_cast<EdsDirectoryItemRef>(VirtualCameraNewItem(0, m_file));
+        return static_cast<EdsDirectoryItemRef>(VirtualCanonNewItem(0, m_file));
     }
 
     // Downloads the last picture taken; every download is over after one attempt.
@@ -119,8 +119,8 @@ protected:
     void download(EdsDirectoryItemRef reference)
     {
         EXPECT_TRUE(DownloadCommand(model(), reference).execute());
-        EXPECT_EQ(VirtualCameraReferenceCount("item"), 0);
-        EXPECT_EQ(VirtualCameraReferenceCount("stream"), 0);
+        EXPECT_EQ(VirtualCanonReferenceCount("item"), 0);
+        EXPECT_EQ(VirtualCanonReferenceCount("stream"), 0);
     }
 
     // The extension that a picture named `name` gets, dot included.
@@ -161,6 +161,13 @@ TEST_F(DownloadCommandTest, TheFileHoldsThePicturesBytes)
     download();
     EXPECT_EQ(contentOf(told.lastFile), pictureBytes(m_file));
     EXPECT_EQ(m_folder.size(), 1);
+}
+
+TEST_F(DownloadCommandTest, ALibraryWhoseRecordsAreLongerDeliversItsPicture)
+{
+    configure("records.extra = 256");
+    download();
+    EXPECT_EQ(contentOf(told.lastFile), pictureBytes(m_file));
 }
 
 TEST_F(DownloadCommandTest, TheExtensionKeepsItsCase)
@@ -233,7 +240,22 @@ TEST_F(DownloadCommandTest, AFolderThatIsChangedCountsForTheNextPicture)
     EXPECT_EQ(fs::path(told.lastFile).parent_path(), other);
 }
 
+// What the folder leaves of 255 bytes: the rest of the name takes 19 to 28.
+
+TEST_F(DownloadCommandTest, AnExtensionThatLeaves28BytesToTheNameAlwaysFits)
+{
+    const std::string extension = "." + std::string(255 - 28 - m_folder.path().size() - 1, 'e');
+    EXPECT_EQ(extensionFor(extension), extension);
+}
+
 using DownloadCommandDeathTest = DownloadCommandTest;
+
+TEST_F(DownloadCommandDeathTest, AnExtensionThatLeaves18BytesToTheNameEndsTheProcess)
+{
+    const std::string extension = "." + std::string(255 - 18 - m_folder.path().size() - 1, 'e');
+    takePicture(extension);
+    EXPECT_EXIT(download(), testing::ExitedWithCode(3), "^Lumatie: .*; the process ends\\.\n$");
+}
 
 TEST_F(DownloadCommandDeathTest, APathThatIsTooLongEndsTheProcess)
 {
@@ -266,7 +288,7 @@ TEST_F(DownloadCommandTest, TheCallsComeInTheirOrder)
 
 TEST_F(DownloadCommandTest, StartProgressAndCompletionAreAnnouncedInThisOrder)
 {
-    configure("download.steps = 2");
+    configure("transfer.steps = 2");
     download();
     EXPECT_EQ(events(), (Lines{"DownloadStart", "ProgressReport 0", "ProgressReport 32",
                                "ProgressReport 64", "DownloadComplete 0"}));
@@ -281,7 +303,7 @@ TEST_F(DownloadCommandTest, TheCompletionComesAfterTheReferencesWereGivenBack)
         {
             if (event.name == "DownloadComplete") {
                 references =
-                    VirtualCameraReferenceCount("item") + VirtualCameraReferenceCount("stream");
+                    VirtualCanonReferenceCount("item") + VirtualCanonReferenceCount("stream");
             }
         }
         int references = -1;
@@ -290,6 +312,23 @@ TEST_F(DownloadCommandTest, TheCompletionComesAfterTheReferencesWereGivenBack)
     model().addObserver(&observer);
     download();
     EXPECT_EQ(observer.references, 0);
+}
+
+TEST_F(DownloadCommandTest, TheNameIsTakenBeforeTheLibraryMakesItsStream)
+{
+    fault("EdsCreateFileStream hang");
+    std::thread worker([&] { download(); });
+    EXPECT_EQ(VirtualCameraWaitForHang("EdsCreateFileStream", 5000), 1);
+    std::uintmax_t bytes = 1;
+    for (const auto& entry : fs::directory_iterator(m_folder.path())) {
+        bytes = entry.file_size();
+    }
+    EXPECT_EQ(bytes, 0U);
+    EXPECT_EQ(m_folder.size(), 1);
+    VirtualCameraReleaseHangs();
+    worker.join();
+    EXPECT_EQ(contentOf(told.lastFile), pictureBytes(m_file));
+    EXPECT_EQ(m_folder.size(), 1);
 }
 
 // Failures.
@@ -315,7 +354,7 @@ TEST_F(DownloadCommandTest, ABusyDownloadIsNotTriedAgain)
 
 TEST_F(DownloadCommandTest, AFullDiskIsAWriteFailure)
 {
-    configure("download.disk_full_after = 100");
+    configure("transfer.disk_full_after = 100");
     download();
     EXPECT_EQ(told.names, kStartAndComplete);
     EXPECT_EQ(told.lastFile, "error");
@@ -411,7 +450,7 @@ TEST_F(DownloadCommandTest, ANullItemIsAnErrorAndReleasesNothing)
 
 TEST_F(DownloadCommandTest, AFolderOfTheCameraIsAWriteFailure)
 {
-    download(static_cast<EdsDirectoryItemRef>(VirtualCameraNewItem(0, -1)));
+    download(static_cast<EdsDirectoryItemRef>(VirtualCanonNewItem(0, -1)));
     VirtualCameraClearMisuse();
     EXPECT_EQ(told.names, kStartAndComplete);
     EXPECT_EQ(told.lastFile, "error");
@@ -445,14 +484,6 @@ TEST_F(DownloadCommandTest, WithoutAFolderNoFileIsMadeAndItIsAWriteFailure)
     EXPECT_EQ(calls(), (Lines{"EdsGetDirectoryItemInfo(item)", "EdsRelease(item)"}));
     EXPECT_EQ(told.names, kComplete);
     EXPECT_EQ(told.lastFile, "error");
-}
-
-TEST_F(DownloadCommandTest, AFolderThatASessionsEndEmptiedIsStillTheFolder)
-{
-    g_szExportFolder.clear();
-    download();
-    EXPECT_TRUE(isPath(told.lastFile)) << told.lastFile;
-    EXPECT_EQ(contentOf(told.lastFile), pictureBytes(m_file));
 }
 
 TEST_F(DownloadCommandTest, AFolderThatDoesNotExistIsNotMadeAndThePathIsAnnounced)
@@ -494,14 +525,98 @@ TEST_F(DownloadCommandTest, AFolderThatIsChangedDuringTheDownloadLeavesThePictur
     EXPECT_EQ(contentOf(told.lastFile), pictureBytes(m_file));
 }
 
+// A folder that is named relative to the current one, which the host changes in the middle.
+
+class MovingHostTest : public DownloadCommandTest
+{
+protected:
+    void SetUp() override
+    {
+        DownloadCommandTest::SetUp();
+        m_folder.makeFolder("before");
+        m_pictures = m_folder.makeFolder("before/shots");
+        m_folder.makeFolder("after");
+        m_others = m_folder.makeFolder("after/shots");
+        g_szExportFolder.set("shots");
+        m_current = std::make_unique<CurrentFolder>(m_folder.path() + "/before");
+    }
+
+    void TearDown() override
+    {
+        m_current.reset();
+        DownloadCommandTest::TearDown();
+    }
+
+    // The host moves while the library is in `function`, which then goes on.
+    void downloadAndMoveDuring(const char* function)
+    {
+        std::thread worker([&] { download(); });
+        EXPECT_EQ(VirtualCameraWaitForHang(function, 5000), 1);
+        CurrentFolder::moveTo(m_folder.path() + "/after");
+        VirtualCameraReleaseHangs();
+        worker.join();
+    }
+
+    static Lines filesIn(const std::string& folder)
+    {
+        Lines files;
+        for (const auto& entry : fs::directory_iterator(fs::u8path(folder))) {
+            files.push_back(entry.path().filename().u8string());
+        }
+        return files;
+    }
+
+    std::unique_ptr<CurrentFolder> m_current;
+    std::string m_pictures;
+    std::string m_others;
+};
+
+TEST_F(MovingHostTest, ADownloadThatFailsAfterTheMoveLeavesNoPartialFile)
+{
+    fault("EdsDownload hang code=0x2A percent=50");
+    downloadAndMoveDuring("EdsDownload");
+    EXPECT_EQ(told.lastFile, "error");
+    EXPECT_EQ(filesIn(m_pictures), Lines{});
+}
+
+TEST_F(MovingHostTest, ADownloadThatCannotBeginAfterTheMoveLeavesNoEmptyFile)
+{
+    fault("EdsSetProgressCallback hang code=0x60");
+    downloadAndMoveDuring("EdsSetProgressCallback");
+    EXPECT_EQ(told.names, kStartAndComplete);
+    EXPECT_EQ(filesIn(m_pictures), Lines{});
+}
+
+TEST_F(MovingHostTest, AFileOfTheSameNameInTheNewFolderIsLeftAlone)
+{
+    fault("EdsDownload hang code=0x2A percent=50");
+    std::thread worker([&] { download(); });
+    EXPECT_EQ(VirtualCameraWaitForHang("EdsDownload", 5000), 1);
+    const Lines written = filesIn(m_pictures);
+    ASSERT_EQ(written.size(), 1U);
+    std::ofstream(fs::u8path(m_others + "/" + written.front())) << "theirs";
+    CurrentFolder::moveTo(m_folder.path() + "/after");
+    VirtualCameraReleaseHangs();
+    worker.join();
+    EXPECT_EQ(filesIn(m_others), written);
+}
+
+TEST_F(MovingHostTest, APictureIsAnnouncedByTheTextThatItsFolderMakes)
+{
+    download();
+    const std::string start = std::string("shots") + platform::kPathSeparator + "Canon_";
+    EXPECT_EQ(told.lastFile.rfind(start, 0), 0U) << told.lastFile;
+    EXPECT_TRUE(contentOf(m_folder.path() + "/before/" + told.lastFile) == pictureBytes(m_file));
+}
+
 TEST_F(DownloadCommandTest, AnUnexecutedCommandGivesItsItemBack)
 {
     {
         const DownloadCommand command(model(), item());
-        EXPECT_EQ(VirtualCameraReferenceCount("item"), 1);
+        EXPECT_EQ(VirtualCanonReferenceCount("item"), 1);
     }
     EXPECT_EQ(calls(), Lines{"EdsRelease(item)"});
-    EXPECT_EQ(VirtualCameraReferenceCount("item"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("item"), 0);
 }
 
 TEST_F(DownloadCommandTest, AnUnexecutedCommandWithoutItemReleasesNothing)

@@ -52,21 +52,21 @@ protected:
     static void sendProperty(std::uint32_t event, std::uint32_t property)
     {
         const int before = VirtualCameraEventCount(event);
-        ASSERT_EQ(VirtualCameraSendPropertyEvent(0, event, property, 0), 1);
+        ASSERT_EQ(VirtualCanonSendPropertyEvent(0, event, property, 0), 1);
         ASSERT_EQ(VirtualCameraWaitForEvents(event, before + 1, 5000), 1);
     }
 
     static void sendObject(std::uint32_t event, void* reference)
     {
         const int before = VirtualCameraEventCount(event);
-        ASSERT_EQ(VirtualCameraSendObjectEvent(0, event, reference), 1);
+        ASSERT_EQ(VirtualCanonSendObjectEvent(0, event, reference), 1);
         ASSERT_EQ(VirtualCameraWaitForEvents(event, before + 1, 5000), 1);
     }
 
     static void sendState(std::uint32_t event)
     {
         const int before = VirtualCameraEventCount(event);
-        ASSERT_EQ(VirtualCameraSendStateEvent(0, event, 0), 1);
+        ASSERT_EQ(VirtualCanonSendStateEvent(0, event, 0), 1);
         ASSERT_EQ(VirtualCameraWaitForEvents(event, before + 1, 5000), 1);
     }
 
@@ -103,6 +103,45 @@ TEST_F(EventHandlersTest, MayBeCalledFromInsideTheirRegistration)
     finishQueue();
     const Lines all = events();
     EXPECT_EQ(std::count(all.begin(), all.end(), "PropertyChanged 406"), 1);
+}
+
+// Holds a start up while it registers the handlers.
+class HeldStartTest : public VirtualCameraTest
+{
+protected:
+    void SetUp() override
+    {
+        VirtualCameraTest::SetUp();
+        fault("EdsSetPropertyEventHandler hang");
+        m_start = std::thread([&] { canon::CanonInit(m_state, m_observer, "Virtual EOS"); });
+        ASSERT_EQ(VirtualCameraWaitForHang("EdsSetPropertyEventHandler", 5000), 1);
+        ASSERT_EQ(m_state.sessions.size(), 1U);
+    }
+
+    void TearDown() override
+    {
+        VirtualCameraReleaseHangs();
+        m_start.join();
+        canon::CanonClose(m_state);
+        VirtualCameraTest::TearDown();
+    }
+
+    canon::CanonState m_state;
+    const std::shared_ptr<RecordingObserver> m_observer = std::make_shared<RecordingObserver>();
+    std::thread m_start;
+};
+
+TEST_F(HeldStartTest, TheWorkerStartsWhenTheHandlersAreRegistered)
+{
+    EXPECT_FALSE(m_state.sessions.front()->m_pController->processor().isAlive());
+    VirtualCameraReleaseHangs();
+    EXPECT_EQ(VirtualCameraWaitForCalls("EdsOpenSession", 1, 5000), 1);
+}
+
+TEST_F(HeldStartTest, TheObserverListensBeforeTheFirstHandlerIsRegistered)
+{
+    m_state.sessions.front()->m_pModel->notify("probe");
+    EXPECT_EQ(m_observer->events(), Lines{"probe"});
 }
 
 // Property events.
@@ -165,11 +204,11 @@ TEST_F(EventHandlersTest, ANewPictureIsDownloadedAndItsReferenceGivenBack)
 {
     listen();
     start();
-    sendObject(0x208, VirtualCameraNewItem(0, -1));
+    sendObject(0x208, VirtualCanonNewItem(0, -1));
     finishQueue();
     EXPECT_EQ(calls("EdsGetDirectoryItemInfo").size(), 1U);
     EXPECT_EQ(calls("EdsRelease(item)").size(), 1U);
-    EXPECT_EQ(VirtualCameraReferenceCount("item"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("item"), 0);
     VirtualCameraClearMisuse();
 }
 
@@ -178,9 +217,9 @@ TEST_F(EventHandlersTest, AnyOtherObjectIsReleasedOnceAndNothingIsSent)
     listen();
     start();
     for (const std::uint32_t event : {0x201U, 0x204U, 0x207U, 0x209U, 0x20FU, 0x101U, 0x301U, 0U}) {
-        sendObject(event, VirtualCameraNewItem(0, -1));
+        sendObject(event, VirtualCanonNewItem(0, -1));
     }
-    EXPECT_EQ(VirtualCameraReferenceCount("item"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("item"), 0);
     finishQueue();
     EXPECT_EQ(calls(), Lines(8, "EdsRelease(item)"));
     EXPECT_EQ(events(), Lines{"done"});
@@ -287,8 +326,8 @@ TEST_F(EventHandlersTest, EventsAfterClosingUntilTerminationAreDroppedAndTheirOb
     m_controller->actionPerformed(ActionEvent("closing"));
     VirtualCameraClearLog();
     sendProperty(0x101, 0x405);
-    sendObject(0x208, VirtualCameraNewItem(0, -1));
-    sendObject(0x204, VirtualCameraNewItem(0, -1));
+    sendObject(0x208, VirtualCanonNewItem(0, -1));
+    sendObject(0x204, VirtualCanonNewItem(0, -1));
     sendState(0x301);
     EXPECT_EQ(calls(), (Lines{"EdsRelease(item)", "EdsRelease(item)"}));
     EXPECT_EQ(events(), Lines{});
@@ -298,19 +337,19 @@ TEST_F(VirtualCameraTest, EventsOfSeveralThreadsAtOnceAreAllHandled)
 {
     configure("events.threads = 8");
     canon::CanonState state;
-    RecordingObserver observer;
+    const auto observer = std::make_shared<RecordingObserver>();
     ASSERT_EQ(canon::CanonInit(state, observer, "Virtual EOS"), 1);
     ASSERT_EQ(VirtualCameraWaitForCalls("EdsGetPropertyData", 1, 5000), 1);
     for (int i = 0; i < 100; ++i) {
-        VirtualCameraSendPropertyEvent(0, 0x101, 0x104, 0);
+        VirtualCanonSendPropertyEvent(0, 0x101, 0x104, 0);
     }
     const auto told = [&] {
-        const Lines all = observer.events();
+        const Lines all = observer->events();
         return std::count(all.begin(), all.end(), "PropertyChanged 104");
     };
     // The camera's own event of the session's opening is one more.
     EXPECT_TRUE(waitFor([&] { return told() == 101; })) << told();
-    canon::CanonClose(state, observer);
+    canon::CanonClose(state);
 }
 
 }  // namespace

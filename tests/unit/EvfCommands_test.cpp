@@ -2,6 +2,8 @@
 #include "canon/EvfCommands.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <numeric>
 
 #include "CanonTestSupport.h"
@@ -15,8 +17,40 @@ using canon::DriveLensCommand;
 using canon::EndEvfCommand;
 using canon::EvfFrame;
 using canon::StartEvfCommand;
+using std::chrono::milliseconds;
 
 namespace {
+
+// Whether `action` takes less than `limit` once: a machine that is busy gets three tries.
+template <typename Action>
+bool takesLessThan(milliseconds limit, Action action)
+{
+    for (int tries = 0; tries < 3; ++tries) {
+        const auto start = std::chrono::steady_clock::now();
+        action();
+        if (std::chrono::steady_clock::now() - start < limit) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// When the writes of properties in the virtual camera's log were made, in seconds, oldest first.
+std::vector<double> timesOfWrites()
+{
+    std::istringstream log(textOf(VirtualCameraLog));
+    std::vector<double> times;
+    long number = 0;
+    double time = 0;
+    std::string thread;
+    std::string call;
+    while (log >> number >> time >> thread && std::getline(log >> std::ws, call)) {
+        if (call.find("EdsSetPropertyData") == 0) {
+            times.push_back(time);
+        }
+    }
+    return times;
+}
 
 class EvfTest : public OpenSessionTest
 {
@@ -30,30 +64,37 @@ protected:
     // Live view is on, on the camera and in the model.
     void switchOn()
     {
-        VirtualCameraSetProperty(0, 0x501, 1);
-        VirtualCameraSetProperty(0, 0x500, 2);
+        VirtualCanonSetProperty(0, 0x501, 1);
+        VirtualCanonSetProperty(0, 0x500, 2);
         model().evfMode = 1;
         model().evfOutputDevice = 2;
     }
 };
 
-// Keeps the last frame it was told.
+// Keeps the last frame it was told, and what the model said of it then.
 class FrameObserver final : public canon::Observer
 {
 public:
-    void update(canon::Observable* /*from*/, const canon::CameraEvent& event) override
+    void update(canon::Observable* from, const canon::CameraEvent& event) override
     {
         if (event.name == "EvfDataChanged") {
+            const auto& model = *static_cast<const canon::CameraModel*>(from);
+            modelZoom = model.evfZoom;
+            modelPosition = model.evfPosition;
+            modelRect = model.evfZoomRect;
             frame = *static_cast<const EvfFrame*>(event.arg);
             image.resize(
-                static_cast<std::size_t>(VirtualCameraStreamBytes(frame.stream, nullptr, 0)));
-            VirtualCameraStreamBytes(frame.stream, image.data(),
-                                     static_cast<std::int64_t>(image.size()));
+                static_cast<std::size_t>(VirtualCanonStreamBytes(frame.stream, nullptr, 0)));
+            VirtualCanonStreamBytes(frame.stream, image.data(),
+                                    static_cast<std::int64_t>(image.size()));
         }
     }
 
     EvfFrame frame = {};
     std::string image;
+    std::uint32_t modelZoom = 0;
+    EdsPoint modelPosition = {};
+    EdsRect modelRect = {};
 };
 
 // Starting.
@@ -125,16 +166,42 @@ TEST_F(EvfTest, TheEndTakesTheHostOutOfTheOutputs)
     EXPECT_EQ(model().evfOutputDevice, 0x3U);
 }
 
-TEST_F(EvfTest, TheEndLetsTheDepthOfFieldGoFirstAndPauses500Milliseconds)
+TEST_F(EvfTest, TheEndLetsTheDepthOfFieldGoFirst)
 {
     switchOn();
-    VirtualCameraClearLog();
+    for (const std::uint32_t preview : {1U, 2U, 0x80000000U}) {
+        model().evfDepthOfFieldPreview = preview;
+        VirtualCameraClearLog();
+        EXPECT_TRUE(execute<EndEvfCommand>());
+        EXPECT_EQ(calls(), (Lines{"EdsSetPropertyData(camera, 0x504, 0, 4, 0x0)",
+                                  "EdsSetPropertyData(camera, 0x500, 0, 4, 0x0)"}));
+    }
+}
+
+TEST_F(EvfTest, TheEndPausesHalfASecondBetweenTheDepthOfFieldAndTheOutputs)
+{
+    switchOn();
     model().evfDepthOfFieldPreview = 1;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(execute<EndEvfCommand>());
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
-    EXPECT_EQ(calls(), (Lines{"EdsSetPropertyData(camera, 0x504, 0, 4, 0x0)",
-                              "EdsSetPropertyData(camera, 0x500, 0, 4, 0x0)"}));
+    EXPECT_TRUE(takesLessThan(milliseconds(900), [&] {
+        VirtualCameraClearLog();
+        EXPECT_TRUE(execute<EndEvfCommand>());
+        const std::vector<double> times = timesOfWrites();
+        ASSERT_EQ(times.size(), 2U);
+        EXPECT_GE(times[1] - times[0], 0.499);
+    }));
+}
+
+TEST_F(EvfTest, TheEndDoesNotPauseWhenTheDepthOfFieldIsOffOrStays)
+{
+    switchOn();
+    EXPECT_TRUE(takesLessThan(milliseconds(300), [&] { EXPECT_TRUE(execute<EndEvfCommand>()); }));
+    model().evfDepthOfFieldPreview = 1;
+    for (const char* code : {"0x1", "0x60", "0x81"}) {
+        fault(std::string("EdsSetPropertyData property=0x504 calls=0 code=") + code);
+        EXPECT_TRUE(
+            takesLessThan(milliseconds(300), [&] { EXPECT_FALSE(execute<EndEvfCommand>()); }));
+        VirtualCameraClearFaults();
+    }
 }
 
 TEST_F(EvfTest, TheEndIsTriedAgainAfterEveryFailure)
@@ -147,14 +214,16 @@ TEST_F(EvfTest, TheEndIsTriedAgainAfterEveryFailure)
     EXPECT_EQ(events(), (Lines{"DeviceBusy", "error 60", "error 10081"}));
 }
 
-TEST_F(EvfTest, TheEndNeitherPausesNorGoesOnWhenTheDepthOfFieldStays)
+TEST_F(EvfTest, TheEndDoesNotGoOnAndIsTriedAgainWhenTheDepthOfFieldStays)
 {
     model().evfOutputDevice = 2;
     model().evfDepthOfFieldPreview = 1;
-    fault("EdsSetPropertyData code=0x60 property=0x504");
-    EXPECT_FALSE(execute<EndEvfCommand>());
-    EXPECT_EQ(calls(), Lines{"EdsSetPropertyData(camera, 0x504, 0, 4, 0x0)"});
-    EXPECT_EQ(events(), Lines{"error 60"});
+    for (const char* code : {"0x1", "0x60", "0x81", "0x10081"}) {
+        fault(std::string("EdsSetPropertyData property=0x504 code=") + code);
+        EXPECT_FALSE(execute<EndEvfCommand>());
+    }
+    EXPECT_EQ(calls(), Lines(4, "EdsSetPropertyData(camera, 0x504, 0, 4, 0x0)"));
+    EXPECT_EQ(events(), (Lines{"error 1", "error 60", "DeviceBusy", "error 10081"}));
 }
 
 // Frames.
@@ -181,16 +250,16 @@ TEST_F(EvfTest, AFrameIsFetchedReadAndGivenBackStreamFirst)
                "EdsGetPropertyData(image, 0x541, 0, 16)", "EdsGetPropertyData(image, 0x540, 0, 8)",
                "EdsRelease(stream)", "EdsRelease(image)"}));
     EXPECT_EQ(events(), Lines{"EvfDataChanged"});
-    EXPECT_EQ(VirtualCameraReferenceCount("stream"), 0);
-    EXPECT_EQ(VirtualCameraReferenceCount("image"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("stream"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("image"), 0);
 }
 
 TEST_F(EvfTest, AFrameTellsTheImageTheZoomTheRectangleAndTheHistogram)
 {
     switchOn();
-    VirtualCameraSetProperty(0, 0x507, 5);
+    VirtualCanonSetProperty(0, 0x507, 5);
     const std::int32_t position[] = {512, 384};
-    VirtualCameraSetPropertyBytes(0, 0x508, 23, position, sizeof position);
+    VirtualCanonSetPropertyBytes(0, 0x508, 23, position, sizeof position);
     FrameObserver observer;
     model().addObserver(&observer);
     EXPECT_TRUE(execute<DownloadEvfCommand>());
@@ -208,9 +277,9 @@ TEST_F(EvfTest, AFrameTellsTheImageTheZoomTheRectangleAndTheHistogram)
 TEST_F(EvfTest, AFrameIsKeptInTheModelWithThePointOfItsRectangle)
 {
     switchOn();
-    VirtualCameraSetProperty(0, 0x507, 10);
+    VirtualCanonSetProperty(0, 0x507, 10);
     const std::int32_t position[] = {512, 384};
-    VirtualCameraSetPropertyBytes(0, 0x508, 23, position, sizeof position);
+    VirtualCanonSetPropertyBytes(0, 0x508, 23, position, sizeof position);
     EXPECT_TRUE(execute<DownloadEvfCommand>());
     EXPECT_EQ(model().evfZoom, 10U);
     EXPECT_EQ(model().evfPosition.load().x, 512);
@@ -223,7 +292,7 @@ TEST_F(EvfTest, AfterAFrameAt512And384FocusLeftSends384And384)
 {
     switchOn();
     const std::int32_t position[] = {512, 384};
-    VirtualCameraSetPropertyBytes(0, 0x508, 23, position, sizeof position);
+    VirtualCanonSetPropertyBytes(0, 0x508, 23, position, sizeof position);
     EXPECT_TRUE(execute<DownloadEvfCommand>());
 
     canon::CameraController controller(model());
@@ -232,27 +301,96 @@ TEST_F(EvfTest, AfterAFrameAt512And384FocusLeftSends384And384)
     EXPECT_EQ(VirtualCameraWaitForCalls("EdsSetPropertyData", 1, 5000), 1);
     controller.actionPerformed(canon::ActionEvent("closing"));
     std::int32_t sent[2] = {};
-    VirtualCameraPropertyBytes(0, 0x508, sent, sizeof sent);
+    VirtualCanonPropertyBytes(0, 0x508, sent, sizeof sent);
     EXPECT_EQ(sent[0], 384);
     EXPECT_EQ(sent[1], 384);
 }
 
-TEST_F(EvfTest, WhatAFrameDoesNotTellIsZero)
+TEST_F(EvfTest, AFrameIsAnnouncedWhenTheModelHasIt)
+{
+    switchOn();
+    VirtualCanonSetProperty(0, 0x507, 10);
+    const std::int32_t position[] = {512, 384};
+    VirtualCanonSetPropertyBytes(0, 0x508, 23, position, sizeof position);
+    FrameObserver observer;
+    model().addObserver(&observer);
+    EXPECT_TRUE(execute<DownloadEvfCommand>());
+    EXPECT_EQ(observer.modelZoom, 10U);
+    EXPECT_EQ(observer.modelPosition.x, 512);
+    EXPECT_EQ(observer.modelPosition.y, 384);
+    EXPECT_EQ(observer.modelRect.point.x, 512);
+    EXPECT_EQ(observer.modelRect.size.width, observer.frame.zoomRect.size.width);
+}
+
+struct UnreadCase {
+    const char* name;
+    std::uint32_t property;
+    // The part of the frame's record that the property fills.
+    std::size_t offset;
+    std::size_t size;
+};
+
+const UnreadCase kUnread[] = {
+    {"zoom", 0x507, offsetof(EvfFrame, zoom), sizeof EvfFrame::zoom},
+    {"position", 0x50B, offsetof(EvfFrame, position), sizeof EvfFrame::position},
+    {"histogram", 0x50A, offsetof(EvfFrame, histogram), sizeof EvfFrame::histogram},
+    {"zoomRect", 0x541, offsetof(EvfFrame, zoomRect), sizeof EvfFrame::zoomRect},
+    {"coordinateSystem", 0x540, offsetof(EvfFrame, coordinateSystem),
+     sizeof EvfFrame::coordinateSystem},
+};
+
+class UnreadPartTest : public EvfTest, public testing::WithParamInterface<UnreadCase>
+{
+protected:
+    // The part of the last frame's record, as the observer got it.
+    static std::string partOf(const EvfFrame& frame)
+    {
+        std::string bytes(sizeof frame, '\0');
+        std::memcpy(bytes.data(), &frame, sizeof frame);
+        return bytes.substr(GetParam().offset, GetParam().size);
+    }
+};
+
+TEST_P(UnreadPartTest, IsZeroWhateverTheFrameBeforeHadThere)
+{
+    switchOn();
+    VirtualCanonSetProperty(0, 0x507, 5);
+    const std::int32_t position[] = {512, 384};
+    VirtualCanonSetPropertyBytes(0, 0x508, 23, position, sizeof position);
+    FrameObserver observer;
+    model().addObserver(&observer);
+    const std::string zero(GetParam().size, '\0');
+    EXPECT_TRUE(execute<DownloadEvfCommand>());
+    EXPECT_NE(partOf(observer.frame), zero);
+
+    char rule[64];
+    std::snprintf(rule, sizeof rule, "EdsGetPropertyData code=0x50 property=0x%X",
+                  GetParam().property);
+    fault(rule);
+    EXPECT_TRUE(execute<DownloadEvfCommand>());
+    EXPECT_EQ(events(), (Lines{"EvfDataChanged", "EvfDataChanged"}));
+    EXPECT_EQ(partOf(observer.frame), zero);
+}
+
+INSTANTIATE_TEST_SUITE_P(Parts, UnreadPartTest, testing::ValuesIn(kUnread),
+                         [](const testing::TestParamInfo<UnreadCase>& tested) {
+                             return std::string(tested.param.name);
+                         });
+
+TEST_F(EvfTest, WhatAFrameDoesNotTellIsZeroInTheModelToo)
 {
     switchOn();
     model().evfPosition = EdsPoint{7, 7};
     model().evfZoom = 7;
-    FrameObserver observer;
-    model().addObserver(&observer);
+    model().evfZoomRect = EdsRect{{7, 7}, {7, 7}};
     fault("EdsGetPropertyData code=0x50 calls=0");
     EXPECT_TRUE(execute<DownloadEvfCommand>());
     EXPECT_EQ(events(), Lines{"EvfDataChanged"});
-    EXPECT_EQ(observer.frame.zoom, 0U);
     EXPECT_EQ(model().evfZoom, 0U);
     EXPECT_EQ(model().evfPosition.load().x, 0);
-    EXPECT_EQ(
-        std::count(std::begin(observer.frame.histogram), std::end(observer.frame.histogram), 0U),
-        1024);
+    EXPECT_EQ(model().evfPosition.load().y, 0);
+    EXPECT_EQ(model().evfZoomRect.point.y, 0);
+    EXPECT_EQ(model().evfZoomRect.size.width, 0);
 }
 
 TEST_F(EvfTest, AFrameThatIsNotReadyIsTriedAgainSilently)
@@ -261,8 +399,8 @@ TEST_F(EvfTest, AFrameThatIsNotReadyIsTriedAgainSilently)
     fault("EdsDownloadEvfImage code=0xA102");
     EXPECT_FALSE(execute<DownloadEvfCommand>());
     EXPECT_EQ(events(), Lines{});
-    EXPECT_EQ(VirtualCameraReferenceCount("stream"), 0);
-    EXPECT_EQ(VirtualCameraReferenceCount("image"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("stream"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("image"), 0);
 }
 
 TEST_F(EvfTest, AFrameThatIsNotReadyComes500MillisecondsLater)
@@ -330,7 +468,7 @@ TEST_F(EvfTest, AHundredFramesLeaveNothingBehind)
         EXPECT_TRUE(execute<DownloadEvfCommand>());
     }
     EXPECT_EQ(events().size(), 100U);
-    EXPECT_EQ(VirtualCameraReferenceCount(""), 1);
+    EXPECT_EQ(VirtualCanonReferenceCount(""), 1);
 }
 
 // The lens.

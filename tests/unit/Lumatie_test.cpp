@@ -10,10 +10,12 @@
 #include <memory>
 #include <set>
 
+#include "EventReceiver.h"
 #include "System.h"
 #include "TestSupport.h"
 #include "TetherTexts.h"
 #include "canon/CameraModel.h"
+#include "canon/CanonReporting.h"
 
 namespace {
 
@@ -188,7 +190,7 @@ TEST_F(LumatieTest, ADeviceIsADriverModuleToo)
 TEST_F(LumatieTest, AFileIsADriverModuleEvenWhenACameraIsCalledLikeIt)
 {
     const std::string path = makeFile().u8string();
-    VirtualCameraSetName(0, path.data(), static_cast<int>(path.size()));
+    VirtualCanonSetName(0, path.data(), static_cast<int>(path.size()));
     EXPECT_EQ(init(path.c_str()), 0);
     EXPECT_EQ(m_tether->vendor(), VENDOR_NIKON);
 }
@@ -259,14 +261,13 @@ TEST_F(LumatieTest, AStartTakesTheFolderAndForgetsTheLastPicture)
     EXPECT_EQ(g_szLastFile.take(), "");
 }
 
-TEST_F(LumatieTest, AnEndEmptiesBothTextsButKeepsTheFolderForAPictureUnderWay)
+TEST_F(LumatieTest, AnEndForgetsTheLastPictureButKeepsTheFolderForOneUnderWay)
 {
     init("Some other camera");
     std::thread([] { g_szLastFile.set("/a/1.jpg"); }).join();
     uninit();
-    EXPECT_EQ(g_szExportFolder.text(), "");
     EXPECT_EQ(g_szLastFile.take(), "");
-    EXPECT_EQ(g_szExportFolder.forPictures(), m_folder.u8string());
+    EXPECT_EQ(g_szExportFolder.text(), m_folder.u8string());
 }
 
 TEST_F(LumatieTest, AnEndWithoutAVendorKeepsTheFolder)
@@ -284,7 +285,7 @@ TEST_F(LumatieTest, DestroyingTheObjectEndsItsSession)
     EXPECT_EQ(VirtualCameraSessionOpen(0), 0);
     EXPECT_EQ(VirtualCameraCallCount("EdsCloseSession"), 1);
     EXPECT_EQ(VirtualCameraCallCount("EdsTerminateSDK"), 1);
-    EXPECT_EQ(VirtualCameraReferenceCount(""), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount(""), 0);
 }
 
 TEST_F(LumatieTest, AnObjectCanBeUsedAgainAfterItsEnd)
@@ -294,7 +295,7 @@ TEST_F(LumatieTest, AnObjectCanBeUsedAgainAfterItsEnd)
     startSession();
     EXPECT_EQ(m_tether->vendor(), VENDOR_CANON);
     EXPECT_EQ(uninit(), 1);
-    EXPECT_EQ(VirtualCameraReferenceCount("camera"), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount("camera"), 0);
 }
 
 TEST_F(LumatieTest, AFailedStartCanBeFollowedByOneThatWorks)
@@ -372,6 +373,28 @@ TEST_F(LumatieTest, AnEndGivesUpTheInterpreterLockMeanwhile)
     host.join();
 }
 
+TEST_F(LumatieTest, ADestructorAwaitsTheEndOnAnotherThreadWithoutTheInterpreterLock)
+{
+    startSession();
+    VirtualCameraFault("EdsCloseSession hang");
+    std::thread ending([&] { uninit(); });
+    EXPECT_EQ(VirtualCameraWaitForHang("EdsCloseSession", 10'000), 1);
+    std::atomic<bool> isGoing{false};
+    std::atomic<bool> isGone{false};
+    std::thread owner([&] {
+        const InterpreterLock lock;
+        isGoing = true;
+        m_tether = nullptr;
+        isGone = true;
+    });
+    EXPECT_TRUE(waitFor([&] { return isGoing.load(); }));
+    EXPECT_TRUE(lockIsFree());
+    EXPECT_FALSE(isGone);
+    VirtualCameraReleaseHangs();
+    ending.join();
+    owner.join();
+}
+
 TEST_F(LumatieTest, OperationsEndWithTheInterpreterLockHeldAgain)
 {
     const InterpreterLock lock;
@@ -397,7 +420,7 @@ TEST_F(LumatieTest, WithoutACallableEventsAreDroppedSilently)
     ASSERT_EQ(init(kCamera, Py_None), 1);
     ASSERT_TRUE(waitFor([] { return VirtualCameraSessionOpen(0) == 1; }));
     const int before = VirtualCameraCallCount("EdsGetPropertyData");
-    VirtualCameraSetProperty(0, 0x406, 0x10);
+    VirtualCanonSetProperty(0, 0x406, 0x10);
     EXPECT_EQ(VirtualCameraWaitForCalls("EdsGetPropertyData", before + 1, 10'000), 1);
     EXPECT_EQ(uninit(), 1);
     EXPECT_EQ(m_recorder.calls(), Calls{});
@@ -425,7 +448,7 @@ TEST_F(LumatieTest, AnEndReleasesTheCallable)
 TEST_F(LumatieTest, AChangeOnTheBodyReachesTheCallable)
 {
     startSession();
-    VirtualCameraSetProperty(0, 0x406, 0x0C);
+    VirtualCanonSetProperty(0, 0x406, 0x0C);
     EXPECT_TRUE(waitFor([&] { return m_recorder.wasCalledWith("(3, 12, 'Bulb')"); }));
 }
 
@@ -433,9 +456,9 @@ TEST_F(LumatieTest, AnAllowedValueWithoutATextIsLeftOutOfTheList)
 {
     startSession();
     const std::int32_t allowed[] = {0x10, 0x11, 0x13};
-    VirtualCameraSetAllowed(0, 0x406, allowed, 3);
+    VirtualCanonSetAllowed(0, 0x406, allowed, 3);
     EXPECT_TRUE(waitFor([&] { return m_recorder.wasCalledWith("(4, \"{16:'30',19:'25',}\")"); }));
-    VirtualCameraSetAllowed(0, 0x406, allowed, 0);
+    VirtualCanonSetAllowed(0, 0x406, allowed, 0);
     EXPECT_TRUE(waitFor([&] { return m_recorder.wasCalledWith("(4, '{}')"); }));
 }
 
@@ -451,8 +474,8 @@ TEST_F(LumatieTest, ListsOfExposureModesAndImageQualitiesNeverArrive)
 {
     startSession();
     for (const std::uint32_t property : {0x436U, 0x100U, 0x106U, 0x107U, 0x402U, 0x405U, 0x406U}) {
-        VirtualCameraSendPropertyEvent(0, 0x101, property, 0);
-        VirtualCameraSendPropertyEvent(0, 0x102, property, 0);
+        VirtualCanonSendPropertyEvent(0, 0x101, property, 0);
+        VirtualCanonSendPropertyEvent(0, 0x102, property, 0);
     }
     const std::set<int> expected = {1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
     for (const int nType : expected) {
@@ -467,7 +490,7 @@ TEST_F(LumatieTest, NothingIsDeliveredAfterTheEnd)
 {
     startSession();
     for (int i = 0; i < 50; ++i) {
-        VirtualCameraSendPropertyEvent(0, 0x101, 0x406, 0);
+        VirtualCanonSendPropertyEvent(0, 0x101, 0x406, 0);
     }
     uninit();
     const Calls calls = m_recorder.calls();
@@ -491,7 +514,7 @@ TEST_F(LumatieTest, AnEndFromInsideTheCallableReturnsOneAtOnceAndTheSessionEndsB
     }
     ASSERT_EQ(init(kCamera, callable), 1);
     ASSERT_TRUE(waitFor([] { return VirtualCameraSessionOpen(0) == 1; }));
-    VirtualCameraSetProperty(0, 0x406, 0x0C);
+    VirtualCanonSetProperty(0, 0x406, 0x0C);
     EXPECT_TRUE(waitFor([&] { return openDuringTheCall != -1; }));
     EXPECT_EQ(result, 1);
     EXPECT_EQ(openDuringTheCall, 1);
@@ -513,32 +536,50 @@ TEST_F(LumatieTest, TheCallableMayDestroyTheObject)
     // The first event ends the session, maybe before anybody sees it open.
     ASSERT_EQ(init(kCamera, callable), 1);
     EXPECT_EQ(VirtualCameraWaitForCalls("EdsTerminateSDK", 1, 10'000), 1);
-    EXPECT_TRUE(waitFor([] { return VirtualCameraReferenceCount("") == 0; }));
+    EXPECT_TRUE(waitFor([] { return VirtualCanonReferenceCount("") == 0; }));
     const InterpreterLock lock;
     EXPECT_EQ(m_tether, nullptr);
     Py_DECREF(callable);
 }
 
-TEST_F(LumatieTest, ANotificationWithoutACanonSessionIsIgnored)
+TEST_F(LumatieTest, ANotificationForAHostThatCanonDoesNotServeIsIgnored)
 {
+    const auto receiver = std::make_shared<EventReceiver>();
+    canon::HostReporter reporter(receiver);
     canon::CameraModel model(nullptr);
-    model.addObserver(m_tether.get());
+    model.addObserver(&reporter);
+    {
+        const InterpreterLock lock;
+        receiver->adopt(m_recorder.object());
+    }
     model.notify("error", 0xC0);
-    init(makeFile().u8string().c_str());
+    receiver->serve(VENDOR_NIKON);
     model.notify("error", 0xC0);
     EXPECT_EQ(m_recorder.calls(), Calls{});
-}
 
-TEST_F(LumatieTest, ANotificationOfABusyCameraReachesTheCallable)
-{
-    init("Some other camera");
-    canon::CameraModel model(nullptr);
-    model.addObserver(m_tether.get());
+    receiver->serve(VENDOR_CANON);
     model.notify("error", 0xC0);
     model.notify("error", 0x81);
     model.notify("DeviceBusy");
     EXPECT_EQ(m_recorder.calls(), (Calls{"(0, \"{'GENERAL_DEVICEBUSY':1}\")"}));
-    uninit();
+    const InterpreterLock lock;
+    receiver->detach();
+}
+
+TEST_F(LumatieTest, ADetachedReceiverTakesNoCallableAndTellsNothing)
+{
+    EventReceiver receiver;
+    const Py_ssize_t before = Py_REFCNT(m_recorder.object());
+    {
+        const InterpreterLock lock;
+        EXPECT_TRUE(receiver.adopt(m_recorder.object()));
+        receiver.detach();
+        EXPECT_FALSE(receiver.adopt(m_recorder.object()));
+        EXPECT_EQ(Py_REFCNT(m_recorder.object()), before);
+    }
+    EXPECT_EQ(receiver.vendor(), VENDOR_NONE);
+    receiver.Call("i", 1);
+    EXPECT_EQ(m_recorder.calls(), Calls{});
 }
 
 // Many sessions.
@@ -549,7 +590,7 @@ TEST_F(LumatieTest, StartedAndEndedAtOnceLeavesNothingBehind)
         ASSERT_EQ(init(kCamera), 1);
         ASSERT_EQ(uninit(), 1);
     }
-    EXPECT_EQ(VirtualCameraReferenceCount(""), 0);
+    EXPECT_EQ(VirtualCanonReferenceCount(""), 0);
     EXPECT_EQ(VirtualCameraCallCount("EdsTerminateSDK"), 30);
 }
 

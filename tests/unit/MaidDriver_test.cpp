@@ -284,6 +284,33 @@ TEST_F(MaidDriverTest, WhatACommandThatWasGivenUpUsesIsKeptUntilTheSessionsEnd)
     openWith(impatient());
 }
 
+TEST_F(MaidDriverTest, WhatARefusedCommandUsesIsForgottenWhenTheModuleHasHadItsTime)
+{
+    fake::Rule rule{kMaidCommandCapGet, kMaidCapLiveness};
+    rule.result = -127;
+    rule.completes = false;
+    maid.rule(rule);
+    auto number = std::make_shared<std::uint32_t>(0);
+    const std::weak_ptr<std::uint32_t> kept = number;
+    EXPECT_FALSE(read(number));
+    number.reset();
+    EXPECT_TRUE(read());
+    EXPECT_FALSE(kept.expired());
+    EXPECT_TRUE(waitFor([&] { return read() && kept.expired(); }));
+}
+
+TEST_F(MaidDriverTest, WhatWasCompletedAfterItsWaitWasGivenUpIsForgotten)
+{
+    auto number = std::make_shared<std::uint32_t>(0);
+    const std::weak_ptr<std::uint32_t> kept = number;
+    completeAfter(fake::kNever);
+    EXPECT_FALSE(read(number));
+    number.reset();
+    maid.completeAll();
+    EXPECT_TRUE(read());
+    EXPECT_TRUE(kept.expired());
+}
+
 TEST_F(MaidDriverTest, ASecondCompletionIsIgnored)
 {
     maid.during(kMaidCommandCapGet, kMaidCapLiveness, [&](const fake::Call& /*call*/) {
@@ -339,10 +366,28 @@ TEST_F(MaidDriverTest, TwoThreadsAreNeverInsideAtOnce)
     EXPECT_EQ(maid.count("Source CapGet 0x81D7"), 60);
 }
 
-TEST_F(MaidDriverTest, TheLockIsHeldDuringTheWait)
+TEST_F(MaidDriverTest, TheLockIsFreeBetweenTwoPollsOfAWait)
 {
+    m_tree->CloseTree();
+    nikon::Timing timing = impatient();
+    timing.running = 60s;
+    openWith(timing);
     completeAfter(fake::kNever);
     auto first = std::async(std::launch::async, [&] { return read(); });
+    EXPECT_TRUE(waitFor([&] { return maid.outstanding() == 1; }));
+    auto second = std::async(std::launch::async, [&] { return read(); });
+    EXPECT_EQ(second.wait_for(5s), std::future_status::ready);
+    maid.completeAll();
+    first.get();
+}
+
+TEST_F(MaidDriverTest, TheLockIsHeldDuringAWaitThatAGuardEncloses)
+{
+    completeAfter(fake::kNever);
+    auto first = std::async(std::launch::async, [&] {
+        const MaidDriver::Guard guard(driver());
+        return read();
+    });
     EXPECT_TRUE(waitFor([&] { return maid.outstanding() == 1; }));
     auto second = std::async(std::launch::async, [&] { return read(); });
     EXPECT_EQ(second.wait_for(50ms), std::future_status::timeout);
@@ -350,6 +395,32 @@ TEST_F(MaidDriverTest, TheLockIsHeldDuringTheWait)
     maid.completeAll();
     first.get();
     EXPECT_TRUE(second.get());
+}
+
+TEST_F(MaidDriverTest, AnObjectThatAnotherThreadClosesBetweenTwoPollsEndsTheWait)
+{
+    completeAfter(fake::kNever);
+    auto first = std::async(std::launch::async, [&] { return read(); });
+    EXPECT_TRUE(waitFor([&] { return maid.outstanding() == 1; }));
+    const auto begun = Clock::now();
+    EXPECT_TRUE(m_tree->CloseChild(m_tree->root(), 1));
+    EXPECT_FALSE(first.get());
+    EXPECT_LT(Clock::now() - begun, impatient().running);
+    maid.completeAll();
+}
+
+TEST_F(MaidDriverTest, AGuardThatWaitsForNobodyIsRefusedWhileSomebodyAwaitsACompletion)
+{
+    completeAfter(fake::kNever);
+    EXPECT_TRUE(MaidDriver::Guard(driver(), std::try_to_lock));
+    auto first = std::async(std::launch::async, [&] { return read(); });
+    EXPECT_TRUE(waitFor([&] { return maid.polls() > 2; }));
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_FALSE(MaidDriver::Guard(driver(), std::try_to_lock));
+    }
+    maid.completeAll();
+    first.get();
+    EXPECT_TRUE(MaidDriver::Guard(driver(), std::try_to_lock));
 }
 
 TEST_F(MaidDriverTest, WhoWaitsBehindACommandThatNeverReturnsGivesUp)

@@ -87,6 +87,14 @@ TEST_F(MaidEventsTest, ANewChildOfAnItemIsOpenedOnly)
     EXPECT_EQ(maid.count("Data EnumChildren 0x0"), 0);
 }
 
+TEST_F(MaidEventsTest, ANewPictureIsNotOpenedAnyMoreWhenTheSessionEnds)
+{
+    m_tree->driver().enter(nikon::MaidDriver::Phase::stopping);
+    EXPECT_EQ(outputOf(*maid.source, kMaidEventAddChild, 5), "");
+    EXPECT_EQ(maid.calls(), Lines{});
+    EXPECT_EQ(m_tree->FindChild(m_source, 5), nullptr);
+}
+
 TEST_F(MaidEventsTest, AChildThatIsOpenAlreadyIsNotOpenedTwice)
 {
     fake::Maid::raise(*maid.source, kMaidEventAddChild, 5);
@@ -348,6 +356,21 @@ TEST_F(MaidEventsTest, EventsOnAThreadOfTheModulesOwnAreTakenBetweenCommands)
         thread.join();
     }
     EXPECT_LE(m_source->children.size(), 1U);
+}
+
+TEST_F(MaidEventsTest, WithoutMemoryAnEventIsGivenUpInsideTheProcedure)
+{
+    const auto runOutOfMemory = [](const fake::Call& /*call*/) { throw std::bad_alloc(); };
+    maid.during(kMaidCommandGetCapCount, fake::kAny, runOutOfMemory);
+    EXPECT_NO_THROW(fake::Maid::raise(*maid.source, kMaidEventAddChild, 5));
+    ASSERT_NE(m_tree->FindChild(m_source, 5), nullptr);
+    m_tree->describeAgain(m_tree->FindChild(m_source, 5));
+
+    maid.during(kMaidCommandCapSet, kMaidCapEventProc, runOutOfMemory);
+    EXPECT_NO_THROW(fake::Maid::raise(*maid.source, kMaidEventRemoveChild, 5));
+    EXPECT_NE(m_tree->FindChild(m_source, 5), nullptr);
+    fake::Maid::raise(*maid.source, kMaidEventRemoveChild, 5);
+    EXPECT_EQ(m_tree->FindChild(m_source, 5), nullptr);
 }
 
 TEST_F(MaidEventsTest, ProgressIsDrawn)

@@ -8,10 +8,11 @@
 #include "DebugLog.h"
 #include "FakeMaid.h"
 #include "MachineSettings.h"
-#include "nikon/EnumReader.h"
+#include "nikon/EnumSetting.h"
 #include "nikon/MaidCommands.h"
 
-using nikon::EnumReading;
+using nikon::EnumReadings;
+using nikon::ListSetting;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -86,16 +87,14 @@ protected:
         return "<none>";
     }
 
-    bool read(std::uint32_t capability, EnumReading& reading,
-              std::optional<std::uint16_t> position = std::nullopt)
+    bool read(std::uint32_t capability, EnumReadings& readings)
     {
-        return nikon::ReadEnumCapability(*m_tree, capability, position, reading);
+        return nikon::ReadEnumCapability(*m_tree, capability, readings);
     }
 
     bool set(std::uint32_t capability, std::uint16_t position)
     {
-        EnumReading reading;
-        return read(capability, reading, position);
+        return nikon::SetEnumPosition(*m_tree, capability, position);
     }
 
     // The descriptors as the fake has them now.
@@ -253,6 +252,53 @@ TEST_F(NikonReportingTest, AnotherDescriptionYieldsAnEmptyListAndIndex0)
     EXPECT_EQ(eventOf(3), "0");
 }
 
+TEST_F(NikonReportingTest, TextsGoToTheSettingThatTheDescriptionNames)
+{
+    maid.texts(kMaidCapShutterSpeed, "Aperture", {"1/250", "1/500"}, 1);
+    refetch();
+    EXPECT_EQ(eventOf(3), "0");
+    EXPECT_EQ(eventOf(4), "{'NIKON_EDITABLE':1,}");
+    // The aperture's step begins with a list of its own.
+    EXPECT_EQ(eventOf(5), "1");
+    EXPECT_EQ(eventOf(6), "{1:'2.8',2:'4','NIKON_EDITABLE':1,}");
+
+    EnumReadings readings;
+    EXPECT_TRUE(read(kMaidCapShutterSpeed, readings));
+    EXPECT_EQ(readings.of(ListSetting::aperture).index, 2);
+    EXPECT_EQ(readings.of(ListSetting::aperture).list.text(), "{1:'1/250',2:'1/500',}");
+    EXPECT_EQ(readings.of(ListSetting::shutterSpeed).list.text(), "{}");
+}
+
+TEST_F(NikonReportingTest, AListDescribedAsTheImageQualityIsReportedAsThatWhenTheQualityIsNot)
+{
+    maid.texts(kMaidCapAperture, "Compression Level", {"2.8", "4"}, 1);
+    maid.texts(kMaidCapImageQuality, "Quality", {"RAW"}, 0);
+    refetch();
+    EXPECT_EQ(eventOf(6), "{'NIKON_EDITABLE':1,}");
+    EXPECT_EQ(eventOf(13), "4");
+}
+
+TEST_F(NikonReportingTest, AnImageQualityDescribedAsAListIsNotReportedAsText)
+{
+    EXPECT_EQ(eventOf(13), "JPEG Fine");
+    maid.texts(kMaidCapImageQuality, "Sensitivity", {"RAW"}, 0);
+    refetch();
+    EXPECT_EQ(eventOf(13), "JPEG Fine");
+    EXPECT_EQ(eventOf(8), "{1:'100',2:'200',3:'400','NIKON_EDITABLE':1,}");
+}
+
+TEST_F(NikonReportingTest, NumbersOfAnyCapabilityAreTheExposureModesText)
+{
+    maid.numbers(kMaidCapAperture, {28, 40}, 1);
+    maid.texts(kMaidCapExposureMode, "Exposure Mode", {"P", "S"}, 1);
+    refetch();
+    EXPECT_EQ(eventOf(1), "");
+    EXPECT_EQ(eventOf(5), "0");
+    EXPECT_EQ(eventOf(6), "{'NIKON_EDITABLE':1,}");
+    // What the last report has read.
+    EXPECT_EQ(eventOf(1), "Undefined String");
+}
+
 TEST_F(NikonReportingTest, ADescriptionWithoutATerminatorMatchesNothing)
 {
     maid.texts(kMaidCapShutterSpeed, "Aperture" + std::string(300, 'x'), {"1/250"}, 0);
@@ -294,29 +340,29 @@ TEST_F(NikonReportingTest, ACurrentValueBeyondTheEndIsUnknown)
 
 TEST_F(NikonReportingTest, AnElementSizeThatDoesNotFitIsNotRead)
 {
-    EnumReading reading;
+    EnumReadings readings;
     for (const int size : {0, 2, -1, 32767, -32768}) {
         cap(kMaidCapShutterSpeed).record.elementSize = static_cast<std::int16_t>(size);
-        EXPECT_FALSE(read(kMaidCapShutterSpeed, reading)) << size;
+        EXPECT_FALSE(read(kMaidCapShutterSpeed, readings)) << size;
         cap(kMaidCapExposureMode).record.elementSize = static_cast<std::int16_t>(size);
-        EXPECT_FALSE(read(kMaidCapExposureMode, reading)) << size;
+        EXPECT_FALSE(read(kMaidCapExposureMode, readings)) << size;
     }
     EXPECT_EQ(maid.count("Source CapGetArray 0x8112"), 0);
 }
 
 TEST_F(NikonReportingTest, AMillionElementsAreReadAndFourThousandMillionAreNot)
 {
-    EnumReading reading;
+    EnumReadings readings;
     cap(kMaidCapExposureMode).record.elements = 1'000'000;
-    EXPECT_TRUE(read(kMaidCapExposureMode, reading));
-    EXPECT_EQ(reading.text, "Manual");
+    EXPECT_TRUE(read(kMaidCapExposureMode, readings));
+    EXPECT_EQ(readings.exposureMode, "Manual");
     cap(kMaidCapShutterSpeed).record.elements = 1'000'000;
-    EXPECT_TRUE(read(kMaidCapShutterSpeed, reading));
-    EXPECT_EQ(reading.index, 2);
+    EXPECT_TRUE(read(kMaidCapShutterSpeed, readings));
+    EXPECT_EQ(readings.of(ListSetting::shutterSpeed).index, 2);
     cap(kMaidCapExposureMode).record.elements = 0xFFFFFFFF;
-    EXPECT_FALSE(read(kMaidCapExposureMode, reading));
+    EXPECT_FALSE(read(kMaidCapExposureMode, readings));
     cap(kMaidCapShutterSpeed).record.elements = 0xFFFFFFFF;
-    EXPECT_FALSE(read(kMaidCapShutterSpeed, reading));
+    EXPECT_FALSE(read(kMaidCapShutterSpeed, readings));
 }
 
 TEST_F(NikonReportingTest, ASingleElementIsAList)
@@ -332,19 +378,21 @@ TEST_F(NikonReportingTest, ARecordThatChangesInsideItsArraysCommandDoesNoHarm)
             auto* record = reinterpret_cast<MaidEnum*>(call.data);
             record->value = 0xFFFFFFFF;
         });
-        EnumReading reading;
-        EXPECT_TRUE(read(capability, reading));
+        EnumReadings readings;
+        EXPECT_TRUE(read(capability, readings));
     }
 }
 
 TEST_F(NikonReportingTest, OtherElementTypesAreLeftAlone)
 {
-    EnumReading reading;
+    EnumReadings readings;
     cap(kMaidCapShutterSpeed).record.elementType = kMaidElementOther;
-    EXPECT_TRUE(read(kMaidCapShutterSpeed, reading, 1));
+    EXPECT_TRUE(read(kMaidCapShutterSpeed, readings));
+    EXPECT_TRUE(set(kMaidCapShutterSpeed, 1));
     for (const std::uint32_t type : {0U, 1U, 3U, 6U, 9U, 0xFFFFFFFFU}) {
         cap(kMaidCapShutterSpeed).record.elementType = type;
-        EXPECT_FALSE(read(kMaidCapShutterSpeed, reading, 1)) << type;
+        EXPECT_FALSE(read(kMaidCapShutterSpeed, readings)) << type;
+        EXPECT_FALSE(set(kMaidCapShutterSpeed, 1)) << type;
     }
     EXPECT_EQ(maid.count("Source CapGetArray 0x8112"), 0);
     EXPECT_EQ(maid.setValues, std::vector<std::uint32_t>{});
@@ -352,21 +400,21 @@ TEST_F(NikonReportingTest, OtherElementTypesAreLeftAlone)
 
 TEST_F(NikonReportingTest, WhatIsNoReadableEnumerationIsNotRead)
 {
-    EnumReading reading;
-    EXPECT_FALSE(read(kMaidCapLiveness, reading));
-    EXPECT_FALSE(read(0x9999, reading));
+    EnumReadings readings;
+    EXPECT_FALSE(read(kMaidCapLiveness, readings));
+    EXPECT_FALSE(read(0x9999, readings));
     cap(kMaidCapShutterSpeed).info.operations = kMaidOperationSet;
     refetch();
-    EXPECT_FALSE(read(kMaidCapShutterSpeed, reading));
+    EXPECT_FALSE(read(kMaidCapShutterSpeed, readings));
     EXPECT_EQ(maid.count("Source CapGet 0x8112"), 0);
 }
 
 TEST_F(NikonReportingTest, NoExposureModesAreNoFailure)
 {
-    EnumReading reading;
+    EnumReadings readings;
     maid.numbers(kMaidCapExposureMode, {}, 0);
-    EXPECT_TRUE(read(kMaidCapExposureMode, reading));
-    EXPECT_FALSE(reading.text);
+    EXPECT_TRUE(read(kMaidCapExposureMode, readings));
+    EXPECT_EQ(readings.exposureMode, "");
 }
 
 TEST_F(NikonReportingTest, AnUnknownExposureModeHasItsNumber)

@@ -12,6 +12,7 @@
 #include "DebugLog.h"
 #include "FakeMaid.h"
 #include "MachineSettings.h"
+#include "ProcessHeartbeat.h"
 #include "TemporaryFolder.h"
 #include "TestSupport.h"
 #include "TetherTexts.h"
@@ -23,12 +24,16 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
+// The module and its camera.
+constexpr std::size_t kLeftOpen = 2;
+
 class NikonSessionTest : public fake::MaidTest
 {
 protected:
     void SetUp() override
     {
         g_szExportFolder.set(m_folder.path().c_str());
+        m_receiver->serve(VENDOR_NIKON);
         m_handles = nikon::objectHandles().size();
         listen(m_recorder.object());
     }
@@ -44,11 +49,11 @@ protected:
     void listen(PyObject* callable)
     {
         const InterpreterLock lock;
-        m_tether.SetCallback(callable);
+        m_receiver->SetCallback(callable);
     }
 
-    int init() { return nikon::NikonStart(m_state, m_tether, maid.library(), impatient()); }
-    int uninit() { return nikon::NikonUninit(m_state, std::this_thread::get_id()); }
+    int init() { return nikon::NikonStart(m_state, m_receiver, maid.library(), impatient()); }
+    void uninit() { nikon::NikonUninit(m_state); }
 
     // A start, and the first whole report.
     void start()
@@ -99,7 +104,7 @@ protected:
     {
         const InterpreterLock lock;
         PyObject* callable = makeCallable([function](PyObject* /*arguments*/) { function(); });
-        m_tether.SetCallback(callable);
+        m_receiver->SetCallback(callable);
         Py_DECREF(callable);
     }
 
@@ -107,12 +112,12 @@ protected:
     Clock::duration timeOfUninit()
     {
         const auto begun = Clock::now();
-        EXPECT_EQ(uninit(), 1);
+        uninit();
         return Clock::now() - begun;
     }
 
     TemporaryFolder m_folder;
-    PyCallback m_tether;
+    std::shared_ptr<EventReceiver> m_receiver = std::make_shared<EventReceiver>();
     RecordingCallable m_recorder;
     nikon::NikonState m_state;
     std::size_t m_handles = 0;
@@ -128,7 +133,7 @@ TEST_F(NikonSessionTest, AStartOpensTheCameraAndReportsItsSettings)
     EXPECT_TRUE(has("(3, 2)"));
     EXPECT_TRUE(has("(4, \"{1:'1/250',2:'1/500','NIKON_EDITABLE':1,}\")"));
     EXPECT_TRUE(session()->isMonitored());
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     EXPECT_EQ(maid.openObjects(), 0U);
     EXPECT_EQ(nikon::objectHandles().size(), m_handles);
 }
@@ -167,7 +172,7 @@ TEST_F(NikonSessionTest, AStartThatFailsAfterTheOpenClosesTheModule)
     expectFailedStart(maid, attempt, m_state);
     maid.refuse(kMaidCommandOpen, 1);
     expectFailedStart(maid, attempt, m_state);
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     EXPECT_EQ(nikon::objectHandles().size(), m_handles);
     start();
 }
@@ -186,7 +191,7 @@ TEST_F(NikonSessionTest, ACameraWhoseLivenessCannotBeReadReportsNothingAndItsMon
     EXPECT_TRUE(waitFor([&] { return !session()->isMonitored(); }));
     EXPECT_EQ(m_recorder.calls(), Lines{});
     EXPECT_EQ(maid.count("Source CapGet 0x81D7"), 1);
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     EXPECT_EQ(maid.openObjects(), 0U);
 }
 
@@ -199,7 +204,7 @@ TEST_F(NikonSessionTest, ACameraThatIsPulledOutEndsTheMonitorAndUninitStillClose
     EXPECT_TRUE(waitFor([&] { return !session()->isMonitored(); }));
     nikon::NikonShoot(m_state);
     EXPECT_EQ(nikon::NikonSetValue(m_state, TETHER_ISO, 1), 1);
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     EXPECT_EQ(captures(), 0);
 }
 
@@ -226,12 +231,15 @@ protected:
     std::string logOf(const std::string& path)
     {
         testing::internal::CaptureStderr();
-        EXPECT_EQ(nikon::NikonInit(m_state, m_tether, path.c_str()), 0);
-        EXPECT_EQ(uninit(), 1);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(nikon::NikonInit(m_state, m_receiver, path.c_str()), 0);
+        m_output = testing::internal::GetCapturedStdout();
+        uninit();
         return testing::internal::GetCapturedStderr();
     }
 
     MachineSettings m_settings;
+    std::string m_output;  // of the last failed start
 };
 
 TEST_F(ModulePathTest, AModuleThatIsLoadedAlreadyIsShared)
@@ -250,6 +258,7 @@ TEST_F(ModulePathTest, AFileThatIsNoLibraryReturns0AndTheLogSaysWhy)
     EXPECT_EQ(log.rfind("[Lumatie]NIKON driver module cannot be loaded: ", 0), 0U) << log;
     EXPECT_NE(log.find(path), std::string::npos);
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1);
+    EXPECT_EQ(m_output, "Module object can't be opened.\n\n");
 }
 
 TEST_F(ModulePathTest, APathThatNamesNothingOrNoRegularFileReturns0AndTheLogSaysWhy)
@@ -265,6 +274,7 @@ TEST_F(ModulePathTest, ALibraryWithoutTheEntryPointReturns0AndTheLogSaysWhy)
 {
     const std::string path = LUMATIE_VIRTUAL_DIR "/" LUMATIE_CANON_LIBRARY;
     EXPECT_EQ(logOf(path), "[Lumatie]NIKON driver module has no MAIDEntryPoint: " + path + "\n");
+    EXPECT_EQ(m_output, "Module object can't be opened.\n\n");
 }
 
 TEST_F(ModulePathTest, APathThatIsTooLongReturns0AndTheLogSaysWhy)
@@ -384,13 +394,70 @@ TEST_F(NikonSessionTest, SettingsFromTheHostsThreadAndTheMonitorTakeTurns)
     EXPECT_EQ(maid.setValues.size(), 50U);
 }
 
+TEST_F(NikonSessionTest, AValueIsSetAtOnceDuringAnExposure)
+{
+    fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
+    rule.polls = fake::kNever;
+    maid.rule(rule);
+    start();
+    shootUntil([&] { return maid.outstanding() == 1; });
+    auto setting = std::async(std::launch::async, [&] {
+        const InterpreterLock lock;
+        return nikon::NikonSetValue(m_state, TETHER_ISO, 1);
+    });
+    EXPECT_EQ(setting.wait_for(impatient().running / 2), std::future_status::ready);
+    EXPECT_EQ(maid.outstanding(), 1U);
+    maid.completeAll();
+    EXPECT_EQ(setting.get(), 1);
+    EXPECT_EQ(maid.setValues, std::vector<std::uint32_t>{0});
+    waitForACycle();
+}
+
+TEST_F(NikonSessionTest, SettingKeepsTheInterpreterLockWhenNobodyElseUsesTheModule)
+{
+    nikon::Timing timing = impatient();
+    timing.pause = 60s;
+    ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, maid.library(), timing), 1);
+    ASSERT_TRUE(waitFor([&] { return maid.count("Source CapGet 0x7") == 1; }));
+    int held = -1;
+    maid.during(kMaidCommandCapSet, kMaidCapSensitivity,
+                [&](const fake::Call& /*call*/) { held = PyGILState_Check(); });
+    ASSERT_TRUE(waitFor([&] {
+        const InterpreterLock lock;
+        nikon::NikonSetValue(m_state, TETHER_ISO, 1);
+        return held == 1;
+    }));
+}
+
+TEST_F(NikonSessionTest, SettingGivesUpTheInterpreterLockWhileItWaitsForAnotherThread)
+{
+    start();
+    maid.hang(kMaidCommandCapGet, kMaidCapAperture);
+    EXPECT_TRUE(waitFor([&] { return maid.isHanging(); }));
+    std::atomic<bool> holds{false};
+    auto setting = std::async(std::launch::async, [&] {
+        const InterpreterLock lock;
+        holds = true;
+        return nikon::NikonSetValue(m_state, TETHER_ISO, 1);
+    });
+    EXPECT_TRUE(waitFor([&] { return holds.load(); }));
+    {
+        const InterpreterLock lock;
+        EXPECT_EQ(setting.wait_for(0s), std::future_status::timeout);
+        EXPECT_TRUE(maid.isHanging());
+    }
+    maid.releaseHangs();
+    EXPECT_EQ(setting.get(), 1);
+    EXPECT_EQ(maid.setValues, std::vector<std::uint32_t>{0});
+}
+
 TEST_F(NikonSessionTest, ASettingInsideTheCallableWorks)
 {
     std::atomic<int> results{0};
     listenWith([&] { results += nikon::NikonSetValue(m_state, TETHER_ISO, 1); });
     ASSERT_EQ(init(), 1);
     EXPECT_TRUE(waitFor([&] { return results > 20; }));
-    EXPECT_EQ(uninit(), 1);
+    uninit();
 }
 
 TEST_F(NikonSessionTest, NoLockIsHeldInsideTheCallable)
@@ -412,7 +479,58 @@ TEST_F(NikonSessionTest, NoLockIsHeldInsideTheCallable)
     }
     EXPECT_EQ(maid.setValues, std::vector<std::uint32_t>{0});
     leave = true;
-    EXPECT_EQ(uninit(), 1);
+    uninit();
+}
+
+// No memory.
+
+void runOutOfMemory(const fake::Call& /*call*/)
+{
+    throw std::bad_alloc();
+}
+
+TEST_F(NikonSessionTest, WithoutMemoryForAReportTheSessionGoesOn)
+{
+    start();
+    maid.during(kMaidCommandCapGet, kMaidCapAperture, runOutOfMemory);
+    waitForACycle();
+    waitForACycle();
+    EXPECT_TRUE(session()->isMonitored());
+}
+
+TEST_F(NikonSessionTest, WithoutMemoryForACaptureTheSessionGoesOn)
+{
+    start();
+    maid.during(kMaidCommandCapStart, kMaidCapCapture, runOutOfMemory);
+    shootUntil([&] { return captures() == 1; });
+    waitForACycle();
+    shootUntil([&] { return captures() == 2; });
+}
+
+TEST_F(NikonSessionTest, WithoutMemoryForAnAcquisitionThePictureIsFetchedLater)
+{
+    start();
+    maid.during(kMaidCommandCapGet, kMaidCapDataTypes, runOutOfMemory);
+    maid.addItem(5, {fake::wholeFile("abc")});
+    EXPECT_TRUE(waitFor([&] { return eventsOf(0) == 1; }));
+    EXPECT_EQ(m_folder.size(), 1);
+}
+
+TEST_F(NikonSessionTest, WithoutMemoryASettingThrowsAndTheSessionGoesOn)
+{
+    start();
+    maid.during(kMaidCommandCapSet, kMaidCapSensitivity, runOutOfMemory);
+    EXPECT_THROW(nikon::NikonSetValue(m_state, TETHER_ISO, 1), std::bad_alloc);
+    EXPECT_EQ(nikon::NikonSetValue(m_state, TETHER_ISO, 2), 1);
+    EXPECT_EQ(maid.setValues, std::vector<std::uint32_t>{1});
+    waitForACycle();
+}
+
+TEST_F(NikonSessionTest, WithoutMemoryAStartThrowsAndClosesWhatIsOpen)
+{
+    maid.during(kMaidCommandCapGet, kMaidCapChildren, runOutOfMemory);
+    EXPECT_THROW(init(), std::bad_alloc);
+    EXPECT_EQ(maid.openObjects(), 0U);
 }
 
 // The end.
@@ -435,7 +553,7 @@ TEST_F(NikonSessionTest, ACameraUnderAnotherIdIsClosedToo)
 {
     maid.source->id = 77;
     start();
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     EXPECT_EQ(maid.openObjects(), 0U);
 }
 
@@ -443,7 +561,7 @@ TEST_F(NikonSessionTest, NothingIsReportedInThePause)
 {
     nikon::Timing timing = impatient();
     timing.pause = 60s;
-    ASSERT_EQ(nikon::NikonStart(m_state, m_tether, maid.library(), timing), 1);
+    ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, maid.library(), timing), 1);
     ASSERT_TRUE(waitFor([&] { return eventsOf(13) == 1; }));
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(eventsOf(1), 1);
@@ -453,7 +571,7 @@ TEST_F(NikonSessionTest, TheEndDoesNotWaitForThePause)
 {
     nikon::Timing timing = impatient();
     timing.pause = 60s;
-    ASSERT_EQ(nikon::NikonStart(m_state, m_tether, maid.library(), timing), 1);
+    ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, maid.library(), timing), 1);
     ASSERT_TRUE(waitFor([&] { return has("(13, 'JPEG Fine')"); }));
     EXPECT_LT(timeOfUninit(), 10s);
 }
@@ -468,7 +586,7 @@ TEST_F(NikonSessionTest, TheEndWaitsForAPictureThatIsUnderWay)
         std::this_thread::sleep_for(100ms);
     });
     EXPECT_TRUE(waitFor([&] { return inside.load(); }));
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     EXPECT_EQ(m_folder.size(), 1);
     EXPECT_EQ(eventsOf(0), 0);  // not announced any more
     EXPECT_EQ(maid.openObjects(), 0U);
@@ -477,7 +595,7 @@ TEST_F(NikonSessionTest, TheEndWaitsForAPictureThatIsUnderWay)
 TEST_F(NikonSessionTest, NothingIsDeliveredAfterTheEnd)
 {
     start();
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     const auto before = m_recorder.calls().size();
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(m_recorder.calls().size(), before);
@@ -494,7 +612,7 @@ TEST_F(NikonSessionTest, ASecondStartLeavesTheFirstSessionRunningAndTheEndEndsBo
     EXPECT_EQ(init(), 0);
     testing::internal::GetCapturedStdout();
     waitForACycle();
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     EXPECT_EQ(maid.openObjects(), 0U);
 }
 
@@ -502,7 +620,7 @@ TEST_F(NikonSessionTest, ManySessionsOneAfterTheOtherLeaveNothing)
 {
     for (int i = 0; i < 100; ++i) {
         ASSERT_EQ(init(), 1);
-        ASSERT_EQ(uninit(), 1);
+        uninit();
         ASSERT_EQ(maid.openObjects(), 0U);
     }
     EXPECT_EQ(nikon::objectHandles().size(), m_handles);
@@ -512,10 +630,10 @@ TEST_F(NikonSessionTest, ManySessionsOneAfterTheOtherLeaveNothing)
 TEST_F(NikonSessionTest, WhenTheObjectServesAnotherMakerReportsEndAndTheSessionStaysOpen)
 {
     start();
-    nikon::NikonEndReports(m_state);
+    m_receiver->serve(VENDOR_CANON);
     EXPECT_TRUE(waitFor([&] { return !session()->isMonitored(); }));
     EXPECT_EQ(maid.openObjects(), 2U);
-    EXPECT_EQ(uninit(), 1);
+    uninit();
 }
 
 TEST_F(NikonSessionTest, AnEndFromInsideTheCallableClosesEverythingAtOnce)
@@ -525,7 +643,7 @@ TEST_F(NikonSessionTest, AnEndFromInsideTheCallableClosesEverythingAtOnce)
     listenWith([&] {
         ++calls;
         PyThreadState* state = PyEval_SaveThread();
-        nikon::NikonUninit(m_state, std::this_thread::get_id());
+        nikon::NikonLetEnd(m_state, nullptr);
         PyEval_RestoreThread(state);
         openAfterwards = maid.openObjects();
     });
@@ -542,7 +660,7 @@ TEST_F(NikonSessionTest, AnEndAndAStartInsideTheCallableBeginANewSession)
     listenWith([&] {
         if (started == -1) {
             PyThreadState* state = PyEval_SaveThread();
-            nikon::NikonUninit(m_state, std::this_thread::get_id());
+            nikon::NikonLetEnd(m_state, nullptr);
             started = init();
             PyEval_RestoreThread(state);
         }
@@ -566,7 +684,7 @@ TEST_F(NikonSessionTest, TheEndWaitsForTheCallable)
     });
     ASSERT_EQ(init(), 1);
     EXPECT_TRUE(waitFor([&] { return inside.load(); }));
-    EXPECT_EQ(uninit(), 1);
+    uninit();
     EXPECT_TRUE(left);
     EXPECT_EQ(maid.openObjects(), 0U);
 }
@@ -580,65 +698,272 @@ TEST_F(NikonSessionTest, TheRealPatienceEndsWithinTenSeconds)
     EXPECT_LT(timing.hanging, 10s);
 }
 
-TEST_F(NikonSessionTest, ACaptureThatIsNeverCompletedIsGivenUpAtTheEndAndAllIsClosed)
-{
-    fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
-    rule.polls = fake::kNever;
-    maid.rule(rule);
-    start();
-    shootUntil([&] { return maid.outstanding() == 1; });
-    EXPECT_LT(timeOfUninit(), 5s);
-    EXPECT_EQ(maid.openObjects(), 0U);
-    maid.completeAll();
-}
-
-TEST_F(NikonSessionTest, AWaitThatMayTakeLongIsGivenUpSoonAtTheEnd)
+TEST_F(NikonSessionTest, ACommandThatIsNeverCompletedIsGivenUpAtTheEndAndAllIsClosed)
 {
     nikon::Timing timing = impatient();
     timing.running = 60s;
-    fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
+    ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, maid.library(), timing), 1);
+    fake::Rule rule{kMaidCommandCapGet, kMaidCapAperture};
     rule.polls = fake::kNever;
     maid.rule(rule);
-    ASSERT_EQ(nikon::NikonStart(m_state, m_tether, maid.library(), timing), 1);
-    shootUntil([&] { return maid.outstanding() == 1; });
+    EXPECT_TRUE(waitFor([&] { return maid.outstanding() == 1; }));
     EXPECT_LT(timeOfUninit(), 5s);
     EXPECT_EQ(maid.openObjects(), 0U);
     maid.completeAll();
 }
 
-// The module and its camera.
-constexpr std::size_t kLeftOpen = 2;
+// Exposures.
 
-TEST_F(NikonSessionTest, AModuleThatNeverReturnsIsLeftBehind)
+class NikonExposureTest : public NikonSessionTest
 {
-    start();
-    maid.hang(kMaidCommandCapGet, kMaidCapAperture);
-    EXPECT_TRUE(waitFor([&] { return maid.isHanging(); }));
-    const std::shared_ptr<nikon::NikonSession> left = session();
-    EXPECT_LT(timeOfUninit(), 5s);
-    const auto events = m_recorder.calls().size();
-    const auto calls = maid.calls().size();
-    maid.releaseHangs();
-    EXPECT_TRUE(waitFor([&] { return !left->isMonitored(); }));
-    EXPECT_EQ(maid.calls().size(), calls);
-    EXPECT_EQ(m_recorder.calls().size(), events);
-    m_left = kLeftOpen;
-    EXPECT_EQ(maid.openObjects(), m_left);
+protected:
+    // A session with an exposure under way, which `maid.completeAll` ends.
+    void expose(const nikon::Timing& timing = impatient())
+    {
+        fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
+        rule.polls = fake::kNever;
+        maid.rule(rule);
+        ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, m_library, timing), 1);
+        ASSERT_TRUE(waitFor([&] { return has("(13, 'JPEG Fine')"); }));
+        shootUntil([&] { return maid.outstanding() == 1; });
+    }
+
+    // Ends the session; meanwhile the exposure ends, and brings a picture.
+    void endWithAPicture()
+    {
+        auto ending = std::async(std::launch::async, [&] { uninit(); });
+        EXPECT_EQ(ending.wait_for(2 * impatient().hanging), std::future_status::timeout);
+        maid.addItem(6, {fake::wholeFile("the exposure's")});
+        maid.completeAll();
+        ending.get();
+    }
+
+    // What the pictures on disk hold.
+    Lines pictures() const
+    {
+        Lines found;
+        for (const auto& entry : std::filesystem::directory_iterator(m_folder.path())) {
+            found.push_back(contentOf(entry.path().u8string()));
+        }
+        return found;
+    }
+
+    std::shared_ptr<nikon::MaidLibrary> m_library = maid.library();
+};
+
+TEST_F(NikonExposureTest, AnExposureIsWaitedForWithoutLimitWhileTheModuleAnswers)
+{
+    expose();
+    maid.clearCalls();
+    std::this_thread::sleep_for(2 * impatient().running);
+    EXPECT_EQ(maid.calls(), Lines{});
+    maid.completeAll();
+    waitForACycle();
 }
 
-TEST_F(NikonSessionTest, AModuleThatNeverReturnsFromACloseIsLeftBehind)
+TEST_F(NikonExposureTest, AValueThatTheCameraTakesAfterTheExposureIsWaitedForToo)
+{
+    expose();
+    fake::Rule rule{kMaidCommandCapSet, kMaidCapSensitivity};
+    rule.polls = fake::kNever;
+    maid.rule(rule);
+    auto setting = std::async(std::launch::async,
+                              [&] { return nikon::NikonSetValue(m_state, TETHER_ISO, 1); });
+    EXPECT_EQ(setting.wait_for(2 * impatient().running), std::future_status::timeout);
+    maid.completeAll();
+    EXPECT_EQ(setting.get(), 1);
+    waitForACycle();
+}
+
+TEST_F(NikonExposureTest, AModuleThatRefusesToWorkEndsTheWaitForAnExposure)
+{
+    expose();
+    maid.asyncResult = -127;
+    waitForACycle();
+    maid.asyncResult = kMaidOk;
+    maid.completeAll();
+}
+
+TEST_F(NikonExposureTest, TheEndWaitsForAnExposureAndItsPictureWhichIsNotAnnounced)
+{
+    expose();
+    auto ending = std::async(std::launch::async, [&] { uninit(); });
+    EXPECT_EQ(ending.wait_for(2 * impatient().hanging), std::future_status::timeout);
+    maid.addItem(5, {fake::wholeFile("abc")});
+    maid.completeAll();
+    ending.get();
+    EXPECT_EQ(m_folder.size(), 1);
+    EXPECT_EQ(eventsOf(0), 0);
+    EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+TEST_F(NikonExposureTest, TheEndLeavesPicturesOnTheCameraThatWereThereBeforeTheExposure)
+{
+    fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
+    rule.polls = fake::kNever;
+    maid.rule(rule);
+    std::atomic<bool> asked{false};
+    listenWith([&] {
+        if (!asked.exchange(true)) {
+            maid.addItem(5, {fake::wholeFile("another")});
+            fake::Maid::raise(*maid.source, kMaidEventAddChild, 5);
+            nikon::NikonShoot(m_state);
+        }
+    });
+    ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, m_library, impatient()), 1);
+    ASSERT_TRUE(waitFor([&] { return maid.outstanding() == 1; }));
+    endWithAPicture();
+    EXPECT_EQ(pictures(), Lines{"the exposure's"});
+}
+
+TEST_F(NikonExposureTest, TheEndLeavesPicturesOnTheCameraThatComeAfterTheExposure)
+{
+    expose();
+    maid.during(kMaidCommandCapStart, kMaidCapAcquire,
+                [&](const fake::Call& /*call*/) { maid.addItem(5, {fake::wholeFile("another")}); });
+    endWithAPicture();
+    EXPECT_EQ(pictures(), Lines{"the exposure's"});
+}
+
+TEST_F(NikonExposureTest, TheEndFetchesNoMoreThanTwoPicturesOfAnExposure)
+{
+    expose();
+    maid.addItem(7, {fake::wholeFile("one")});
+    maid.addItem(8, {fake::wholeFile("two")});
+    endWithAPicture();
+    EXPECT_EQ(m_folder.size(), 2);
+}
+
+TEST_F(NikonExposureTest, AnEndWithoutAnExposureLeavesTheNextPictureOnTheCamera)
+{
+    start();
+    std::atomic<bool> inside{false};
+    maid.during(kMaidCommandCapStart, kMaidCapAcquire, [&](const fake::Call& /*call*/) {
+        inside = true;
+        EXPECT_TRUE(waitFor([&] { return !nikon::NikonHasSessions(m_state); }));
+    });
+    {
+        const std::lock_guard<std::recursive_mutex> guard(maid.lock);
+        maid.addItem(5, {fake::wholeFile("abc")});
+        maid.addItem(6, {fake::wholeFile("def")});
+    }
+    EXPECT_TRUE(waitFor([&] { return inside.load(); }));
+    uninit();
+    EXPECT_EQ(m_folder.size(), 1);
+}
+
+TEST_F(NikonExposureTest, AnExposureThatTakesTooLongIsLeftBehindAndCollectedWhenItIsOver)
+{
+    EXPECT_EQ(nikon::Timing().exposure, 35s);
+    expose();
+    const std::weak_ptr<nikon::NikonSession> left = session();
+    const auto taken = timeOfUninit();
+    EXPECT_GE(taken, impatient().exposure);
+    EXPECT_LT(taken, 5s);
+    EXPECT_FALSE(left.expired());
+    EXPECT_EQ(maid.openObjects(), kLeftOpen);
+    maid.addItem(5, {fake::wholeFile("abc")});
+    maid.completeAll();
+    EXPECT_TRUE(waitFor([&] { return left.expired(); }));
+    EXPECT_EQ(maid.openObjects(), 0U);
+    EXPECT_EQ(m_folder.size(), 0);
+    EXPECT_FALSE(m_library->isHanging());
+}
+
+TEST_F(NikonExposureTest, AnExposureGivesSignsOfLifeUntilItTakesTooLong)
+{
+    expose();
+    unsigned signs = ProcessHeartbeat::count();
+    EXPECT_TRUE(waitFor([&] { return ProcessHeartbeat::count() > signs + 3; }));
+    nikon::NikonLetEnd(m_state, nullptr);
+    signs = ProcessHeartbeat::count();
+    EXPECT_TRUE(waitFor([&] { return ProcessHeartbeat::count() > signs + 3; }));
+    EXPECT_TRUE(waitFor([&] {
+        const unsigned before = ProcessHeartbeat::count();
+        const int polls = maid.polls();
+        waitFor([&] { return maid.polls() > polls + 20; }, 500ms);  // it may be polled no more
+        return ProcessHeartbeat::count() == before;
+    }));
+    maid.completeAll();
+    EXPECT_TRUE(waitFor([&] { return maid.openObjects() == 0; }));
+}
+
+TEST_F(NikonExposureTest, AnExposureThatTakesTooLongIsGivenUpWhenTheInterpreterEnds)
+{
+    expose();
+    PyCallback::dropAllEvents();
+    nikon::NikonLetEnd(m_state, nullptr);
+    EXPECT_TRUE(waitFor([&] { return maid.openObjects() == 0; }));
+    const InterpreterLock lock;
+    registerAtInterpreterExit([] {});  // events are wanted again
+    maid.completeAll();
+}
+
+TEST_F(NikonExposureTest, ACaptureThatIsRefusedIsNotWaitedFor)
+{
+    fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
+    rule.result = -127;
+    rule.completes = false;
+    maid.rule(rule);
+    nikon::Timing timing = impatient();
+    timing.refused = 60s;
+    ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, maid.library(), timing), 1);
+    shootUntil([&] { return captures() == 1; });
+    waitForACycle();
+}
+
+// A module that hangs.
+
+TEST_F(NikonSessionTest, AModuleThatNeverReturnsIsLeftBehindAndCollectedWhenItsThreadComesBack)
+{
+    const auto library = maid.library();
+    ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, library, impatient()), 1);
+    maid.hang(kMaidCommandCapGet, kMaidCapAperture);
+    EXPECT_TRUE(waitFor([&] { return maid.isHanging(); }));
+    const std::weak_ptr<nikon::NikonSession> left = session();
+    EXPECT_LT(timeOfUninit(), 5s);
+    EXPECT_TRUE(library->isHanging());
+    EXPECT_EQ(maid.openObjects(), kLeftOpen);
+    const auto events = m_recorder.calls().size();
+    maid.releaseHangs();
+    EXPECT_TRUE(waitFor([&] { return left.expired(); }));
+    EXPECT_EQ(maid.openObjects(), 0U);
+    EXPECT_EQ(nikon::objectHandles().size(), m_handles);
+    EXPECT_FALSE(library->isHanging());
+    EXPECT_TRUE(waitFor([&] { return library.use_count() == 1; }));
+    EXPECT_EQ(m_recorder.calls().size(), events);
+    ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, library, impatient()), 1);
+    EXPECT_TRUE(waitFor([&] { return m_recorder.calls().size() > events; }));
+}
+
+TEST_F(NikonSessionTest, AHostsThreadThatComesBackFromTheModuleCollectsTheSession)
+{
+    ASSERT_EQ(init(), 1);
+    fake::Rule rule{kMaidCommandCapSet, kMaidCapSensitivity};
+    rule.hangs = true;
+    maid.rule(rule);
+    auto setting = std::async(std::launch::async,
+                              [&] { return nikon::NikonSetValue(m_state, TETHER_ISO, 1); });
+    EXPECT_TRUE(waitFor([&] { return maid.isHanging(); }));
+    const std::weak_ptr<nikon::NikonSession> left = session();
+    EXPECT_LT(timeOfUninit(), 5s);
+    EXPECT_FALSE(left.expired());
+    maid.releaseHangs();
+    EXPECT_EQ(setting.get(), 1);
+    EXPECT_TRUE(waitFor([&] { return left.expired(); }));
+    EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+TEST_F(NikonSessionTest, AModuleThatHangsInItsCloseHoldsTheEnd)
 {
     start();
     maid.hang(kMaidCommandClose);
-    const std::shared_ptr<nikon::NikonSession> left = session();
-    EXPECT_LT(timeOfUninit(), 5s);
-    EXPECT_TRUE(maid.isHanging());
-    EXPECT_FALSE(left->isClosed());
+    auto ending = std::async(std::launch::async, [&] { uninit(); });
+    EXPECT_TRUE(waitFor([&] { return maid.isHanging(); }));
+    EXPECT_EQ(ending.wait_for(2 * impatient().hanging), std::future_status::timeout);
     maid.releaseHangs();
-    // The thread in it comes back, finds everything as it was, and leaves the rest alone.
-    EXPECT_TRUE(waitFor([&] { return left->isClosed(); }));
-    m_left = 1;
-    EXPECT_EQ(maid.openObjects(), m_left);
+    ending.get();
+    EXPECT_EQ(maid.openObjects(), 0U);
 }
 
 TEST_F(NikonSessionTest, AModuleThatCompletesNothingAnyMoreIsLeftBehind)
@@ -680,7 +1005,7 @@ TEST_F(NikonSessionTest, AStartWhoseEndIsRequestedMeanwhileReturns0AndClosesAll)
     EXPECT_FALSE(nikon::NikonHasSessions(m_state));
 }
 
-TEST_F(NikonSessionTest, AnEndWhileTheStartHangsDoesNotWaitForEver)
+TEST_F(NikonSessionTest, AnEndWhileTheStartHangsDoesNotWaitForEverAndTheStartClosesAll)
 {
     maid.hang(kMaidCommandGetCapCount);
     auto starting = std::async(std::launch::async, [&] { return init(); });
@@ -688,7 +1013,114 @@ TEST_F(NikonSessionTest, AnEndWhileTheStartHangsDoesNotWaitForEver)
     EXPECT_LT(timeOfUninit(), 5s);
     maid.releaseHangs();
     EXPECT_EQ(starting.get(), 0);
+    EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+// The end without waiting.
+
+class NikonLetEndTest : public NikonSessionTest
+{
+protected:
+    // Lets the sessions end; the token tells when that is over.
+    std::weak_ptr<void> letEnd()
+    {
+        auto underWay = std::make_shared<int>(0);
+        const std::weak_ptr<void> end = underWay;
+        nikon::NikonLetEnd(m_state, std::move(underWay));
+        return end;
+    }
+};
+
+TEST_F(NikonLetEndTest, AMonitorAtWorkEndsItsSession)
+{
+    start();
+    maid.hang(kMaidCommandCapGet, kMaidCapAperture);
+    EXPECT_TRUE(waitFor([&] { return maid.isHanging(); }));
+    const std::weak_ptr<nikon::NikonSession> session = this->session();
+    const auto end = letEnd();
+    EXPECT_FALSE(nikon::NikonHasSessions(m_state));
+    EXPECT_FALSE(end.expired());
+    maid.releaseHangs();
+    EXPECT_TRUE(waitFor([&] { return end.expired(); }));
+    EXPECT_TRUE(session.expired());
+    EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+TEST_F(NikonLetEndTest, ASessionWhoseMonitorHasEndedIsClosedAllTheSame)
+{
+    maid.refuse(kMaidCommandCapGet, kMaidCapLiveness, -127, 0);
+    ASSERT_EQ(init(), 1);
+    EXPECT_TRUE(waitFor([&] { return !session()->isMonitored(); }));
+    const auto end = letEnd();
+    EXPECT_TRUE(waitFor([&] { return end.expired(); }));
+    EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+TEST_F(NikonLetEndTest, AStartThatIsUnderWayClosesWhatItHasOpened)
+{
+    maid.hang(kMaidCommandGetCapCount);
+    auto starting = std::async(std::launch::async, [&] { return init(); });
+    EXPECT_TRUE(waitFor([&] { return maid.isHanging(); }));
+    const auto end = letEnd();
+    EXPECT_FALSE(end.expired());
+    maid.releaseHangs();
+    EXPECT_EQ(starting.get(), 0);
+    EXPECT_TRUE(end.expired());
+    EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+TEST_F(NikonLetEndTest, InsideTheCallableTheEndIsOverBeforeItReturns)
+{
+    std::atomic<int> isOver{-1};
+    listenWith([&] {
+        PyThreadState* state = PyEval_SaveThread();
+        isOver = letEnd().expired() ? 1 : 0;
+        PyEval_RestoreThread(state);
+    });
+    ASSERT_EQ(init(), 1);
+    EXPECT_TRUE(waitFor([&] { return isOver != -1; }));
+    EXPECT_EQ(isOver, 1);
+    EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+TEST_F(NikonLetEndTest, AMonitorThatNeverComesBackNeedNotBeAwaited)
+{
+    // Shared: the monitor may look at it when this test is over.
+    struct Monitor {
+        std::atomic<bool> isParked{false};
+        std::atomic<bool> goesOn{false};
+    };
+    const auto monitor = std::make_shared<Monitor>();
+    listenWith([monitor] {
+        PyThreadState* state = PyEval_SaveThread();
+        nikon::NikonLeaveMonitor();
+        monitor->isParked = true;
+        waitFor([&] { return monitor->goesOn.load(); });
+        PyEval_RestoreThread(state);
+    });
+    ASSERT_EQ(init(), 1);
+    EXPECT_TRUE(waitFor([&] { return monitor->isParked.load(); }));
+    const std::weak_ptr<nikon::NikonSession> session = this->session();
+    const auto end = letEnd();
+    EXPECT_TRUE(waitFor([&] { return end.expired(); }));
+    EXPECT_EQ(maid.openObjects(), 0U);
+    EXPECT_FALSE(session.expired());
+    monitor->goesOn = true;
+    EXPECT_TRUE(waitFor([&] { return session.expired(); }));
+}
+
+TEST_F(NikonLetEndTest, AModuleThatDoesNotCompleteItsClosingEndsTheWait)
+{
+    start();
+    fake::Rule rule{kMaidCommandCapSet};
+    rule.polls = fake::kNever;
+    rule.times = 0;
+    maid.rule(rule);
+    const auto end = letEnd();
+    EXPECT_TRUE(waitFor([&] { return end.expired(); }));
     m_left = maid.openObjects();
+    EXPECT_GT(m_left, 0U);
+    maid.completeAll();
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "RecentNames.h"
-#include "TestSupport.h"
+#include "TemporaryFolder.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -137,6 +137,86 @@ TEST(NewPicturePath, IsNewOnEveryThread)
         all.insert(own.begin(), own.end());
     }
     EXPECT_EQ(all.size(), 2'000U);
+}
+
+class NewPictureTest : public testing::Test
+{
+protected:
+    static bool always(const std::string& /*path*/) { return true; }
+
+    TemporaryFolder m_folder;
+};
+
+TEST_F(NewPictureTest, IsAnEmptyFileThatWasNotThere)
+{
+    const NewPicture picture = newPicture(m_folder.path(), "Canon", ".CR2", always);
+    EXPECT_NE(picture.file, nullptr);
+    EXPECT_EQ(platform::fileAttributes(picture.path.c_str()), platform::kAttributeArchive);
+    EXPECT_EQ(contentOf(picture.path), "");
+    EXPECT_EQ(m_folder.size(), 1);
+}
+
+TEST_F(NewPictureTest, TakesAnotherNameWhenSomebodyComesBetween)
+{
+    std::vector<std::string> taken;
+    const auto comeBetween = [&](const std::string& path) {
+        if (taken.size() < 3) {
+            taken.push_back(path);
+            std::ofstream(std::filesystem::u8path(path)) << "theirs";
+        }
+        return true;
+    };
+    const NewPicture picture = newPicture(m_folder.path(), "Nikon", ".jpg", comeBetween);
+    EXPECT_NE(picture.file, nullptr);
+    ASSERT_EQ(taken.size(), 3U);
+    for (const std::string& path : taken) {
+        EXPECT_NE(path, picture.path);
+        EXPECT_EQ(contentOf(path), "theirs");
+    }
+    EXPECT_EQ(m_folder.size(), 4);
+}
+
+TEST_F(NewPictureTest, IsAPathAloneWhenNoFileMayOrCanBeMade)
+{
+    int asked = 0;
+    const auto never = [&](const std::string& path) {
+        ++asked;
+        EXPECT_EQ(platform::fileAttributes(path.c_str()), platform::kNoAttributes);
+        return false;
+    };
+    EXPECT_EQ(newPicture(m_folder.path(), "Canon", ".JPG", never).file, nullptr);
+    EXPECT_EQ(asked, 1);
+    EXPECT_EQ(m_folder.size(), 0);
+
+    const std::string missing = m_folder.path() + "/missing";
+    const NewPicture picture = newPicture(missing, "Canon", ".JPG", always);
+    EXPECT_EQ(picture.file, nullptr);
+    EXPECT_EQ(picture.path.rfind(missing, 0), 0U);
+}
+
+TEST_F(NewPictureTest, LastsNoLongerThanTheSecondWhoseNamesAreAllTaken)
+{
+    // The folder and the seconds' underscore: what stands between two names of one second.
+    const std::size_t length = m_folder.path().size() + std::string("/Canon_1700000000").size();
+    std::string second;
+    const auto takeWholeSecond = [&](const std::string& path) {
+        second = second.empty() ? path.substr(0, length) : second;
+        if (path.substr(0, length) == second) {
+            std::ofstream(std::filesystem::u8path(path)) << "theirs";
+        }
+        return true;
+    };
+    const NewPicture picture = newPicture(m_folder.path(), "Canon", ".JPG", takeWholeSecond);
+    EXPECT_NE(picture.file, nullptr);
+    EXPECT_NE(picture.path.substr(0, length), second);
+}
+
+TEST_F(NewPictureTest, IsMadeTenThousandTimes)
+{
+    for (int i = 0; i < 10'000; ++i) {
+        ASSERT_NE(newPicture(m_folder.path(), "Canon", ".JPG", always).file, nullptr);
+    }
+    EXPECT_EQ(m_folder.size(), 10'000);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "FileTest.h"
 #include "MachineSettings.h"
+#include "TemporaryFolder.h"
 #include "TestSupport.h"
 
 namespace {
@@ -45,12 +46,34 @@ TEST_F(FileTest, WhereNothingIsThereAreNoAttributes)
     EXPECT_EQ(platform::fileAttributes(nullptr), 0xFFFFFFFFU);
 }
 
+TEST_F(FileTest, OnlyAFileIsNamedAsOne)
+{
+    EXPECT_TRUE(platform::namesFile(makeFile().c_str()));
+    EXPECT_FALSE(platform::namesFile(m_folder.u8string().c_str()));
+    EXPECT_FALSE(platform::namesFile((m_folder / "nothing").u8string().c_str()));
+    EXPECT_FALSE(platform::namesFile(nullptr));
+}
+
 TEST_F(FileTest, NamesAreUtf8)
 {
     const std::string path = makeFile("\xC3\xBC \xE5\x86\x99\xE7\x9C\x9F.md3");
     EXPECT_EQ(attributes(path), 0x20U);
     EXPECT_TRUE(platform::removeFile(path.c_str()));
     EXPECT_EQ(attributes(path), 0xFFFFFFFFU);
+}
+
+TEST_F(FileTest, ACompletePathMeansTheSameFileWhenTheCurrentFolderIsAnother)
+{
+    const std::string path = makeFile("\xC3\xBC \xE5\x86\x99.md3");
+    std::string complete;
+    {
+        const CurrentFolder current(m_folder.u8string());
+        complete = platform::completePath("\xC3\xBC \xE5\x86\x99.md3");
+    }
+    EXPECT_EQ(attributes(complete), 0x20U) << complete;
+    EXPECT_TRUE(fs::u8path(complete).is_absolute()) << complete;
+    EXPECT_EQ(platform::completePath(path), path);
+    EXPECT_EQ(platform::completePath(""), "");
 }
 
 TEST_F(FileTest, ARemovedFileIsGoneAndCanBeRemovedAgain)
@@ -61,14 +84,38 @@ TEST_F(FileTest, ARemovedFileIsGoneAndCanBeRemovedAgain)
     EXPECT_TRUE(platform::removeFile(path.c_str()));
 }
 
-TEST_F(FileTest, AFileThatIsThereIsEmptiedWhenItIsCreated)
+TEST_F(FileTest, ACreatedFileIsEmptyAndTakesBytes)
+{
+    const std::string path = (m_folder / "new").u8string();
+    bool isThere = true;
+    platform::File file = platform::createFile(path.c_str(), isThere);
+    ASSERT_NE(file, nullptr);
+    EXPECT_FALSE(isThere);
+    EXPECT_EQ(fs::file_size(fs::u8path(path)), 0U);
+    EXPECT_EQ(std::fputs("a\nb", file.get()) < 0, false);
+    file.reset();
+    EXPECT_EQ(fs::file_size(fs::u8path(path)), 3U);
+}
+
+TEST_F(FileTest, AFileThatIsThereIsNotCreatedAndNotTouched)
 {
     const std::string path = makeFile();
     std::ofstream(fs::u8path(path)) << "content";
-    std::FILE* file = platform::createFile(path.c_str());
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(std::fclose(file), 0);
-    EXPECT_EQ(fs::file_size(fs::u8path(path)), 0U);
+    bool isThere = false;
+    EXPECT_EQ(platform::createFile(path.c_str(), isThere), nullptr);
+    EXPECT_TRUE(isThere);
+    EXPECT_EQ(fs::file_size(fs::u8path(path)), 7U);
+    isThere = false;
+    EXPECT_EQ(platform::createFile(m_folder.u8string().c_str(), isThere), nullptr);
+    EXPECT_TRUE(isThere);
+}
+
+TEST_F(FileTest, AFileInAFolderThatIsNotThereIsNotCreated)
+{
+    bool isThere = true;
+    EXPECT_EQ(platform::createFile((m_folder / "none" / "a").u8string().c_str(), isThere), nullptr);
+    EXPECT_FALSE(isThere);
+    EXPECT_FALSE(fs::exists(m_folder / "none"));
 }
 
 TEST_F(FileTest, AFolderIsNotRemoved)

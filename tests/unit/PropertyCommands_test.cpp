@@ -106,7 +106,7 @@ class ValueFieldTest : public PropertyCommandsTest, public testing::WithParamInt
 
 TEST_P(ValueFieldTest, HoldsTheValueAfterARead)
 {
-    VirtualCameraSetProperty(0, GetParam().property, 0xCAFE0001);
+    VirtualCanonSetProperty(0, GetParam().property, 0xCAFE0001);
     EXPECT_TRUE(read(GetParam().property));
     EXPECT_EQ(model().*GetParam().field, 0xCAFE0001);
     EXPECT_EQ(events().size(), 1U);
@@ -141,7 +141,7 @@ std::vector<std::uint32_t> valuesOf(const CameraModel& model)
 TEST_F(PropertyCommandsTest, WhiteBalanceIsAnnouncedAndStoredNowhere)
 {
     const auto before = valuesOf(model());
-    VirtualCameraSetProperty(0, 0x106, 9);
+    VirtualCanonSetProperty(0, 0x106, 9);
     EXPECT_TRUE(read(0x106));
     EXPECT_EQ(events(), Lines{"PropertyChanged 106"});
     EXPECT_EQ(valuesOf(model()), before);
@@ -150,7 +150,7 @@ TEST_F(PropertyCommandsTest, WhiteBalanceIsAnnouncedAndStoredNowhere)
 TEST_F(PropertyCommandsTest, AnUnknownPropertyIsAnnouncedAndStoredNowhere)
 {
     const auto before = valuesOf(model());
-    VirtualCameraSetProperty(0, 0x12345678, 9);
+    VirtualCanonSetProperty(0, 0x12345678, 9);
     EXPECT_TRUE(read(0x12345678));
     EXPECT_EQ(events(), Lines{"PropertyChanged 12345678"});
     EXPECT_EQ(valuesOf(model()), before);
@@ -162,7 +162,7 @@ class OtherTypeTest : public PropertyCommandsTest, public testing::WithParamInte
 TEST_P(OtherTypeTest, IsAnnouncedWithoutReadingTheData)
 {
     const std::string bytes = "12345678";
-    VirtualCameraSetPropertyBytes(0, 0x405, GetParam(), bytes.data(), 8);
+    VirtualCanonSetPropertyBytes(0, 0x405, GetParam(), bytes.data(), 8);
     EXPECT_TRUE(read(0x405));
     EXPECT_EQ(events(), Lines{"PropertyChanged 405"});
     EXPECT_EQ(model().Av, 0U);
@@ -180,7 +180,7 @@ class NumberSizeTest : public PropertyCommandsTest,
 
 TEST_P(NumberSizeTest, IsReadWithoutHarm)
 {
-    VirtualCameraSetProperty(0, 0x405, 0x11223344);
+    VirtualCanonSetProperty(0, 0x405, 0x11223344);
     configure("corrupt.0x405.size = " + std::to_string(GetParam()));
     EXPECT_TRUE(read(0x405));
     const std::uint32_t known = GetParam() >= 4 ? 4 : GetParam();
@@ -206,7 +206,7 @@ class ProductNameTest : public PropertyCommandsTest
 protected:
     std::string readName(const std::string& bytes)
     {
-        VirtualCameraSetPropertyBytes(0, 2, 2, bytes.data(), static_cast<int>(bytes.size()));
+        VirtualCanonSetPropertyBytes(0, 2, 2, bytes.data(), static_cast<int>(bytes.size()));
         EXPECT_TRUE(read(2));
         EXPECT_EQ(events(), Lines{"PropertyChanged 2"});
         return model().productName;
@@ -262,7 +262,7 @@ TEST_F(ProductNameTest, KeepsBytesThatAreNoUtf8)
 TEST_F(ProductNameTest, IsLeftAloneByATextOfAnotherProperty)
 {
     model().productName = "EOS";
-    VirtualCameraSetPropertyBytes(0, 0x405, 2, "f/2.8", 6);
+    VirtualCanonSetPropertyBytes(0, 0x405, 2, "f/2.8", 6);
     EXPECT_TRUE(read(0x405));
     EXPECT_EQ(events(), Lines{"PropertyChanged 405"});
     EXPECT_EQ(model().productName, "EOS");
@@ -281,7 +281,7 @@ TEST_F(ProductNameTest, IsLeftAloneWhenTheTextCannotBeRead)
 TEST_F(ProductNameTest, IsLeftAloneWhenItsTypeIsANumber)
 {
     model().productName = "EOS";
-    VirtualCameraSetPropertyBytes(0, 2, 9, "abcd", 4);
+    VirtualCanonSetPropertyBytes(0, 2, 9, "abcd", 4);
     EXPECT_TRUE(read(2));
     EXPECT_EQ(model().productName, "EOS");
 }
@@ -295,7 +295,7 @@ protected:
     void readRecord(std::size_t size)
     {
         const std::string record(size, '\xAB');
-        VirtualCameraSetPropertyBytes(0, 0x104, 101, record.data(), static_cast<int>(size));
+        VirtualCanonSetPropertyBytes(0, 0x104, 101, record.data(), static_cast<int>(size));
         EXPECT_TRUE(read(0x104));
         EXPECT_EQ(events(), Lines{"PropertyChanged 104"});
     }
@@ -335,7 +335,7 @@ TEST_F(FocusInfoTest, ThatIsShorterIsFollowedByZeros)
 
 TEST_F(FocusInfoTest, IsStoredForAnyPropertyOfItsType)
 {
-    VirtualCameraSetPropertyBytes(0, 0x405, 101, std::string(19224, '\xAB').data(), 19224);
+    VirtualCanonSetPropertyBytes(0, 0x405, 101, std::string(19224, '\xAB').data(), 19224);
     EXPECT_TRUE(read(0x405));
     EXPECT_EQ(filled(), 19224U);
     EXPECT_EQ(model().Av, 0U);
@@ -381,7 +381,7 @@ TEST_F(PropertyCommandsTest, AFailedDataReadStoresNothing)
 
 TEST_F(PropertyCommandsTest, AFailedReadOfTheTwoOptionalPropertiesIsGivenUp)
 {
-    VirtualCameraRemoveProperty(0, 0x104);
+    VirtualCanonRemoveProperty(0, 0x104);
     EXPECT_TRUE(read(9));
     EXPECT_TRUE(read(0x104));
     EXPECT_FALSE(read(0x12345));
@@ -390,7 +390,7 @@ TEST_F(PropertyCommandsTest, AFailedReadOfTheTwoOptionalPropertiesIsGivenUp)
 
 TEST_F(PropertyCommandsTest, ABusyReadOfTheTwoOptionalPropertiesIsTriedAgain)
 {
-    VirtualCameraSleep(0, 1);
+    VirtualCanonSleep(0, 1);
     EXPECT_FALSE(read(9));
     EXPECT_FALSE(read(0x104));
     EXPECT_EQ(events(), (Lines{"DeviceBusy", "DeviceBusy"}));
@@ -442,11 +442,19 @@ TEST_F(PropertyCommandsTest, TheDescribedSetStopsAtTheFirstFailure)
 TEST_F(PropertyCommandsTest, ADescriptionIsStoredAsItCame)
 {
     const std::int32_t values[] = {5, -1, 7};
-    VirtualCameraSetAllowed(0, 0x50E, values, 3);
+    VirtualCanonSetAllowed(0, 0x50E, values, 3);
     EXPECT_TRUE(readDesc(0x50E));
     EXPECT_EQ(model().evfAFModeDesc.access, 2);
     EXPECT_EQ(model().evfAFModeDesc.numElements, 3);
     EXPECT_EQ(std::memcmp(model().evfAFModeDesc.propDesc, values, sizeof values), 0);
+}
+
+TEST_F(PropertyCommandsTest, ADescriptionOfALibraryWhoseRecordsAreLongerIsStored)
+{
+    configure("records.extra = 256");
+    EXPECT_TRUE(readDesc(0x405));
+    EXPECT_EQ(model().AvDesc.access, 2);
+    EXPECT_EQ(model().AvDesc.propDesc[0], 0x20);
 }
 
 TEST_F(PropertyCommandsTest, ADescriptionWithAnImpossibleCountIsStoredAsItCame)
@@ -487,7 +495,7 @@ TEST_F(PropertyCommandsTest, ANumberIsWrittenInFourBytes)
 {
     EXPECT_TRUE(write(0x406, 0x60));
     EXPECT_EQ(calls(), Lines{"EdsSetPropertyData(camera, 0x406, 0, 4, 0x60)"});
-    EXPECT_EQ(VirtualCameraProperty(0, 0x406), 0x60);
+    EXPECT_EQ(VirtualCanonProperty(0, 0x406), 0x60);
     EXPECT_EQ(events(), Lines{});
 }
 
@@ -495,7 +503,7 @@ TEST_F(PropertyCommandsTest, APointIsWrittenInEightBytesXFirst)
 {
     EXPECT_TRUE(SetPointCommand(model(), 0x508, EdsPoint{100, 200}).execute());
     std::int32_t sent[2] = {};
-    EXPECT_EQ(VirtualCameraPropertyBytes(0, 0x508, sent, sizeof sent), 8);
+    EXPECT_EQ(VirtualCanonPropertyBytes(0, 0x508, sent, sizeof sent), 8);
     EXPECT_EQ(sent[0], 100);
     EXPECT_EQ(sent[1], 200);
 }

@@ -131,6 +131,38 @@ TEST_F(PyCallbackTest, ATextThatIsNoUtf8CallsWithoutArgumentsAndPrintsTheError)
     EXPECT_EQ(m_recorder.calls(), (Calls{"()"}));
 }
 
+TEST_F(PyCallbackTest, AnErrorOfTheValuesIsPrintedAfterTheCall)
+{
+    Channel channel;
+    {
+        const InterpreterLock lock;
+        runPython(
+            "import sys\n"
+            "def noting(*values):\n"
+            "    sys.stderr.write('called with %d\\n' % len(values))\n");
+        channel.SetCallback(mainObject("noting"));
+    }
+    const std::string errors = errorsOf([&] { channel.Call("is", 0, "\xFF"); });
+    EXPECT_EQ(errors.find("called with 0\n"), 0U) << errors;
+    EXPECT_NE(errors.find("UnicodeDecodeError"), std::string::npos) << errors;
+    EXPECT_EQ(errors.find("SystemError"), std::string::npos) << errors;
+}
+
+TEST_F(PyCallbackTest, AnErrorOfTheValuesIsPrintedBeforeTheOneThatTheCallableRaises)
+{
+    Channel channel;
+    {
+        const InterpreterLock lock;
+        runPython(
+            "def raising(*values):\n"
+            "    raise ValueError('on purpose')\n");
+        channel.SetCallback(mainObject("raising"));
+    }
+    const std::string errors = errorsOf([&] { channel.Call("is", 0, "\xFF"); });
+    EXPECT_LT(errors.find("UnicodeDecodeError"), errors.find("ValueError: on purpose")) << errors;
+    EXPECT_NE(errors.find("ValueError: on purpose"), std::string::npos) << errors;
+}
+
 TEST_F(PyCallbackTest, ACallableThatRaisesPrintsTheTracebackAndTheNextEventIsDelivered)
 {
     Channel channel;
@@ -307,17 +339,88 @@ TEST_F(PyCallbackTest, TheCallableMayReplaceItself)
     EXPECT_EQ(m_recorder.calls(), (Calls{"(2,)"}));
 }
 
-TEST_F(PyCallbackTest, TheCallableMayDeleteTheChannel)
+TEST_F(PyCallbackTest, TheCallableMayLetGoOfTheChannelWhoseCallerKeepsIt)
 {
-    auto channel = std::make_unique<PyCallback>();
+    auto channel = std::make_shared<PyCallback>();
     {
         const InterpreterLock lock;
         PyObject* callable = makeCallable([&](PyObject*) { channel.reset(); });
         channel->SetCallback(callable);
         Py_DECREF(callable);
     }
-    channel->Call("i", 1);
+    const std::shared_ptr<PyCallback> kept = channel;
+    kept->Call("i", 1);
     EXPECT_EQ(channel, nullptr);
+    EXPECT_FALSE(kept->isCalling());
+    const InterpreterLock lock;
+    kept->SetCallback(nullptr);
+}
+
+TEST_F(PyCallbackTest, TellsWhetherTheCallableIsRunningAndWhetherAThreadIsInsideOne)
+{
+    Channel channel;
+    bool calling = false;
+    bool inside = false;
+    {
+        const InterpreterLock lock;
+        PyObject* callable = makeCallable([&](PyObject*) {
+            calling = channel.isCalling();
+            inside = PyCallback::isInsideCall();
+        });
+        channel.SetCallback(callable);
+        Py_DECREF(callable);
+    }
+    EXPECT_FALSE(channel.isCalling());
+    channel.Call("i", 1);
+    EXPECT_TRUE(calling);
+    EXPECT_TRUE(inside);
+    EXPECT_FALSE(channel.isCalling());
+    EXPECT_FALSE(PyCallback::isInsideCall());
+}
+
+TEST_F(PyCallbackTest, ACallableThatGoesWhenItReturnsGoesInsideItsCall)
+{
+    Channel channel;
+    bool inside = false;
+    {
+        const InterpreterLock lock;
+        const std::shared_ptr<void> end(
+            nullptr, [&](void*) { inside = PyCallback::isInsideCall() && channel.isCalling(); });
+        PyObject* callable = makeCallable([&, end](PyObject*) { channel.SetCallback(nullptr); });
+        channel.SetCallback(callable);
+        Py_DECREF(callable);
+    }
+    channel.Call("i", 1);
+    EXPECT_TRUE(inside);
+    EXPECT_FALSE(channel.isCalling());
+    EXPECT_FALSE(PyCallback::isInsideCall());
+}
+
+TEST_F(PyCallbackTest, WhatTheThreadKeepsForTheCallableGoesInsideItsCall)
+{
+    Channel channel;
+    bool inside = false;
+    PyObject* note = nullptr;
+    {
+        const InterpreterLock lock;
+        note = makeCallable(
+            [&](PyObject*) { inside = PyCallback::isInsideCall() && channel.isCalling(); });
+        PyObject_SetAttrString(PyImport_AddModule("__main__"), "note", note);
+        ASSERT_TRUE(
+            runPython("import threading\n"
+                      "kept = threading.local()\n"
+                      "class Noting:\n"
+                      "    def __del__(self):\n"
+                      "        note()\n"
+                      "def keep(*event):\n"
+                      "    kept.noting = Noting()\n"));
+        channel.SetCallback(mainObject("keep"));
+    }
+    std::thread([&] { channel.Call("i", 1); }).join();
+    EXPECT_TRUE(inside);
+    const InterpreterLock lock;
+    runPython("del kept, Noting, keep, note");
+    Py_DECREF(note);
 }
 
 TEST_F(PyCallbackTest, TheEndOfTheOldCallableMayStoreAnotherOne)

@@ -64,8 +64,9 @@ inline std::string represent(PyObject* object)
     return result;
 }
 
-// A Python callable that calls `function` with its argument tuple, lock held, and returns None. A
-// new reference; the function is destroyed with the callable. Interpreter lock held.
+// A Python callable that calls `function` with its argument tuple, lock held, and returns None, or
+// raises the error that the function has set. A new reference; the function is destroyed with the
+// callable. Interpreter lock held.
 inline PyObject* makeCallable(std::function<void(PyObject*)> function)
 {
     using Function = std::function<void(PyObject*)>;
@@ -73,6 +74,9 @@ inline PyObject* makeCallable(std::function<void(PyObject*)> function)
         "function",
         [](PyObject* self, PyObject* arguments) -> PyObject* {
             (*static_cast<Function*>(PyCapsule_GetPointer(self, nullptr)))(arguments);
+            if (PyErr_Occurred() != nullptr) {
+                return nullptr;
+            }
             Py_RETURN_NONE;
         },
         METH_VARARGS, nullptr};

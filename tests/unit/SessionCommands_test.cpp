@@ -34,7 +34,7 @@ TEST_F(OpenSessionCommandTest, OpensAndPreparesTheCameraInFiveSteps)
     EXPECT_TRUE(open());
     EXPECT_EQ(calls(), (Lines{kOpen, kSaveToHost, kLock, kCapacity, kUnlock}));
     EXPECT_EQ(events(), Lines{});
-    EXPECT_EQ(VirtualCameraProperty(0, 0xB), 3);
+    EXPECT_EQ(VirtualCanonProperty(0, 0xB), 3);
 }
 
 TEST_F(OpenSessionCommandTest, AFailureToOpenEndsItAndIsTriedAgain)

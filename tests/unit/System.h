@@ -19,7 +19,11 @@ void showDebuggerOutput();
 class LoadedLibrary
 {
 public:
-    explicit LoadedLibrary(const std::string& path);
+    // Who may take its names for his own: nobody who does not look them up in it, or every library
+    // that is loaded later. Windows knows the first only.
+    enum class Names { kOwn, kForAll };
+
+    explicit LoadedLibrary(const std::string& path, Names names = Names::kOwn);
     LoadedLibrary(const LoadedLibrary&) = delete;
     LoadedLibrary& operator=(const LoadedLibrary&) = delete;
     ~LoadedLibrary() { unload(); }

@@ -36,6 +36,9 @@ public:
 
     const std::string& path() const { return m_path; }
 
+    // The path of something in it.
+    std::string path(const std::string& name) const { return m_path + "/" + name; }
+
     // Makes a folder in it and returns its path.
     std::string makeFolder(const std::string& name) const
     {
@@ -53,6 +56,31 @@ public:
 
 private:
     std::string m_path;
+};
+
+// Makes a folder the current one while it lives.
+class CurrentFolder
+{
+public:
+    explicit CurrentFolder(const std::string& path) : m_before(std::filesystem::current_path())
+    {
+        moveTo(path);
+    }
+    CurrentFolder(const CurrentFolder&) = delete;
+    CurrentFolder& operator=(const CurrentFolder&) = delete;
+    ~CurrentFolder()
+    {
+        std::error_code ignored;
+        std::filesystem::current_path(m_before, ignored);
+    }
+
+    static void moveTo(const std::string& path)
+    {
+        std::filesystem::current_path(std::filesystem::u8path(path));
+    }
+
+private:
+    std::filesystem::path m_before;
 };
 
 // The bytes of a file; empty when there is none.

@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "VirtualCamera.h"
-#include "canon/EdSdk.h"
+#include "EdSdk.h"
+#include "VirtualCanon.h"
 #include "canon/Observable.h"
 
 // Waits until `condition` is true; returns whether it became true in time.

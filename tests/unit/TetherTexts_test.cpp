@@ -25,7 +25,6 @@ TEST(ExportFolder, IsEmptyAtFirst)
 {
     const ExportFolder folder;
     EXPECT_EQ(folder.text(), "");
-    EXPECT_EQ(folder.forPictures(), "");
 }
 
 TEST(ExportFolder, HoldsWhatWasSetLast)
@@ -34,7 +33,6 @@ TEST(ExportFolder, HoldsWhatWasSetLast)
     folder.set("/a");
     folder.set("/b");
     EXPECT_EQ(folder.text(), "/b");
-    EXPECT_EQ(folder.forPictures(), "/b");
 }
 
 TEST(ExportFolder, Takes255Bytes)
@@ -68,23 +66,12 @@ TEST(ExportFolder, ThatIsMissingEndsTheProcess)
     EXPECT_EXIT(folder.set(nullptr), testing::ExitedWithCode(3), testing::Eq(kFolderRejected));
 }
 
-TEST(ExportFolder, OnceEmptiedIsKeptForAPictureUnderWay)
-{
-    ExportFolder folder;
-    folder.set("/a");
-    folder.clear();
-    EXPECT_EQ(folder.text(), "");
-    EXPECT_EQ(folder.forPictures(), "/a");
-}
-
-TEST(ExportFolder, ThatTheHostNamedEmptyIsNoFolderForPictures)
+TEST(ExportFolder, MayBeNamedEmpty)
 {
     ExportFolder folder;
     folder.set("/a");
     folder.set("");
-    EXPECT_EQ(folder.forPictures(), "");
-    folder.clear();
-    EXPECT_EQ(folder.forPictures(), "");
+    EXPECT_EQ(folder.text(), "");
 }
 
 TEST(ExportFolder, IsNeverSeenHalfWritten)

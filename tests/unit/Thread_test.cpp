@@ -90,22 +90,42 @@ TEST(Thread, DoesNotWaitForItself)
     EXPECT_FALSE(thread.isAlive());
 }
 
-TEST(Thread, SaysItsFarewellAfterItsRunAndMayBeDestroyedByIt)
+TEST(Thread, SaysItsFarewellAfterItsRunAndKeepsWhatItWasGiven)
 {
-    auto thread = std::make_unique<GatedThread>();
-    GatedThread& running = *thread;
-    const auto aliveAtFarewell = std::make_shared<std::promise<bool>>();
-    running.m_atEnd = [&] {
-        running.endWith([&thread, aliveAtFarewell] {
-            const bool alive = thread->isAlive();
-            thread.reset();
-            aliveAtFarewell->set_value(alive);
-        });
+    auto thread = std::make_shared<GatedThread>();
+    const std::weak_ptr<GatedThread> watched = thread;
+    std::promise<bool> aliveAtFarewell;
+    thread->start(thread);
+    ASSERT_TRUE(thread->endWith([&] { aliveAtFarewell.set_value(watched.lock()->isAlive()); }));
+    thread->letGo();
+    thread = nullptr;
+    EXPECT_FALSE(aliveAtFarewell.get_future().get());
+    EXPECT_TRUE(waitFor([&] { return watched.expired(); }));
+}
+
+TEST(Thread, TakesNoFarewellWhenItWasNeverStarted)
+{
+    GatedThread thread;
+    EXPECT_FALSE(thread.endWith([] { FAIL() << "nobody says it"; }));
+    thread.letGo();
+}
+
+TEST(Thread, IsJoinedWhenItHasLeftForGood)
+{
+    auto thread = std::make_shared<GatedThread>();
+    const std::weak_ptr<GatedThread> watched = thread;
+    std::promise<void> joined;
+    thread->m_atEnd = [&, leaving = thread.get()] {
+        leaving->leaveForGood();
+        joined.get_future().wait();
     };
-    running.start();
-    running.letGo();
-    EXPECT_FALSE(aliveAtFarewell->get_future().get());
-    EXPECT_EQ(thread, nullptr);
+    thread->start(thread);
+    thread->letGo();
+    thread->join();
+    EXPECT_FALSE(thread->isAlive());
+    joined.set_value();
+    thread = nullptr;
+    EXPECT_TRUE(waitFor([&] { return watched.expired(); }));
 }
 
 }  // namespace

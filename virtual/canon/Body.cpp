@@ -335,29 +335,33 @@ double Body::isoUsed() const
     return code == 0 || code > 0xB0 ? 400 : isoSpeed(code);
 }
 
-// The exposure value at ISO 100 that gives a picture as bright as the photographer wants it.
-double Body::exposureValueWanted() const
+scene::Light Body::light() const
 {
-    return m_light + std::log2(isoUsed() / 100) - compensationStops(value(property::kCompensation));
+    return {m_light, isoUsed(), compensationStops(value(property::kCompensation))};
 }
 
-// Chooses what the camera chooses itself: EV = Av + Tv in stops, codes count eighths of a stop.
+// Chooses what the camera chooses itself; codes count eighths of a stop.
 void Body::meter(std::uint32_t except)
 {
     const Values offered = apertures();
-    const double wanted = exposureValueWanted();
-    const bool choosesTv = isMetered(property::kTv) && except != property::kTv;
-    const bool choosesAv = isMetered(property::kAv) && except != property::kAv && !offered.empty();
-    if (choosesTv && choosesAv) {
-        put(property::kAv, nearest(offered, 0x08 / 8.0 + wanted / 2));
+    scene::Metered aperture;
+    aperture.stops = [&] {
+        const double number = apertureNumber(value(property::kAv));
+        return offered.empty() ? 5 : scene::stopsOfAperture(number);
+    };
+    if (isMetered(property::kAv) && except != property::kAv && !offered.empty()) {
+        aperture.choose = [&](double stops) {
+            put(property::kAv, nearest(offered, 0x08 / 8.0 + stops));
+        };
     }
-    const double av = offered.empty() ? 5 : 2 * std::log2(apertureNumber(value(property::kAv)));
-    if (choosesTv) {
-        put(property::kTv, nearest(allShutterSpeeds(), 0x38 / 8.0 + wanted - av));
-    } else if (choosesAv) {
-        const double tv = -std::log2(shutterSeconds(value(property::kTv)));
-        put(property::kAv, nearest(offered, 0x08 / 8.0 + wanted - tv));
+    scene::Metered shutter;
+    shutter.stops = [&] { return scene::stopsOfShutter(shutterSeconds(value(property::kTv))); };
+    if (isMetered(property::kTv) && except != property::kTv) {
+        shutter.choose = [&](double stops) {
+            put(property::kTv, nearest(allShutterSpeeds(), 0x38 / 8.0 + stops));
+        };
     }
+    scene::meter(light().wanted(), aperture, shutter);
 }
 
 void Body::clampZoomPosition()
@@ -394,15 +398,14 @@ scene::PictureFacts Body::facts(std::int64_t time) const
     facts.whiteBalance = whiteBalanceText(value(p::kWhiteBalance));
     facts.kelvin = kelvinOf(value(p::kWhiteBalance), value(p::kColorTemperature));
     facts.compensation = compensationStops(value(p::kCompensation));
-    facts.shutterSeconds = numberIn(facts.shutter, exposureSeconds());
+    facts.shutterSeconds = scene::numberIn(facts.shutter, exposureSeconds());
     const std::uint32_t av = value(p::kAv);
     const double aperture = av == 0 || av > 0x80 ? 5.6 : apertureNumber(av);
-    facts.apertureNumber = numberIn(facts.aperture, aperture);
+    facts.apertureNumber = scene::numberIn(facts.aperture, aperture);
     facts.iso = static_cast<int>(std::lround(isoUsed()));
 
     // In bulb mode the shutter stays open as long as a well exposed picture takes.
-    const double exposureValue = std::log2(aperture * aperture / exposureSeconds());
-    facts.stops = isBulb() ? 0 : m_light + std::log2(isoUsed() / 100) - exposureValue;
+    facts.stops = isBulb() ? 0 : light().stopsOver(aperture, exposureSeconds());
     facts.defocus = std::abs(m_defocus);
 
     switch (value(p::kMode)) {

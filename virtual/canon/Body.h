@@ -11,13 +11,14 @@
 #include <vector>
 
 #include "canon/Tables.h"
+#include "scene/Exposure.h"
 #include "scene/PictureSource.h"
 
 namespace virtualcanon {
 
 using scene::Bytes;
 
-// A property's value, and the untruths that it can be told to answer with.
+// A property's value, and the corruption that it can be told to answer with.
 struct Property {
     std::uint32_t type = 0;
     Bytes value;
@@ -102,8 +103,8 @@ public:
     // State that comes and goes with exposures and sessions; the library sets it.
     int shots = 0;
     int files = 0;
-    int exposures = 0;  // exposures that run now, 0 or 1
-    bool isBulbOpen = false;
+    int exposures = 0;        // exposures that run now, 0 or 1
+    bool isKeptOpen = false;  // the shutter, until somebody ends the exposure
     bool isAsleep = false;
     bool isPlugged = true;
     int framesToWarmUp = 0;
@@ -117,7 +118,7 @@ private:
     void makeFactory();
     bool isMetered(std::uint32_t id) const;
     bool isAutomatic() const;
-    double exposureValueWanted() const;
+    scene::Light light() const;
     double isoUsed() const;
     void settle(std::uint32_t except);
     void settleMode();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "canon/Cameras.h"
 #include "common/Text.h"
 
 namespace virtualcanon {
@@ -22,7 +23,7 @@ std::string shown(const void* reference)
 
 std::string shown(std::uint32_t code)
 {
-    return steering::hexadecimal(code);
+    return virtualcamera::hexadecimal(code);
 }
 
 Call::Call(const CallSpec& spec)
@@ -49,7 +50,7 @@ Call::Call(const CallSpec& spec)
     }
     checkThread();
 
-    steering::CallFacts facts;
+    CallFacts facts;
     facts.function = spec.function;
     facts.property = spec.property;
     facts.command = spec.command;
@@ -57,14 +58,14 @@ Call::Call(const CallSpec& spec)
     facts.onEventThread = m_world.isOwnThread(std::this_thread::get_id());
     m_fault = m_world.faults.next(facts);
     if (m_fault.percent < 0) {
-        m_refusal = suffer();
+        m_refusal = applyFault();
     }
 }
 
 Call::~Call()
 {
-    if (m_inside) {
-        m_world.inside.erase(*m_inside);
+    if (m_underWay) {
+        m_world.callsUnderWay.erase(*m_underWay);
     }
     --m_world.underWay;
     m_world.changed.notify_all();
@@ -76,7 +77,7 @@ void Call::checkThread()
         return;
     }
     const std::thread::id self = std::this_thread::get_id();
-    for (const Inside& other : m_world.inside) {
+    for (const CallUnderWay& other : m_world.callsUnderWay) {
         const bool concerns = m_world.options.oneThread == 2 ||
                               (m_world.options.oneThread == 1 && other.body == m_body.get());
         if (concerns && other.thread != self) {
@@ -85,13 +86,13 @@ void Call::checkThread()
             break;
         }
     }
-    m_inside =
-        m_world.inside.insert(m_world.inside.end(), Inside{self, m_body.get(), m_spec.function});
+    m_underWay = m_world.callsUnderWay.insert(m_world.callsUnderWay.end(),
+                                              CallUnderWay{self, m_body.get(), m_spec.function});
 }
 
-std::optional<EdsError> Call::suffer()
+std::optional<EdsError> Call::applyFault()
 {
-    const steering::Fault fault = m_fault;
+    const Fault fault = m_fault;
     m_fault.percent = -1;
     if (fault.unplug) {
         for (const auto& body : m_world.bodies) {
@@ -139,7 +140,7 @@ Object* Call::object(EdsBaseRef reference, Kind kind)
 EdsError Call::check(const Connection& connection, bool needsSession) const
 {
     if (!connection.isAlive) {
-        return static_cast<EdsError>(m_world.options.unplugCode);
+        return static_cast<EdsError>(m_world.options.goneCode);
     }
     if (connection.body->isAsleep) {
         return static_cast<EdsError>(m_world.options.sleepCode);
@@ -180,7 +181,7 @@ EdsError Call::finish(EdsError result)
     deliverInside(m_world, m_lock);
     m_world.log.count(m_spec.function);
     m_world.log.write(std::string(m_spec.function) + "(" + m_spec.arguments +
-                          ") = " + steering::hexadecimal(result),
+                          ") = " + virtualcamera::hexadecimal(result),
                       m_start);
     return result;
 }

@@ -1,6 +1,7 @@
 // One call of the application: logged, counted, checked, and made to misbehave on request.
 #pragma once
 
+#include <cstring>
 #include <new>
 #include <optional>
 #include <string>
@@ -40,10 +41,10 @@ public:
     std::optional<EdsError> refusal() const { return m_refusal; }
 
     // The fault of a download that comes at some share of the file; it applies once.
-    const steering::Fault& fault() const { return m_fault; }
+    const Fault& fault() const { return m_fault; }
 
     // Does what the fault says; the answer when the call must end now.
-    std::optional<EdsError> suffer();
+    std::optional<EdsError> applyFault();
 
     // Notes a misuse by this call.
     void misuse(const std::string& text);
@@ -75,9 +76,9 @@ private:
     Clock::time_point m_start = Clock::now();
     unsigned m_generation;
     std::shared_ptr<Body> m_body;
-    std::optional<std::list<Inside>::iterator> m_inside;
+    std::optional<std::list<CallUnderWay>::iterator> m_underWay;
     std::optional<EdsError> m_refusal;
-    steering::Fault m_fault;
+    Fault m_fault;
 };
 
 // Does a call: `work` gets the Call and returns a result code.
@@ -93,6 +94,13 @@ EdsError answer(const CallSpec& spec, Work work)
     } catch (...) {
         return result::kInternal;
     }
+}
+
+// A newer library's record is longer than the known one, and it fills all of it.
+template <typename Record>
+void fillExtra(std::int64_t extraBytes, Record* record)
+{
+    std::memset(record + 1, 0xEE, static_cast<std::size_t>(extraBytes));
 }
 
 // Arguments as the log shows them.

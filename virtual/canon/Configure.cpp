@@ -2,15 +2,15 @@
 #include <algorithm>
 
 #include "canon/Codes.h"
-#include "canon/World.h"
+#include "canon/Maker.h"
 #include "common/Text.h"
 
 namespace virtualcanon {
 
 namespace {
 
-using steering::integer;
-using steering::words;
+using virtualcamera::integer;
+using virtualcamera::words;
 
 std::optional<std::uint32_t> code(std::string_view text)
 {
@@ -48,7 +48,7 @@ std::string setProperty(World& world, Body& body, std::uint32_t id, const std::s
         return {};
     }
     if (!parts.empty() && parts[0] == "text") {
-        const std::string_view text = steering::trimmed(std::string_view(value).substr(4));
+        const std::string_view text = virtualcamera::trimmed(std::string_view(value).substr(4));
         Bytes bytes(text.begin(), text.end());
         bytes.push_back(0);
         raiseChanges(world, connection, body.set(id, bytes, type::kText));
@@ -128,11 +128,7 @@ std::string configureCamera(World& world, Body& body, const std::string& key,
 {
     const std::shared_ptr<Connection> connection = world.connectionOf(body);
     const auto number = integer(value);
-    if (key == "camera.name") {
-        const std::size_t length = std::min<std::size_t>(value.size(), kEdsMaxName);
-        const Bytes name(value.begin(), value.begin() + static_cast<std::ptrdiff_t>(length));
-        raiseChanges(world, connection, body.setName(name));
-    } else if (key == "camera.port") {
+    if (key == "camera.port") {
         body.portName = value;
     } else if (key == "camera.lens") {
         return setLens(world, body, value);
@@ -143,11 +139,6 @@ std::string configureCamera(World& world, Body& body, const std::string& key,
         return key + " is a number";
     } else if (key == "camera.sub_type") {
         body.setSubType(static_cast<std::uint32_t>(*number));
-    } else if (key == "camera.plugged") {
-        if (*number == 0) {
-            unplug(world, body);
-        }
-        body.isPlugged = *number != 0;
     } else if (key == "camera.asleep") {
         body.isAsleep = *number != 0;
     } else if (key == "camera.dial_locked") {
@@ -165,12 +156,9 @@ bool startsWith(const std::string& text, std::string_view start)
 
 }  // namespace
 
-std::string World::configureOwn(const std::string& key, const std::string& value, int camera)
+std::string Maker::configureOwn(const std::string& key, const std::string& value, int camera)
 {
-    if (key == "fault") {
-        return faults.add(value);
-    }
-    const std::shared_ptr<Body> found = body(camera);
+    const std::shared_ptr<Body> found = m_world.body(camera);
     if (found == nullptr) {
         return "no such camera";
     }
@@ -178,31 +166,34 @@ std::string World::configureOwn(const std::string& key, const std::string& value
     const std::size_t dot = key.find('.', key.find('.') + 1);
     const std::size_t start = key.find('.') + 1;
     const auto id = code(key.substr(start, dot == std::string::npos ? dot : dot - start));
-    if (startsWith(key, "property.") && id && dot == std::string::npos) {
-        return setProperty(*this, *found, *id, value);
+    if (startsWith(key, "value.") && id && dot == std::string::npos) {
+        return setProperty(m_world, *found, *id, value);
     }
-    if (startsWith(key, "allowed.") && id && dot == std::string::npos) {
-        return setAllowed(*this, *found, *id, value);
+    if (startsWith(key, "list.") && id && dot == std::string::npos) {
+        return setAllowed(m_world, *found, *id, value);
     }
     if (startsWith(key, "corrupt.") && id && dot != std::string::npos) {
         return corrupt(*found, *id, key.substr(dot + 1), value);
     }
-    return configureCamera(*this, *found, key, value);
+    return configureCamera(m_world, *found, key, value);
 }
 
-std::string World::describeCamera(int number) const
+std::string Maker::describeCamera(int number) const
 {
-    const Body& camera = *body(number);
+    const Body& camera = *m_world.existing(number);
     std::string text;
     text += "camera.name = " + camera.printableName() + "\n";
     text += "camera.port = " + camera.portName + "\n";
     text += "camera.sub_type = " + std::to_string(camera.subType()) + "\n";
     text += "camera.plugged = " + std::string(camera.isPlugged ? "1" : "0") + "\n";
     text += "camera.asleep = " + std::string(camera.isAsleep ? "1" : "0") + "\n";
+    if (camera.find(property::kMode) != nullptr) {
+        text += "camera.mode = " + std::to_string(camera.value(property::kMode)) + "\n";
+    }
     for (const std::uint32_t id : camera.ids()) {
         if (camera.find(id)->type == type::kNumber) {
-            text += "property." + steering::hexadecimal(id) + " = " +
-                    steering::hexadecimal(camera.value(id)) + "\n";
+            text += "value." + virtualcamera::hexadecimal(id) + " = " +
+                    virtualcamera::hexadecimal(camera.value(id)) + "\n";
         }
     }
     return text;

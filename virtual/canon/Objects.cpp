@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <filesystem>
-#include <system_error>
 
 #include "canon/Codes.h"
+#include "common/Platform.h"
 #include "common/Text.h"
 
 namespace virtualcanon {
@@ -98,15 +97,14 @@ std::uint32_t Stream::open(const std::string& path, std::uint32_t disposition, s
     if (disposition > 4 || access > 2) {
         return result::kInvalidParameter;
     }
-    std::error_code ignored;
-    const bool isThere = std::filesystem::exists(path, ignored);
+    const bool isThere = virtualcamera::isThere(path);
     if (disposition == 0 && isThere) {
         return result::kFileExists;
     }
     if (disposition == 4 && !isThere) {
         return result::kFileNotFound;
     }
-    if (std::filesystem::is_directory(path, ignored)) {
+    if (virtualcamera::isFolder(path)) {
         return result::kFileNotOpened;
     }
     errno = 0;
@@ -148,8 +146,7 @@ std::uint32_t Stream::finish()
         return resultOf(errno, result::kFileWrite);
     }
     // Some systems let a folder be removed under an open file; the picture is lost then.
-    std::error_code error;
-    return std::filesystem::exists(m_path, error) ? result::kOk : result::kFileNotFound;
+    return virtualcamera::isThere(m_path) ? result::kOk : result::kFileNotFound;
 }
 
 EdsBaseRef ObjectTable::add(Object object)
@@ -222,7 +219,7 @@ std::string ObjectTable::nameOf(const void* reference)
     }
     const Kind kind = kindIn(reference);
     if (kind == Kind::kNone || numberIn(reference) == 0) {
-        return steering::hexadecimal(valueOf(reference));
+        return virtualcamera::hexadecimal(valueOf(reference));
     }
     return std::string(kKindNames[static_cast<std::size_t>(kind)]) + "#" +
            std::to_string(numberIn(reference));

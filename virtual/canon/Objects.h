@@ -11,8 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "EdSdk.h"
 #include "canon/Body.h"
-#include "canon/EdSdk.h"
+#include "common/Picture.h"
 
 namespace virtualcanon {
 
@@ -41,17 +42,17 @@ struct Connection {
 };
 
 // A picture file that was made, whether it went to the host or stayed on the camera.
-struct PictureFile {
-    int shot = 0;
-    int camera = 0;
-    bool isFromBody = false;
+// Its name has up to 256 bytes, 256 of them without terminator.
+struct PictureFile final : virtualcamera::Picture {
     bool isForHost = false;
-    Bytes name;  // up to 256 bytes, 256 of them without terminator
-    std::int64_t size = 0;
-    std::shared_ptr<const Bytes> bytes;  // null when they are not kept any more
-    int announced = 0;
     int downloaded = 0;
     int completed = 0;
+
+    Fields ownFields() const override
+    {
+        return {
+            {"to_host", isForHost ? 1 : 0}, {"downloaded", downloaded}, {"complete", completed}};
+    }
 };
 
 struct Item {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "canon/Call.h"
+#include "common/Configure.h"
 
 namespace vc = virtualcanon;
 using vc::Call;
@@ -25,8 +26,9 @@ void fillName(char (&field)[kEdsMaxName], const void* name, std::size_t length)
     }
 }
 
-void endSession(Connection& connection)
+void endSession(World& world, Connection& connection)
 {
+    vc::leaveExposure(world, *connection.body);
     connection.isOpen = false;
     connection.areButtonsLocked = false;
     connection.room = -1;
@@ -40,7 +42,7 @@ void letGo(Call& call, Connection& connection)
         call.misuse("camera released with its session open");
     }
     if (connection.isOpen) {
-        endSession(connection);
+        endSession(call.world(), connection);
     }
     connection.onProperty = {};
     connection.onObject = {};
@@ -56,9 +58,9 @@ EdsError initialize(Call& call)
 {
     World& world = call.world();
     if (!world.isInitialised()) {
-        world.readEnvironment("LUMATIE_VIRTUAL_CANON");
+        virtualcamera::readEnvironment(virtualcamera::maker(), "LUMATIE_VIRTUAL_CANON");
     }
-    vc::startCrew(world, call.lock());
+    vc::startThreads(world, call.lock());
     return result::kOk;
 }
 
@@ -68,20 +70,20 @@ EdsError terminate(Call& call)
     if (!world.isInitialised()) {
         return result::kOk;
     }
-    vc::stopCrew(world, call.lock());
+    vc::stopThreads(world, call.lock());
     for (const std::string& leak : world.objects.leaks()) {
         call.misuse("leaked " + leak);
     }
     for (auto& connection : world.connections) {
         if (connection != nullptr && connection->isOpen) {
-            endSession(*connection);
+            endSession(world, *connection);
         }
         connection = nullptr;
     }
     for (const auto& body : world.bodies) {
         if (body != nullptr) {
             body->exposures = 0;
-            body->isBulbOpen = false;
+            body->isKeptOpen = false;
         }
     }
     world.objects.clear();
@@ -136,7 +138,7 @@ EdsError childAt(Call& call, EdsBaseRef parent, std::int32_t index, EdsBaseRef* 
     }
     const auto body = call.world().body(list->cameras[static_cast<std::size_t>(index)]);
     if (body == nullptr || !body->isPlugged) {
-        return static_cast<EdsError>(call.world().options.unplugCode);
+        return static_cast<EdsError>(call.world().options.goneCode);
     }
     *child = takeCamera(call.world(), body);
     return result::kOk;
@@ -158,6 +160,7 @@ EdsError deviceInfo(Call& call, EdsCameraRef camera, EdsDeviceInfo* info)
     fillName(info->szDeviceDescription, body.name().data(), body.name().size());
     info->deviceSubType = body.subType();
     info->reserved = 0;
+    vc::fillExtra(call.world().options.extraBytes, info);
     return result::kOk;
 }
 
@@ -252,7 +255,7 @@ EdsError closeSession(Call& call, EdsCameraRef camera)
     connection->wasCloseTried = true;
     const EdsError error = call.check(*connection, true);
     if (error == result::kOk) {
-        endSession(*connection);
+        endSession(call.world(), *connection);
     }
     return error;
 }

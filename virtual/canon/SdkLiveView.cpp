@@ -62,11 +62,11 @@ View viewOf(const vc::Body& body)
     return view;
 }
 
-scene::PictureFacts factsOf(const vc::World& world, const vc::Body& body, const View& view)
+scene::PictureFacts factsOf(const vc::Options& options, const vc::Body& body, const View& view)
 {
-    scene::PictureFacts facts = body.facts(world.options.pictureTime());
-    facts.width = static_cast<int>(world.options.frameWidth);
-    facts.height = static_cast<int>(world.options.frameHeight);
+    scene::PictureFacts facts = body.facts(options.pictureTime());
+    facts.width = static_cast<int>(options.frameWidth);
+    facts.height = static_cast<int>(options.frameHeight);
     facts.jpegQuality = 70;
     facts.quality = "live view " + std::to_string(view.zoom) + "x";
     if (view.zoom > 1) {
@@ -116,7 +116,7 @@ EdsError downloadFrame(Call& call, EdsCameraRef camera, EdsEvfImageRef image)
 
     const std::shared_ptr<vc::Frame> frame = object->frame;
     const View view = viewOf(body);
-    const scene::PictureFacts facts = factsOf(call.world(), body, view);
+    const scene::PictureFacts facts = factsOf(call.world().options, body, view);
     scene::Histogram histogram{};
     call.lock().unlock();
     Bytes picture = scene::makeFrame(facts, histogram);

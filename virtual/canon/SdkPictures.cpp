@@ -32,6 +32,7 @@ EdsError itemInfo(Call& call, EdsDirectoryItemRef reference, EdsDirectoryItemInf
     }
 
     *info = EdsDirectoryItemInfo{};
+    vc::fillExtra(call.world().options.extraBytes, info);
     if (item.file == nullptr) {
         info->isFolder = 1;
         std::memcpy(info->szFileName, "100VIRTU", 8);
@@ -39,7 +40,7 @@ EdsError itemInfo(Call& call, EdsDirectoryItemRef reference, EdsDirectoryItemInf
     }
     info->size = static_cast<std::uint64_t>(item.file->size);
     info->groupID = static_cast<std::uint32_t>(item.file->shot);
-    const Bytes& name = item.file->name;
+    const std::string& name = item.file->name;
     if (!name.empty()) {
         std::memcpy(info->szFileName, name.data(), std::min(name.size(), kEdsMaxName));
     }
@@ -112,7 +113,7 @@ private:
     {
         const int at = m_call.fault().percent;
         if (at >= 0 && percent >= at) {
-            if (const auto end = m_call.suffer()) {
+            if (const auto end = m_call.applyFault()) {
                 return *end;
             }
         }
@@ -138,7 +139,7 @@ private:
             unlocked([&] { return m_stream->write(data, length, diskFullAfter); });
         m_done = end;
 
-        const double rate = m_call.world().options.rate;
+        const double rate = m_call.world().options.transferRate;
         if (error == result::kOk && rate > 0) {
             const auto needed = std::chrono::duration_cast<Clock::duration>(
                 std::chrono::duration<double>(static_cast<double>(m_done) / (rate * 1e6)));

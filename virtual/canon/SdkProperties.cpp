@@ -1,5 +1,6 @@
 // Properties, commands and the capacity.
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "canon/Call.h"
@@ -93,15 +94,15 @@ EdsError propertyData(Call& call, EdsBaseRef object, EdsPropertyID id, std::uint
         return result::kInvalidPointer;
     }
     const std::size_t right = entry->value.size();
-    const bool wasMisled = entry->falseSize || entry->falseType;
+    const bool isCorrupt = entry->falseSize || entry->falseType;
     const std::string told = "size " + std::to_string(size) + " for property " + shown(id) +
                              " of " + std::to_string(right) + " bytes";
-    if (size < right && !wasMisled) {
+    if (size < right && !isCorrupt) {
         call.misuse(told);
         return result::kInvalidLength;
     }
     const bool mayBeLonger = entry->type == vc::type::kText || isCustomarySize(id, size);
-    if (size > right && !mayBeLonger && !wasMisled) {
+    if (size > right && !mayBeLonger && !isCorrupt) {
         call.misuse(told);
     }
     fill(*entry, static_cast<std::uint8_t*>(data), size);
@@ -126,6 +127,7 @@ EdsError propertyDescription(Call& call, EdsBaseRef object, EdsPropertyID id,
     const vc::Values values = body.allowed(id);
     const Property* entry = body.find(id);
     *description = EdsPropertyDesc{};
+    vc::fillExtra(call.world().options.extraBytes, description);
     description->access = values.empty() ? 0 : 2;
     description->numElements = static_cast<std::int32_t>(values.size());
     if (entry != nullptr && entry->falseCount) {
@@ -135,9 +137,9 @@ EdsError propertyDescription(Call& call, EdsBaseRef object, EdsPropertyID id,
     return result::kOk;
 }
 
-bool isBusy(const vc::World& world, const Connection& connection)
+bool isBusy(const vc::Options& options, const Connection& connection)
 {
-    return world.options.busy == 2 && connection.body->exposures > 0;
+    return options.busy == 2 && connection.body->exposures > 0;
 }
 
 EdsError setProperty(Call& call, EdsBaseRef object, EdsPropertyID id, std::uint32_t size,
@@ -151,7 +153,7 @@ EdsError setProperty(Call& call, EdsBaseRef object, EdsPropertyID id, std::uint3
     if (!call.isGiven(data, "the data")) {
         return result::kInvalidPointer;
     }
-    if (isBusy(call.world(), *connection)) {
+    if (isBusy(call.world().options, *connection)) {
         return result::kDeviceBusy;
     }
     const auto* bytes = static_cast<const std::uint8_t*>(data);
@@ -220,7 +222,7 @@ EdsError sendCommand(Call& call, EdsCameraRef camera, std::uint32_t command, std
         return error;
     }
     const bool isRelease = command == vc::command::kShutterButton && parameter == 0;
-    if (isBusy(call.world(), *connection) && !isRelease) {
+    if (isBusy(call.world().options, *connection) && !isRelease) {
         return result::kDeviceBusy;
     }
     switch (command) {
@@ -289,9 +291,14 @@ CallSpec commandSpec(const char* function, EdsCameraRef camera, std::uint32_t co
     return spec;
 }
 
-// A value that is set, as the log shows it.
+// A value that is set, as the log shows it: a number, a point, or that there was something else.
 std::string shownValue(const void* data, std::uint32_t size)
 {
+    std::array<std::int32_t, 2> point{};
+    if (data != nullptr && size == sizeof point) {
+        std::memcpy(point.data(), data, sizeof point);
+        return "(" + std::to_string(point[0]) + ", " + std::to_string(point[1]) + ")";
+    }
     if (data == nullptr || size != sizeof(std::uint32_t)) {
         return data == nullptr ? "null" : "...";
     }

@@ -1,5 +1,5 @@
-// The functions of VirtualCamera.h.
-#include "VirtualCamera.h"
+// The functions of VirtualCanon.h.
+#include "VirtualCanon.h"
 
 #include <algorithm>
 #include <array>
@@ -10,11 +10,10 @@
 #include "common/Text.h"
 
 namespace vc = virtualcanon;
-using steering::copyOut;
-using steering::textFrom;
-using steering::waitFor;
 using vc::Bytes;
 using vc::World;
+using virtualcamera::copyOut;
+using virtualcamera::textFrom;
 
 namespace {
 
@@ -25,9 +24,9 @@ Bytes bytesFrom(const void* data, int size)
 }
 
 // The world, locked as long as the answer lives.
-steering::Locked<World> locked()
+virtualcamera::Locked<World> locked()
 {
-    return steering::Locked<World>(vc::world());
+    return {vc::world(), vc::world().mutex};
 }
 
 // Does `work` with a camera's body; 0 with an error when there is no such camera.
@@ -37,7 +36,7 @@ int withCamera(int camera, Work work)
     const auto world = locked();
     const std::shared_ptr<vc::Body> body = world->body(camera);
     if (body == nullptr) {
-        return world->refuse("no such camera: " + std::to_string(camera));
+        return world->refuseCamera(camera);
     }
     return work(*world, body);
 }
@@ -52,66 +51,18 @@ int change(World& world, const vc::Body& body, const vc::Changes& changes)
 int send(World& world, const vc::Body& body, vc::Event event)
 {
     event.connection = world.connectionOf(body);
-    if (event.connection == nullptr || world.crew == nullptr) {
+    if (event.connection == nullptr || world.libraryThreads == nullptr) {
         return world.refuse("the application does not use this camera");
     }
     vc::raise(world, event);
     return 1;
 }
 
-std::string nameOf(const vc::PictureFile& file)
-{
-    return {file.name.begin(), file.name.end()};
-}
-
-std::string describe(const vc::PictureFile& file)
-{
-    return "shot=" + std::to_string(file.shot) + " camera=" + std::to_string(file.camera) +
-           " origin=" + (file.isFromBody ? "body" : "host") + " name=" + nameOf(file) +
-           " size=" + std::to_string(file.size) + " to_host=" + (file.isForHost ? "1" : "0") +
-           " announced=" + std::to_string(file.announced) +
-           " downloaded=" + std::to_string(file.downloaded) +
-           " complete=" + std::to_string(file.completed) + "\n";
-}
-
-// The code that an event is counted under; 0 stands for all.
-std::optional<std::uint32_t> countedCode(std::uint32_t event)
-{
-    return event == 0 ? std::nullopt : std::optional(event);
-}
-
 }  // namespace
 
 extern "C" {
 
-void VirtualCameraReset(void)
-{
-    vc::reset(*locked());
-}
-
-int VirtualCameraConfigure(const char* text)
-{
-    return locked()->configure(textFrom(text));
-}
-
-int VirtualCameraSettings(char* buffer, int capacity)
-{
-    return copyOut(locked()->describeSettings(), buffer, capacity);
-}
-
-int VirtualCameraLastError(char* buffer, int capacity)
-{
-    return copyOut(locked()->lastError, buffer, capacity);
-}
-
-int VirtualCameraAdd(const char* name, uint32_t subType)
-{
-    const auto world = locked();
-    const std::string text = textFrom(name).substr(0, kEdsMaxName - 1);
-    return vc::addBody(*world, Bytes(text.begin(), text.end()), subType)->number();
-}
-
-int VirtualCameraSetName(int camera, const void* bytes, int length)
+int VirtualCanonSetName(int camera, const void* bytes, int length)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (length < 0 || length > static_cast<int>(kEdsMaxName)) {
@@ -121,37 +72,7 @@ int VirtualCameraSetName(int camera, const void* bytes, int length)
     });
 }
 
-int VirtualCameraRemove(int camera)
-{
-    return withCamera(camera, [&](World& world, const auto& body) {
-        vc::unplug(world, *body);
-        world.bodies[static_cast<std::size_t>(camera)] = nullptr;
-        return 1;
-    });
-}
-
-int VirtualCameraCount(void)
-{
-    return static_cast<int>(locked()->bodies.size());
-}
-
-int VirtualCameraUnplug(int camera)
-{
-    return withCamera(camera, [&](World& world, const auto& body) {
-        vc::unplug(world, *body);
-        return 1;
-    });
-}
-
-int VirtualCameraPlug(int camera)
-{
-    return withCamera(camera, [&](World&, const auto& body) {
-        body->isPlugged = true;
-        return 1;
-    });
-}
-
-int VirtualCameraSleep(int camera, int asleep)
+int VirtualCanonSleep(int camera, int asleep)
 {
     return withCamera(camera, [&](World&, const auto& body) {
         body->isAsleep = asleep != 0;
@@ -159,46 +80,15 @@ int VirtualCameraSleep(int camera, int asleep)
     });
 }
 
-int VirtualCameraSessionOpen(int camera)
-{
-    return withCamera(camera, [&](World& world, const auto& body) {
-        const auto connection = world.connectionOf(*body);
-        return connection != nullptr && connection->isOpen ? 1 : 0;
-    });
-}
-
-int VirtualCameraPressShutter(int camera)
-{
-    auto world = locked();
-    const std::shared_ptr<vc::Body> body = world->body(camera);
-    const auto connection = body == nullptr ? nullptr : world->connectionOf(*body);
-    if (body == nullptr || body->isAsleep) {
-        return world->refuse("no such camera, or it sleeps");
-    }
-    if (connection != nullptr && connection->areButtonsLocked) {
-        return world->refuse("the buttons are locked");
-    }
-    const std::uint32_t code = vc::press(*world, world.lock(), body, true);
-    if (code != vc::result::kOk) {
-        return world->refuse("the camera refuses: " + steering::hexadecimal(code));
-    }
-    return 1;
-}
-
-int VirtualCameraTurnDial(int camera, uint32_t mode)
-{
-    return VirtualCameraSetProperty(camera, vc::property::kMode, mode);
-}
-
-int VirtualCameraSetProperty(int camera, uint32_t property, uint32_t value)
+int VirtualCanonSetProperty(int camera, uint32_t property, uint32_t value)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         return change(world, *body, body->set(property, value));
     });
 }
 
-int VirtualCameraSetPropertyBytes(int camera, uint32_t property, uint32_t type, const void* data,
-                                  int size)
+int VirtualCanonSetPropertyBytes(int camera, uint32_t property, uint32_t type, const void* data,
+                                 int size)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (size < 0) {
@@ -208,7 +98,7 @@ int VirtualCameraSetPropertyBytes(int camera, uint32_t property, uint32_t type, 
     });
 }
 
-int VirtualCameraRemoveProperty(int camera, uint32_t property)
+int VirtualCanonRemoveProperty(int camera, uint32_t property)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (body->find(property) == nullptr) {
@@ -219,7 +109,7 @@ int VirtualCameraRemoveProperty(int camera, uint32_t property)
     });
 }
 
-int VirtualCameraSetAllowed(int camera, uint32_t property, const int32_t* values, int count)
+int VirtualCanonSetAllowed(int camera, uint32_t property, const int32_t* values, int count)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (count < -1 || count > static_cast<int>(kEdsMaxDescElements)) {
@@ -233,7 +123,7 @@ int VirtualCameraSetAllowed(int camera, uint32_t property, const int32_t* values
     });
 }
 
-int64_t VirtualCameraProperty(int camera, uint32_t property)
+int64_t VirtualCanonProperty(int camera, uint32_t property)
 {
     std::int64_t value = -1;
     withCamera(camera, [&](World&, const auto& body) {
@@ -245,7 +135,7 @@ int64_t VirtualCameraProperty(int camera, uint32_t property)
     return value;
 }
 
-int VirtualCameraPropertyBytes(int camera, uint32_t property, void* buffer, int capacity)
+int VirtualCanonPropertyBytes(int camera, uint32_t property, void* buffer, int capacity)
 {
     std::int64_t size = -1;
     withCamera(camera, [&](World&, const auto& body) {
@@ -257,7 +147,7 @@ int VirtualCameraPropertyBytes(int camera, uint32_t property, void* buffer, int 
     return static_cast<int>(size);
 }
 
-int VirtualCameraAllowed(int camera, uint32_t property, int32_t* values, int capacity)
+int VirtualCanonAllowed(int camera, uint32_t property, int32_t* values, int capacity)
 {
     int count = -1;
     withCamera(camera, [&](World&, const auto& body) {
@@ -274,45 +164,7 @@ int VirtualCameraAllowed(int camera, uint32_t property, int32_t* values, int cap
     return count;
 }
 
-int VirtualCameraFault(const char* rule)
-{
-    const auto world = locked();
-    return world->answer(world->faults.add(textFrom(rule)));
-}
-
-int VirtualCameraFailNext(const char* function, uint32_t code, int calls)
-{
-    return VirtualCameraFault((textFrom(function) + " code=" + steering::hexadecimal(code) +
-                               " calls=" + std::to_string(calls))
-                                  .c_str());
-}
-
-int VirtualCameraEventRule(const char* rule)
-{
-    const auto world = locked();
-    return world->answer(world->eventRules.add(textFrom(rule)));
-}
-
-void VirtualCameraClearFaults(void)
-{
-    const auto world = locked();
-    world->faults.clear();
-    world->eventRules.clear();
-}
-
-int VirtualCameraReleaseHangs(void)
-{
-    return locked()->releaseHangs();
-}
-
-int VirtualCameraWaitForHang(const char* function, int timeoutMs)
-{
-    const std::string name = textFrom(function);
-    return waitFor(vc::world(), timeoutMs, [&] { return vc::world().isHanging(name); });
-}
-
-int VirtualCameraSendPropertyEvent(int camera, uint32_t event, uint32_t property,
-                                   uint32_t parameter)
+int VirtualCanonSendPropertyEvent(int camera, uint32_t event, uint32_t property, uint32_t parameter)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         vc::Event raised;
@@ -323,7 +175,7 @@ int VirtualCameraSendPropertyEvent(int camera, uint32_t event, uint32_t property
     });
 }
 
-int VirtualCameraSendObjectEvent(int camera, uint32_t event, void* reference)
+int VirtualCanonSendObjectEvent(int camera, uint32_t event, void* reference)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         vc::Event raised;
@@ -334,7 +186,7 @@ int VirtualCameraSendObjectEvent(int camera, uint32_t event, void* reference)
     });
 }
 
-int VirtualCameraSendStateEvent(int camera, uint32_t event, uint32_t parameter)
+int VirtualCanonSendStateEvent(int camera, uint32_t event, uint32_t parameter)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         vc::Event raised;
@@ -345,7 +197,7 @@ int VirtualCameraSendStateEvent(int camera, uint32_t event, uint32_t parameter)
     });
 }
 
-void* VirtualCameraNewItem(int camera, int file)
+void* VirtualCanonNewItem(int camera, int file)
 {
     EdsBaseRef reference = nullptr;
     withCamera(camera, [&](World& world, const auto& body) {
@@ -353,7 +205,7 @@ void* VirtualCameraNewItem(int camera, int file)
         object.kind = vc::Kind::kItem;
         object.item = std::make_shared<vc::Item>();
         object.item->connection = world.connectionOf(*body);
-        object.item->file = steering::atNumber(world.files, file);
+        object.item->file = virtualcamera::atNumber(world.files, file);
         object.item->bytes = object.item->file == nullptr ? nullptr : object.item->file->bytes;
         const bool isComplete = file < 0 || object.item->bytes != nullptr;
         if (object.item->connection == nullptr || !isComplete) {
@@ -365,64 +217,7 @@ void* VirtualCameraNewItem(int camera, int file)
     return reference;
 }
 
-int VirtualCameraEventCount(uint32_t event)
-{
-    return locked()->eventCount(countedCode(event));
-}
-
-int VirtualCameraWaitForEvents(uint32_t event, int count, int timeoutMs)
-{
-    return waitFor(vc::world(), timeoutMs,
-                   [&] { return vc::world().eventCount(countedCode(event)) >= count; });
-}
-
-int VirtualCameraCallCount(const char* function)
-{
-    return locked()->log.calls(textFrom(function));
-}
-
-int VirtualCameraWaitForCalls(const char* function, int count, int timeoutMs)
-{
-    const std::string name = textFrom(function);
-    return waitFor(vc::world(), timeoutMs, [&] { return vc::world().log.calls(name) >= count; });
-}
-
-int VirtualCameraWaitUntilIdle(int timeoutMs)
-{
-    return waitFor(vc::world(), timeoutMs, [] { return vc::world().isIdle(); });
-}
-
-int VirtualCameraLog(char* buffer, int capacity)
-{
-    return copyOut(locked()->log.text(), buffer, capacity);
-}
-
-int64_t VirtualCameraClock(void)
-{
-    return locked()->log.microseconds();
-}
-
-void VirtualCameraClearLog(void)
-{
-    locked()->log.clearLines();
-}
-
-int VirtualCameraMisuseCount(void)
-{
-    return locked()->log.misuses();
-}
-
-int VirtualCameraMisuse(char* buffer, int capacity)
-{
-    return copyOut(locked()->log.misuseText(), buffer, capacity);
-}
-
-void VirtualCameraClearMisuse(void)
-{
-    locked()->log.clearMisuses();
-}
-
-int VirtualCameraReferenceCount(const char* kind)
+int VirtualCanonReferenceCount(const char* kind)
 {
     constexpr std::array<std::string_view, 6> kKinds{"",     "list",   "camera",
                                                      "item", "stream", "image"};
@@ -437,7 +232,7 @@ int VirtualCameraReferenceCount(const char* kind)
     return -1;
 }
 
-int VirtualCameraSetPictureName(int camera, const void* bytes, int length)
+int VirtualCanonSetPictureName(int camera, const void* bytes, int length)
 {
     return withCamera(camera, [&](World& world, const auto& body) {
         if (length < 0 || length > static_cast<int>(kEdsMaxName)) {
@@ -448,69 +243,7 @@ int VirtualCameraSetPictureName(int camera, const void* bytes, int length)
     });
 }
 
-int VirtualCameraPictureCount(void)
-{
-    return static_cast<int>(locked()->files.size());
-}
-
-int VirtualCameraWaitForPictures(int count, int timeoutMs)
-{
-    return waitFor(vc::world(), timeoutMs,
-                   [&] { return static_cast<int>(vc::world().files.size()) >= count; });
-}
-
-int VirtualCameraPictureList(char* buffer, int capacity)
-{
-    const auto world = locked();
-    std::string text;
-    for (const auto& file : world->files) {
-        text += describe(*file);
-    }
-    return copyOut(text, buffer, capacity);
-}
-
-int64_t VirtualCameraPictureValue(int file, const char* field)
-{
-    const auto world = locked();
-    const auto picture = steering::atNumber(world->files, file);
-    if (picture == nullptr) {
-        world->lastError = "no such file";
-        return -1;
-    }
-    const std::string name = textFrom(field);
-    const std::map<std::string, std::int64_t> values{
-        {"shot", picture->shot},
-        {"camera", picture->camera},
-        {"origin", picture->isFromBody ? 1 : 0},
-        {"size", picture->size},
-        {"to_host", picture->isForHost ? 1 : 0},
-        {"announced", picture->announced},
-        {"downloaded", picture->downloaded},
-        {"complete", picture->completed},
-    };
-    const auto found = values.find(name);
-    return found == values.end() ? -1 : found->second;
-}
-
-int VirtualCameraPictureName(int file, char* buffer, int capacity)
-{
-    const auto world = locked();
-    const auto picture = steering::atNumber(world->files, file);
-    return copyOut(picture == nullptr ? std::string() : nameOf(*picture), buffer, capacity);
-}
-
-int64_t VirtualCameraPictureBytes(int file, void* buffer, int64_t capacity)
-{
-    const auto world = locked();
-    const auto picture = steering::atNumber(world->files, file);
-    if (picture == nullptr || picture->bytes == nullptr) {
-        world->lastError = "no such file, or its bytes are not kept";
-        return -1;
-    }
-    return copyOut(picture->bytes->data(), picture->bytes->size(), buffer, capacity);
-}
-
-int64_t VirtualCameraStreamBytes(void* stream, void* buffer, int64_t capacity)
+int64_t VirtualCanonStreamBytes(void* stream, void* buffer, int64_t capacity)
 {
     const auto world = locked();
     const vc::Object* object = world->objects.find(static_cast<EdsBaseRef>(stream));

@@ -43,7 +43,7 @@ std::string nameOf(const std::array<Name, Count>& names, std::uint32_t code)
             return name.text;
         }
     }
-    return steering::hexadecimal(code);
+    return virtualcamera::hexadecimal(code);
 }
 
 // What is engraved on cameras differs from the computed numbers.
@@ -213,16 +213,6 @@ std::string apertureText(std::uint32_t code)
 std::string isoText(std::uint32_t code)
 {
     return nameOf(kIsoNames, code);
-}
-
-double numberIn(const std::string& text, double otherwise)
-{
-    const bool isFraction = text.compare(0, 2, "1/") == 0;
-    const auto value = steering::number(isFraction ? text.substr(2) : text);
-    if (!value || *value <= 0) {
-        return otherwise;
-    }
-    return isFraction ? 1 / *value : *value;
 }
 
 std::string whiteBalanceText(std::uint32_t code)

@@ -27,9 +27,6 @@ std::string isoText(std::uint32_t code);
 std::string whiteBalanceText(std::uint32_t code);
 std::string modeText(std::uint32_t code);
 
-// The number that such a text says, "1/125" or "5.6"; `otherwise` for other texts.
-double numberIn(const std::string& text, double otherwise);
-
 // Every third of a stop from `first` to `last`, both included if they are such codes.
 Values thirds(std::int32_t first, std::int32_t last);
 

@@ -3,7 +3,7 @@
 #include "common/Platform.h"
 #include "common/Text.h"
 
-namespace steering {
+namespace virtualcamera {
 
 namespace {
 
@@ -132,4 +132,4 @@ void CallLog::append(std::string line)
     m_lines.push_back(std::move(line));
 }
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace steering {
+namespace virtualcamera {
 
 using Clock = std::chrono::steady_clock;
 
@@ -84,4 +84,4 @@ private:
     std::FILE* m_file = nullptr;  // std::ofstream does not tell the reason of a failure
 };
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -1,13 +1,13 @@
-// Settings: lines of text, from a test or from the file that the environment names.
+#include "common/Configure.h"
+
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 
 #include "common/Platform.h"
 #include "common/Text.h"
-#include "common/World.h"
 
-namespace steering {
+namespace virtualcamera {
 
 namespace {
 
@@ -18,75 +18,105 @@ std::optional<std::int64_t> cameraOfSection(const std::string& section)
     return parts.size() == 2 && parts[0] == "camera" ? integer(parts[1]) : std::nullopt;
 }
 
-}  // namespace
-
-std::string World::configureLine(const std::string& line, int& camera)
+std::string configureShared(Maker& maker, const std::string& key, const std::string& value,
+                            int camera)
 {
+    const bool isNumber = key == "camera.mode" || key == "camera.plugged";
+    if (key != "camera.name" && !isNumber) {
+        return maker.configureOwn(key, value, camera);
+    }
+    const auto number = integer(value);
+    if (!maker.hasCamera(camera)) {
+        return "no such camera";
+    }
+    if (!isNumber) {
+        maker.nameCamera(camera, value);
+    } else if (!number || *number < 0 || *number > 0xFFFFFFFFLL) {
+        return key + " is a number";
+    } else if (key == "camera.mode") {
+        maker.turnDial(camera, static_cast<std::uint32_t>(*number));
+    } else if (*number != 0) {
+        maker.plugCamera(camera);
+    } else {
+        maker.unplugCamera(camera);
+    }
+    return {};
+}
+
+std::string configureLine(Maker& maker, const std::string& line, int& camera)
+{
+    World& world = maker.world();
     const SettingLine parsed = parseSettingLine(line);
     if (parsed.isBad) {
         return "a setting is \"key = value\"";
     }
     if (!parsed.section.empty()) {
         const auto number = cameraOfSection(parsed.section);
-        if (number == cameraCount()) {
-            addFactoryCamera();
+        if (number == maker.cameraCount()) {
+            maker.addFactoryCamera();
         }
-        const bool isGivenOut = number && *number >= 0 && *number < cameraCount();
+        const bool isGivenOut = number && *number >= 0 && *number < maker.cameraCount();
         camera = isGivenOut ? static_cast<int>(*number) : -1;
-        return hasCamera(camera) ? "" : "a section is \"[camera N]\"";
+        return maker.hasCamera(camera) ? "" : "a section is \"[camera N]\"";
     }
     if (parsed.key.empty()) {
         return {};
     }
     if (parsed.key == "event") {
-        return eventRules.add(parsed.value);
+        return world.eventRules.add(parsed.value);
     }
-    if (settings.has(parsed.key)) {
-        std::string problem = settings.set(parsed.key, parsed.value);
-        applyOptions();
+    if (world.settings.has(parsed.key)) {
+        std::string problem = world.settings.set(parsed.key, parsed.value);
+        maker.applyOptions();
         return problem;
     }
-    return configureOwn(parsed.key, parsed.value, camera);
+    if (parsed.key == "fault") {
+        return maker.addFault(parsed.value);
+    }
+    return configureShared(maker, parsed.key, parsed.value, camera);
 }
 
-int World::configure(const std::string& text)
+}  // namespace
+
+int configure(Maker& maker, const std::string& text)
 {
     std::istringstream stream(text);
     std::string line;
     int camera = 0;
     for (int number = 1; std::getline(stream, line); ++number) {
-        const std::string problem = configureLine(line, camera);
+        const std::string problem = configureLine(maker, line, camera);
         if (!problem.empty()) {
-            lastError = problem;
+            maker.world().lastError = problem;
             return number;
         }
     }
     return 0;
 }
 
-std::string World::describeSettings() const
+std::string describeSettings(const Maker& maker)
 {
-    std::string text = settings.text();
-    for (int camera = 0; camera < cameraCount(); ++camera) {
-        if (hasCamera(camera)) {
-            text += "[camera " + std::to_string(camera) + "]\n" + describeCamera(camera);
+    std::string text = maker.world().settings.text();
+    for (int camera = 0; camera < maker.cameraCount(); ++camera) {
+        if (maker.hasCamera(camera)) {
+            text += "[camera " + std::to_string(camera) + "]\n" + maker.describeCamera(camera);
         }
     }
     return text;
 }
 
-void World::readEnvironment(const char* name)
+void readEnvironment(Maker& maker, const char* name)
 {
+    World& world = maker.world();
     const std::string logPath = environment("LUMATIE_VIRTUAL_LOG");
-    if (!log.appendTo(logPath)) {
+    if (!world.log.appendTo(logPath)) {
         std::fprintf(stderr, "virtual camera: cannot write %s\n", logPath.c_str());
     }
 
     const std::string path = environment(name);
-    if (path == readConfiguration) {
+    if (path == world.readConfiguration) {
         return;
     }
-    readConfiguration = path;
+    world.readConfiguration = path;
     if (path.empty()) {
         return;
     }
@@ -95,10 +125,10 @@ void World::readEnvironment(const char* name)
     text << file.rdbuf();
     if (!file) {
         std::fprintf(stderr, "virtual camera: cannot read %s\n", path.c_str());
-    } else if (const int line = configure(text.str())) {
+    } else if (const int line = configure(maker, text.str())) {
         std::fprintf(stderr, "virtual camera: %s, line %d: %s\n", path.c_str(), line,
-                     lastError.c_str());
+                     world.lastError.c_str());
     }
 }
 
-}  // namespace steering
+}  // namespace virtualcamera

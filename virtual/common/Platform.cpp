@@ -7,9 +7,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #endif
 
-namespace steering {
+namespace virtualcamera {
 
 #ifdef _WIN32
 
@@ -42,6 +43,17 @@ void appendToFile(std::FILE* file, const std::string& text)
     if (isLocked) {
         ::UnlockFileEx(handle, 0, 1, 0, &lastByte);
     }
+}
+
+bool isThere(const std::string& path)
+{
+    return ::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+bool isFolder(const std::string& path)
+{
+    const DWORD attributes = ::GetFileAttributesA(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
 LoadedWhile::LoadedWhile()
@@ -77,9 +89,21 @@ void appendToFile(std::FILE* file, const std::string& text)
     std::fflush(file);
 }
 
+bool isThere(const std::string& path)
+{
+    std::error_code ignored;
+    return std::filesystem::exists(path, ignored);
+}
+
+bool isFolder(const std::string& path)
+{
+    std::error_code ignored;
+    return std::filesystem::is_directory(path, ignored);
+}
+
 LoadedWhile::LoadedWhile() = default;
 LoadedWhile::~LoadedWhile() = default;
 
 #endif
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-namespace steering {
+namespace virtualcamera {
 
 // An environment variable of the process; empty when it is not set. On Windows the C runtime of a
 // library does not see what an application has changed: the system is asked.
@@ -16,6 +16,11 @@ unsigned long processNumber();
 // Adds a text, in one piece, to the end of a file that was opened for appending, whatever another
 // library of this process adds to the same file meanwhile.
 void appendToFile(std::FILE* file, const std::string& text);
+
+// What is at a path that the C library opens. On Windows it is in the ANSI code page, which the
+// paths of the C++ library need not be.
+bool isThere(const std::string& path);
+bool isFolder(const std::string& path);
 
 // Whether a library may wait for its threads while it is unloaded. On Windows it holds the loader's
 // lock then, which an ending thread needs, and at the end of a process its threads are gone
@@ -40,4 +45,4 @@ private:
     [[maybe_unused]] void* m_library = nullptr;
 };
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace steering {
+namespace virtualcamera {
 
 // Marsaglia's xorshift with 64 bits: quick, repeatable, not for secrets.
 class Random
@@ -28,4 +28,4 @@ private:
     std::uint64_t m_state;
 };
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -5,22 +5,20 @@
 
 #include "common/Text.h"
 
-namespace steering {
+namespace virtualcamera {
 
-namespace {
-
-struct Word {
-    std::string key;
-    std::string value;
-};
-
-Word split(const std::string& word)
+RuleWord ruleWord(const std::string& word)
 {
     const std::size_t sign = word.find('=');
     if (sign == std::string::npos) {
         return {word, ""};
     }
     return {word.substr(0, sign), word.substr(sign + 1)};
+}
+
+std::string unknownWord(std::string_view key)
+{
+    return "unknown word or value: " + std::string(key);
 }
 
 bool fitsCode(std::int64_t value)
@@ -32,13 +30,6 @@ bool fitsTime(std::int64_t value)
 {
     return value >= 0 && value <= 3600000;
 }
-
-std::string unknownWord(std::string_view key)
-{
-    return "unknown word or value: " + std::string(key);
-}
-
-}  // namespace
 
 bool RuleCount::parse(std::string_view key, std::int64_t value)
 {
@@ -73,76 +64,6 @@ bool RuleCount::next()
     return true;
 }
 
-std::string FaultTable::add(std::string_view rule)
-{
-    const std::vector<std::string> parts = words(rule);
-    if (parts.empty()) {
-        return "a fault rule starts with a function's name";
-    }
-
-    Rule parsed;
-    parsed.function = parts.front();
-    for (std::size_t i = 1; i < parts.size(); ++i) {
-        const Word word = split(parts[i]);
-        std::string problem = parse(word.key, word.value, parsed);
-        if (!problem.empty()) {
-            return problem;
-        }
-    }
-    m_rules.push_back(parsed);
-    return {};
-}
-
-std::string FaultTable::parse(std::string_view key, std::string_view value, Rule& rule)
-{
-    if (key == "after" || key == "hang" || key == "unplug" || key == "thread") {
-        if (!value.empty()) {
-            return unknownWord(key);
-        }
-        rule.fault.after |= key == "after";
-        rule.fault.hang |= key == "hang";
-        rule.fault.unplug |= key == "unplug";
-        rule.onEventThread |= key == "thread";
-        return {};
-    }
-
-    const auto given = integer(value);
-    if (!given) {
-        return unknownWord(key);
-    }
-    if (key == "code" && fitsCode(*given)) {
-        rule.fault.code = static_cast<std::uint32_t>(*given);
-    } else if (key == "delay_ms" && fitsTime(*given)) {
-        rule.fault.delayMs = static_cast<int>(*given);
-    } else if (key == "percent" && *given >= 0 && *given <= 100) {
-        rule.fault.percent = static_cast<int>(*given);
-    } else if (key == "property" && fitsCode(*given)) {
-        rule.property = static_cast<std::uint32_t>(*given);
-    } else if (key == "command" && fitsCode(*given)) {
-        rule.command = static_cast<std::uint32_t>(*given);
-    } else if (key == "parameter") {
-        rule.parameter = *given;
-    } else if (!rule.count.parse(key, *given)) {
-        return unknownWord(key);
-    }
-    return {};
-}
-
-bool FaultTable::matches(const Rule& rule, const CallFacts& call)
-{
-    return (rule.function == "*" || rule.function == call.function) &&
-           (!rule.property || rule.property == call.property) &&
-           (!rule.command || rule.command == call.command) &&
-           (!rule.parameter || rule.parameter == call.parameter) &&
-           (!rule.onEventThread || call.onEventThread);
-}
-
-Fault FaultTable::next(const CallFacts& call)
-{
-    const auto found = nextRule(m_rules, [&](const Rule& rule) { return matches(rule, call); });
-    return found ? found->fault : Fault{};
-}
-
 std::string EventTable::add(std::string_view rule)
 {
     const std::vector<std::string> parts = words(rule);
@@ -156,7 +77,7 @@ std::string EventTable::add(std::string_view rule)
         parsed.event = static_cast<std::uint32_t>(*code);
     }
     for (std::size_t i = 1; i < parts.size(); ++i) {
-        const Word word = split(parts[i]);
+        const RuleWord word = ruleWord(parts[i]);
         const auto given = integer(word.value);
         if (word.key == "lose" && word.value.empty()) {
             parsed.fate.lost = true;
@@ -183,4 +104,4 @@ EventFate EventTable::next(std::uint32_t event, std::optional<std::uint32_t> pro
     return found ? found->fate : EventFate{};
 }
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -1,4 +1,4 @@
-// Which calls and which events misbehave, and how: the tables behind the fault and event rules.
+// How often rules apply, and which events misbehave, and how: the table behind the event rules.
 //
 // Not thread-safe: the owner guards them.
 #pragma once
@@ -9,26 +9,22 @@
 #include <string_view>
 #include <vector>
 
-namespace steering {
+namespace virtualcamera {
 
-// A call as the rules see it.
-struct CallFacts {
-    std::string_view function;
-    std::optional<std::uint32_t> property;
-    std::optional<std::uint32_t> command;
-    std::optional<std::int64_t> parameter;
-    bool onEventThread = false;
+// A word of a rule: "lose", or "calls" with the value "3".
+struct RuleWord {
+    std::string key;
+    std::string value;
 };
 
-// What a call does instead of, or before, its work.
-struct Fault {
-    std::optional<std::uint32_t> code;
-    bool after = false;   // do the work, then answer `code`
-    bool hang = false;    // stop until released
-    bool unplug = false;  // the cable is pulled
-    int delayMs = 0;
-    int percent = -1;  // of a download: when it happens; -1 at the start
-};
+RuleWord ruleWord(const std::string& word);
+
+// What is refused when a rule has a word that does not belong there.
+std::string unknownWord(std::string_view key);
+
+// Whether a number is a code of 32 bits, and a time in milliseconds that somebody may wait for.
+bool fitsCode(std::int64_t value);
+bool fitsTime(std::int64_t value);
 
 // What becomes of an event.
 struct EventFate {
@@ -74,35 +70,6 @@ std::optional<Rule> nextRule(std::vector<Rule>& rules, Matches matches)
     return std::nullopt;
 }
 
-// The faults of calls, in the order given; the first that matches and is not used up applies.
-class FaultTable
-{
-public:
-    // Adds a rule, e.g. "EdsDownload code=0x81 calls=3". Returns why not, empty when it was added.
-    std::string add(std::string_view rule);
-
-    // The fault for this call, an empty one when no rule applies. Counts the rule.
-    Fault next(const CallFacts& call);
-
-    void clear() { m_rules.clear(); }
-
-private:
-    struct Rule {
-        std::string function;
-        std::optional<std::uint32_t> property;
-        std::optional<std::uint32_t> command;
-        std::optional<std::int64_t> parameter;
-        bool onEventThread = false;
-        RuleCount count;
-        Fault fault;
-    };
-
-    static std::string parse(std::string_view key, std::string_view value, Rule& rule);
-    static bool matches(const Rule& rule, const CallFacts& call);
-
-    std::vector<Rule> m_rules;
-};
-
 // The fates of events, in the order given; the first that matches and is not used up applies.
 class EventTable
 {
@@ -126,4 +93,4 @@ private:
     std::vector<Rule> m_rules;
 };
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -1,8 +1,10 @@
 #include "common/Settings.h"
 
+#include <utility>
+
 #include "common/Text.h"
 
-namespace steering {
+namespace virtualcamera {
 
 void Settings::add(const char* key, std::int64_t& value, std::int64_t lowest, std::int64_t highest)
 {
@@ -22,6 +24,14 @@ void Settings::add(const char* key, double& value, double lowest, double highest
     m_entries[key] = entry;
 }
 
+void Settings::add(const char* key, const std::string& value, Take take)
+{
+    Entry entry;
+    entry.text = &value;
+    entry.take = std::move(take);
+    m_entries[key] = std::move(entry);
+}
+
 bool Settings::has(std::string_view key) const
 {
     return m_entries.find(key) != m_entries.end();
@@ -34,6 +44,9 @@ std::string Settings::set(std::string_view key, std::string_view value)
         return "no such setting: " + std::string(key);
     }
     const Entry& entry = found->second;
+    if (entry.text != nullptr) {
+        return entry.take(std::string(value));
+    }
     const auto whole = integer(value);
     const auto given = number(value);
     if (!given || (entry.whole != nullptr && !whole)) {
@@ -54,8 +67,9 @@ std::string Settings::text() const
 {
     std::string whole;
     for (const auto& [key, entry] : m_entries) {
-        const std::string value =
-            entry.whole != nullptr ? std::to_string(*entry.whole) : fixedPoint(*entry.fraction, 6);
+        const std::string value = entry.text != nullptr    ? *entry.text
+                                  : entry.whole != nullptr ? std::to_string(*entry.whole)
+                                                           : fixedPoint(*entry.fraction, 6);
         whole.append(key).append(" = ").append(value).append("\n");
     }
     return whole;
@@ -82,4 +96,4 @@ SettingLine parseSettingLine(std::string_view line)
     return parsed;
 }
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -4,11 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
 
-namespace steering {
+namespace virtualcamera {
 
 // A table of names for the variables of a record. The record outlives the table.
 class Settings
@@ -19,6 +20,10 @@ public:
 
     // A number with a fraction, from `lowest` to `highest`.
     void add(const char* key, double& value, double lowest, double highest);
+
+    // A text. `take` sets it, and returns why not, empty when it was set.
+    using Take = std::function<std::string(const std::string&)>;
+    void add(const char* key, const std::string& value, Take take);
 
     // True when there is a setting of this name.
     bool has(std::string_view key) const;
@@ -33,6 +38,8 @@ private:
     struct Entry {
         std::int64_t* whole = nullptr;
         double* fraction = nullptr;
+        const std::string* text = nullptr;
+        Take take;
         double lowest = 0;
         double highest = 0;
     };
@@ -51,4 +58,4 @@ struct SettingLine {
 // Reads one line; "#" starts a comment line.
 SettingLine parseSettingLine(std::string_view line);
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -7,7 +7,7 @@
 #include <locale>
 #include <sstream>
 
-namespace steering {
+namespace virtualcamera {
 
 namespace {
 
@@ -135,4 +135,4 @@ std::int64_t copyOut(const void* bytes, std::size_t size, void* buffer, std::int
     return static_cast<std::int64_t>(size);
 }
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace steering {
+namespace virtualcamera {
 
 // The text without blanks at both ends.
 std::string_view trimmed(std::string_view text);
@@ -38,4 +38,4 @@ int copyOut(std::string_view text, char* buffer, int capacity);
 // Copies bytes, up to `capacity` of them, and returns how many there are.
 std::int64_t copyOut(const void* bytes, std::size_t size, void* buffer, std::int64_t capacity);
 
-}  // namespace steering
+}  // namespace virtualcamera

@@ -3,19 +3,26 @@
 #include <algorithm>
 #include <chrono>
 
-namespace steering {
+namespace virtualcamera {
 
 void SharedOptions::addTo(Settings& settings)
 {
     settings.add("shutter.lag_ms", lagMs, 0, 3600000);
     settings.add("shutter.scale", exposureScale, 0.0, 1000.0);
-    settings.add("picture.width", width, 16, 6000);
-    settings.add("picture.height", height, 16, 6000);
+    settings.add("shutter.exposure_ms", exposureMs, -1, 86400000);
+    settings.add("shutter.until_told", untilTold, 0, 2);
+    settings.add("shutter.noise_reduction", noiseReduction, 0, 1);
+    settings.add("picture.width", width, 16, kFullWidth);
+    settings.add("picture.height", height, 16, kFullWidth);
+    settings.add("picture.full_size", fullSize, 0, 1);
     settings.add("picture.size", jpegSize, 0, 100000000);
     settings.add("picture.raw_size", rawSize, 0, 100000000);
     settings.add("picture.keep", keptFiles, 0, 1000000);
+    settings.add("picture.folder", folder.path(),
+                 [this](const std::string& path) { return folder.use(path); });
     settings.add("picture.clock", clock, 0, 253402300799);
     settings.add("scene.light", light, -10.0, 30.0);
+    settings.add("transfer.rate", transferRate, 0.0, 1e6);
     settings.add("log.lines", logLines, 0, 1000000);
 }
 
@@ -87,20 +94,4 @@ void World::forgetShared()
     forget(deliveries);
 }
 
-int waitFor(World& world, int timeoutMs, const std::function<bool()>& condition)
-{
-    Lock lock(world.mutex);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
-    while (true) {
-        world.catchUp();
-        if (condition()) {
-            return 1;
-        }
-        if (Clock::now() >= deadline) {
-            return 0;
-        }
-        world.changed.wait_until(lock, std::min(deadline, world.nextDue()));
-    }
-}
-
-}  // namespace steering
+}  // namespace virtualcamera

@@ -11,6 +11,7 @@ namespace virtualnikon {
 namespace {
 
 using Texts = std::vector<std::string>;
+using scene::numberIn;
 
 constexpr std::uint32_t kReadOnly = kMaidOperationGet | kMaidOperationGetArray;
 constexpr std::uint32_t kReadWrite = kReadOnly | kMaidOperationSet;
@@ -53,21 +54,21 @@ const Texts& sensitivities()
     return kSensitivities;
 }
 
-struct Light {
+struct WhiteBalance {
     const char* text;
     double kelvin;
 };
 
-constexpr Light kLights[] = {{"Auto", 5200},         {"Incandescent", 3000},
-                             {"Fluorescent", 4200},  {"Direct sunlight", 5200},
-                             {"Flash", 5400},        {"Cloudy", 6000},
-                             {"Shade", 8000},        {"Choose color temp.", 5000},
-                             {"Preset manual", 5200}};
+constexpr WhiteBalance kWhiteBalances[] = {{"Auto", 5200},         {"Incandescent", 3000},
+                                           {"Fluorescent", 4200},  {"Direct sunlight", 5200},
+                                           {"Flash", 5400},        {"Cloudy", 6000},
+                                           {"Shade", 8000},        {"Choose color temp.", 5000},
+                                           {"Preset manual", 5200}};
 
 Texts whiteBalances()
 {
     Texts texts;
-    for (const Light& light : kLights) {
+    for (const WhiteBalance& light : kWhiteBalances) {
         texts.emplace_back(light.text);
     }
     return texts;
@@ -75,7 +76,7 @@ Texts whiteBalances()
 
 double kelvinOf(const std::string& text)
 {
-    for (const Light& light : kLights) {
+    for (const WhiteBalance& light : kWhiteBalances) {
         if (text == light.text) {
             return light.kelvin;
         }
@@ -88,29 +89,6 @@ const Texts& qualities()
     static const Texts kQualities{"JPEG Basic",       "JPEG Normal",       "JPEG Fine",      "RAW",
                                   "RAW + JPEG Basic", "RAW + JPEG Normal", "RAW + JPEG Fine"};
     return kQualities;
-}
-
-// The number of "1/125", "f/5.6" or "400"; `otherwise` for other texts.
-double numberIn(const std::string& text, double otherwise)
-{
-    const bool isFraction = text.compare(0, 2, "1/") == 0;
-    const bool isAperture = text.compare(0, 2, "f/") == 0;
-    const auto number = steering::number(isFraction || isAperture ? text.substr(2) : text);
-    if (!number || *number <= 0) {
-        return otherwise;
-    }
-    return isFraction ? 1 / *number : *number;
-}
-
-// The text whose number lies nearest to `wanted` in stops. The list is not empty.
-std::string nearest(const Texts& texts, double wanted)
-{
-    return *std::min_element(texts.begin(), texts.end(), [&](const auto& one, const auto& other) {
-        const auto distance = [&](const std::string& text) {
-            return std::abs(std::log2(numberIn(text, 1e-9) / wanted));
-        };
-        return distance(one) < distance(other);
-    });
 }
 
 std::string modeText(std::uint32_t mode)
@@ -283,29 +261,49 @@ void Body::settle()
     meter();
 }
 
-// What the photographer does not choose, the camera does: EV = log2(N * N / t).
+// Takes the text whose number lies nearest to `wanted` in stops, if the list offers any.
+void Body::chooseNearest(std::uint32_t id, double wanted)
+{
+    const Texts& texts = m_table[id].texts;
+    const auto distance = [&](const std::string& text) {
+        return std::abs(std::log2(numberIn(text, 1e-9) / wanted));
+    };
+    const auto found = std::min_element(
+        texts.begin(), texts.end(),
+        [&](const auto& one, const auto& other) { return distance(one) < distance(other); });
+    if (found != texts.end()) {
+        choose(id, *found);
+    }
+}
+
+scene::Light Body::light() const
+{
+    return {m_light, isoUsed(), 0};
+}
+
+// What the photographer does not choose, the camera does.
 void Body::meter()
 {
     const std::uint32_t dial = mode();
-    const bool choosesAperture = dial != mode::kManual && dial != mode::kAperture;
-    const bool choosesShutter = dial != mode::kManual && dial != mode::kSpeed;
-    if (!choosesAperture) {
+    scene::Metered aperture;
+    aperture.stops = [&] { return scene::stopsOfAperture(apertureNumber()); };
+    if (dial == mode::kManual || dial == mode::kAperture) {
         choose(kMaidCapAperture, m_chosenAperture);
+    } else {
+        aperture.choose = [&](double stops) {
+            chooseNearest(kMaidCapAperture, scene::apertureOfStops(stops));
+        };
     }
-    if (!choosesShutter) {
+    scene::Metered shutter;
+    shutter.stops = [&] { return scene::stopsOfShutter(exposureSeconds()); };
+    if (dial == mode::kManual || dial == mode::kSpeed) {
         choose(kMaidCapShutterSpeed, m_chosenShutter);
+    } else {
+        shutter.choose = [&](double stops) {
+            chooseNearest(kMaidCapShutterSpeed, scene::shutterOfStops(stops));
+        };
     }
-    const double wanted = m_light + std::log2(isoUsed() / 100);
-    const Texts& ownApertures = m_table[kMaidCapAperture].texts;
-    if (choosesAperture && !ownApertures.empty()) {
-        const double stops = choosesShutter ? wanted / 2 : wanted + std::log2(exposureSeconds());
-        choose(kMaidCapAperture, nearest(ownApertures, std::exp2(stops / 2)));
-    }
-    const Texts& ownSpeeds = m_table[kMaidCapShutterSpeed].texts;
-    if (choosesShutter && !ownSpeeds.empty()) {
-        choose(kMaidCapShutterSpeed,
-               nearest(ownSpeeds, std::exp2(2 * std::log2(apertureNumber()) - wanted)));
-    }
+    scene::meter(light().wanted(), aperture, shutter);
 }
 
 double Body::isoUsed() const
@@ -320,8 +318,12 @@ double Body::apertureNumber() const
 
 double Body::exposureSeconds() const
 {
-    const std::string text = textOf(kMaidCapShutterSpeed);
-    return text == "Bulb" ? kBulbSeconds : numberIn(text, 0.01);
+    return isBulb() ? kBulbSeconds : numberIn(textOf(kMaidCapShutterSpeed), 0.01);
+}
+
+bool Body::isBulb() const
+{
+    return textOf(kMaidCapShutterSpeed) == "Bulb";
 }
 
 QualityParts Body::quality() const
@@ -361,9 +363,7 @@ scene::PictureFacts Body::facts(std::int64_t time) const
     const Capability& metering = m_table.at(kMaidCapMeteringMode);
     constexpr int kMetering[] = {5, 2, 3};  // EXIF: pattern, centre-weighted, spot
     facts.meteringMode = metering.current < std::size(kMetering) ? kMetering[metering.current] : 5;
-    const double exposureValue = std::log2(apertureNumber() * apertureNumber() / exposureSeconds());
-    const bool isBulb = facts.shutter == "Bulb";
-    facts.stops = isBulb ? 0 : m_light + std::log2(isoUsed() / 100) - exposureValue;
+    facts.stops = isBulb() ? 0 : light().stopsOver(apertureNumber(), exposureSeconds());
     return facts;
 }
 

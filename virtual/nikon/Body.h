@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "nikon/Capability.h"
+#include "scene/Exposure.h"
 #include "scene/PictureFacts.h"
 
 namespace virtualnikon {
@@ -67,6 +68,7 @@ public:
 
     // How long the shutter stays open with the settings now, in seconds.
     double exposureSeconds() const;
+    bool isBulb() const;
 
     QualityParts quality() const;
 
@@ -87,11 +89,13 @@ private:
     void settle();
     void meter();
     void choose(std::uint32_t id, const std::string& text);
+    void chooseNearest(std::uint32_t id, double wanted);
     void relist(std::uint32_t id, const std::vector<std::string>& texts);
     void allow(std::uint32_t id, bool isSettable);
     bool isAutomatic() const;
     std::string textOf(std::uint32_t id) const;
     double isoUsed() const;
+    scene::Light light() const;
     double apertureNumber() const;
     Changes changesSince(const Table& before) const;
 

@@ -53,7 +53,7 @@ std::optional<std::uint32_t> levelNamed(std::string_view text)
             return level;
         }
     }
-    const auto number = steering::integer(text);
+    const auto number = virtualcamera::integer(text);
     if (number && *number >= 1 && *number < static_cast<std::int64_t>(kLevels.size())) {
         return static_cast<std::uint32_t>(*number);
     }
@@ -77,7 +77,7 @@ const char* commandName(std::uint32_t command)
 
 std::string CommandRules::add(std::string_view text)
 {
-    const std::vector<std::string> parts = steering::words(text);
+    const std::vector<std::string> parts = virtualcamera::words(text);
     if (parts.empty() || !isCommandName(parts.front())) {
         return "a rule starts with a command's name, \"Command\" or \"*\"";
     }
@@ -95,7 +95,7 @@ std::string CommandRules::add(std::string_view text)
         const std::string key = part.substr(0, sign);
         const std::string value = part.substr(sign + 1);
         const auto level = key == "level" ? levelNamed(value) : std::nullopt;
-        const auto number = steering::integer(value);
+        const auto number = virtualcamera::integer(value);
         if (level) {
             rule.level = level;
         } else if (!number || !parseNumber(key, *number, rule)) {
@@ -169,7 +169,7 @@ bool CommandRules::matches(const Rule& rule, const CommandFacts& command)
 CommandFault CommandRules::next(const CommandFacts& command)
 {
     const auto found =
-        steering::nextRule(m_rules, [&](const Rule& rule) { return matches(rule, command); });
+        virtualcamera::nextRule(m_rules, [&](const Rule& rule) { return matches(rule, command); });
     return found ? found->fault : CommandFault{};
 }
 

@@ -62,7 +62,7 @@ private:
         std::optional<std::uint32_t> capability;
         std::optional<std::uint32_t> level;
         std::optional<std::uint32_t> object;
-        steering::RuleCount count;
+        virtualcamera::RuleCount count;
         CommandFault fault;
     };
 

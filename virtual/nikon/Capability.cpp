@@ -74,16 +74,16 @@ Capability makeNumbers(std::uint32_t id, std::uint32_t operations, std::string d
     return made;
 }
 
-std::string Untruth::set(const std::string& what, const std::string& value)
+std::string Corruption::set(const std::string& what, const std::string& value)
 {
     const bool isOwn = value == "own";
     if (what == "description") {
         description = isOwn ? std::nullopt : std::optional(value);
         return {};
     }
-    const auto given = steering::integer(value);
+    const auto given = virtualcamera::integer(value);
     if (!isOwn && (!given || *given < -0x80000000LL || *given > 0xFFFFFFFFLL)) {
-        return "an untruth is a number of 32 bits, or \"own\"";
+        return "a corruption is a number of 32 bits, or \"own\"";
     }
     const auto number =
         isOwn ? std::nullopt : std::optional(static_cast<std::uint32_t>(*given & 0xFFFFFFFFLL));
@@ -103,12 +103,12 @@ std::string Untruth::set(const std::string& what, const std::string& value)
     } else if (what == "unterminated") {
         isUnterminated = !isOwn && *given != 0;
     } else {
-        return "no such untruth: " + what;
+        return "no such corruption: " + what;
     }
     return {};
 }
 
-bool Untruth::isOfDescriptor(const std::string& what)
+bool Corruption::isOfDescriptor(const std::string& what)
 {
     return what == "description" || what == "type" || what == "operations" || what == "absent" ||
            what == "unterminated";

@@ -50,8 +50,8 @@ Capability makeNumbers(std::uint32_t id, std::uint32_t operations, std::string d
 Capability makePlain(std::uint32_t id, std::uint32_t type, std::uint32_t operations,
                      std::string description);
 
-// Untruths that the objects of one level tell about one capability.
-struct Untruth {
+// What the objects of one level tell wrongly about one capability.
+struct Corruption {
     bool isAbsent = false;
     bool isUnterminated = false;  // the description fills its field without a terminator
     std::optional<std::string> description;
@@ -75,7 +75,7 @@ struct Untruth {
 constexpr std::uint32_t kAllCapabilities = 0xFFFFFFFF;
 
 // By level and capability.
-using Untruths = std::map<std::pair<std::uint32_t, std::uint32_t>, Untruth>;
+using Corruptions = std::map<std::pair<std::uint32_t, std::uint32_t>, Corruption>;
 
 // `size` bytes made of `bytes` over and over; zeros when there are none.
 Bytes repeated(const Bytes& bytes, std::size_t size);

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "nikon/Maid.h"
+#include "Maid.h"
 
 namespace virtualnikon {
 

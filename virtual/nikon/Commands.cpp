@@ -11,6 +11,8 @@ namespace virtualnikon {
 
 namespace {
 
+using virtualcamera::CallLog;
+
 // Where the application wants a record read or written.
 void* pointerIn(const Command& command)
 {
@@ -18,30 +20,32 @@ void* pointerIn(const Command& command)
 }
 
 // True when the data is of this type and there; notes a misuse otherwise.
-bool hasData(World& world, const Command& command, std::uint32_t dataType)
+bool hasData(CallLog& log, const Command& command, std::uint32_t dataType)
 {
     if (command.dataType == dataType && command.data != 0) {
         return true;
     }
-    misuse(world, command,
+    misuse(log, command,
            command.dataType != dataType ? "data type " + std::to_string(command.dataType) +
                                               " instead of " + std::to_string(dataType)
                                         : "no data");
     return false;
 }
 
-const Untruth& untruthOf(const World& world, const Object& object, std::uint32_t id)
+const Corruption& corruptionOf(const Corruptions& corruptions, const Object& object,
+                               std::uint32_t id)
 {
-    static const Untruth kNone;
-    const auto found = world.untruths.find({object.level, id});
-    return found == world.untruths.end() ? kNone : found->second;
+    static const Corruption kNone;
+    const auto found = corruptions.find({object.level, id});
+    return found == corruptions.end() ? kNone : found->second;
 }
 
 // The capability, if the operation is permitted.
 std::optional<Capability> capabilityOf(const World& world, const Command& command,
                                        std::uint32_t operation)
 {
-    for (Capability& capability : capabilitiesOf(*command.object, world.cameras, world.untruths)) {
+    for (Capability& capability :
+         capabilitiesOf(*command.object, world.cameras, world.corruptions)) {
         if (capability.id == command.parameter) {
             return (capability.operations & operation) != 0 ? std::optional(std::move(capability))
                                                             : std::nullopt;
@@ -54,7 +58,7 @@ MaidResult openModule(World& world, const Command& command)
 {
     auto* record = static_cast<MaidObject*>(pointerIn(command));
     if (world.objects.find(kMaidLevelModule, 0) != nullptr) {
-        misuse(world, command, "the module is open already");
+        misuse(world.log, command, "the module is open already");
         return result::kOpenAlready;
     }
     // Addresses of an earlier session mean nothing in this one.
@@ -68,9 +72,10 @@ MaidResult openModule(World& world, const Command& command)
 }
 
 // The child of a parent before it is open; null when there is none of this id.
-ObjectRef makeChild(const World& world, const Object& parent, std::uint32_t id)
+ObjectRef makeChild(const std::vector<std::shared_ptr<Camera>>& cameras, const Object& parent,
+                    std::uint32_t id)
 {
-    const std::vector<std::uint32_t> ids = childIds(parent, world.cameras);
+    const std::vector<std::uint32_t> ids = childIds(parent, cameras);
     if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
         return nullptr;
     }
@@ -81,7 +86,7 @@ ObjectRef makeChild(const World& world, const Object& parent, std::uint32_t id)
     child->connection = parent.connection;
     child->item = parent.item;
     if (parent.level == kMaidLevelModule) {
-        for (const auto& camera : world.cameras) {
+        for (const auto& camera : cameras) {
             if (camera != nullptr && camera->body->isPlugged && camera->body->id() == id) {
                 child->camera = camera;
                 child->connection = camera->connections;
@@ -100,8 +105,9 @@ ObjectRef makeChild(const World& world, const Object& parent, std::uint32_t id)
 // Ids that were never listed are the application's invention, unless the module told of them.
 bool isInvented(const World& world, const Object& parent, std::uint32_t id)
 {
-    const Untruth& untruth = untruthOf(world, parent, kMaidCapChildren);
-    if (world.untrueChildren.count({parent.level, id}) != 0 || untruth.count || parent.isGone()) {
+    const Corruption& corruption = corruptionOf(world.corruptions, parent, kMaidCapChildren);
+    if (world.inventedChildren.count({parent.level, id}) != 0 || corruption.count ||
+        parent.isGone()) {
         return false;
     }
     if (parent.level == kMaidLevelSource) {
@@ -117,12 +123,12 @@ bool isInvented(const World& world, const Object& parent, std::uint32_t id)
 
 MaidResult open(World& world, const Command& command)
 {
-    if (!hasData(world, command, kMaidDataTypeObjectPtr)) {
+    if (!hasData(world.log, command, kMaidDataTypeObjectPtr)) {
         return result::kWrongData;
     }
     auto* record = static_cast<MaidObject*>(pointerIn(command));
     if (world.objects.find(record) != nullptr) {
-        misuse(world, command, "the record is in use for another object");
+        misuse(world.log, command, "the record is in use for another object");
         return result::kOpenAlready;
     }
     if (command.object == nullptr) {
@@ -130,16 +136,16 @@ MaidResult open(World& world, const Command& command)
     }
     const Object& parent = *command.object;
     if (world.objects.child(parent, command.parameter) != nullptr) {
-        if (world.untrueChildren.count({parent.level, command.parameter}) == 0) {
-            misuse(world, command,
+        if (world.inventedChildren.count({parent.level, command.parameter}) == 0) {
+            misuse(world.log, command,
                    "child " + std::to_string(command.parameter) + " is open already");
         }
         return result::kOpenAlready;
     }
-    const ObjectRef child = makeChild(world, parent, command.parameter);
+    const ObjectRef child = makeChild(world.cameras, parent, command.parameter);
     if (child == nullptr || parent.isGone()) {
         if (isInvented(world, parent, command.parameter)) {
-            misuse(world, command, "no child " + std::to_string(command.parameter));
+            misuse(world.log, command, "no child " + std::to_string(command.parameter));
         }
         return result::kNoChild;
     }
@@ -163,7 +169,7 @@ void checkProcedures(World& world, const Command& command, const Object& object)
         if (isAllowed || object.keptByRule.count(procedure.first) != 0) {
             continue;
         }
-        misuse(world, command,
+        misuse(world.log, command,
                "procedure " + std::to_string(procedure.first) + " is still installed on " +
                    object.name());
     }
@@ -175,7 +181,7 @@ void closeWithChildren(World& world, Lock& lock, const Command& command)
     for (std::size_t i = 0; i < objects.size(); ++i) {
         const ObjectRef parent = objects[i];
         for (const ObjectRef& child : world.objects.children(*parent)) {
-            misuse(world, command,
+            misuse(world.log, command,
                    "closed before its children: " + parent->name() + " before " + child->name());
             objects.push_back(child);
         }
@@ -183,6 +189,9 @@ void closeWithChildren(World& world, Lock& lock, const Command& command)
     for (auto object = objects.rbegin(); object != objects.rend(); ++object) {
         checkProcedures(world, command, **object);
         abortPending(world, lock, *object);
+        if ((*object)->level == kMaidLevelSource) {
+            leaveExposure(world, *(*object)->camera);
+        }
         if ((*object)->isOpen) {
             world.objects.close(*object);
         }
@@ -202,13 +211,13 @@ MaidResult close(World& world, Lock& lock, const Command& command)
 std::uint32_t descriptorCount(const World& world, const Object& object)
 {
     const auto truth =
-        static_cast<std::uint32_t>(capabilitiesOf(object, world.cameras, world.untruths).size());
-    return untruthOf(world, object, kAllCapabilities).count.value_or(truth);
+        static_cast<std::uint32_t>(capabilitiesOf(object, world.cameras, world.corruptions).size());
+    return corruptionOf(world.corruptions, object, kAllCapabilities).count.value_or(truth);
 }
 
 MaidResult getCapCount(World& world, const Command& command)
 {
-    if (!hasData(world, command, kMaidDataTypeUnsignedPtr)) {
+    if (!hasData(world.log, command, kMaidDataTypeUnsignedPtr)) {
         return result::kWrongData;
     }
     Object& object = *command.object;
@@ -217,14 +226,14 @@ MaidResult getCapCount(World& world, const Command& command)
     return kMaidOk;
 }
 
-MaidCapInfo descriptorOf(const Capability& capability, const Untruth& untruth)
+MaidCapInfo descriptorOf(const Capability& capability, const Corruption& corruption)
 {
     MaidCapInfo info{};
     info.id = capability.id;
     info.type = capability.type;
     info.operations = capability.operations;
     capability.description.copy(info.description, kMaidDescriptionSize - 1);
-    if (untruth.isUnterminated) {
+    if (corruption.isUnterminated) {
         const auto end = std::min(capability.description.size(), kMaidDescriptionSize);
         std::memset(info.description + end, 'x', kMaidDescriptionSize - end);
     }
@@ -236,20 +245,21 @@ MaidResult getCapInfo(World& world, const Command& command)
     const Object& object = *command.object;
     const std::uint32_t needed = descriptorCount(world, object);
     const bool isEmpty = needed == 0 && command.parameter == 0;
-    if (!isEmpty && !hasData(world, command, kMaidDataTypeCapInfoPtr)) {
+    if (!isEmpty && !hasData(world.log, command, kMaidDataTypeCapInfoPtr)) {
         return result::kWrongData;
     }
     if (command.parameter != needed) {
         if (command.parameter != object.toldDescriptors) {
-            misuse(world, command,
+            misuse(world.log, command,
                    "a buffer for " + std::to_string(command.parameter) +
                        " descriptors instead of " + std::to_string(object.toldDescriptors));
         }
         return kMaidBufferSize;
     }
     std::vector<MaidCapInfo> all;
-    for (const Capability& capability : capabilitiesOf(object, world.cameras, world.untruths)) {
-        all.push_back(descriptorOf(capability, untruthOf(world, object, capability.id)));
+    for (const Capability& capability : capabilitiesOf(object, world.cameras, world.corruptions)) {
+        all.push_back(
+            descriptorOf(capability, corruptionOf(world.corruptions, object, capability.id)));
     }
     auto* out = static_cast<std::uint8_t*>(pointerIn(command));
     for (std::uint32_t i = 0; i < needed && !all.empty(); ++i) {
@@ -259,15 +269,15 @@ MaidResult getCapInfo(World& world, const Command& command)
 }
 
 // The enumeration as it is told.
-MaidEnum enumerationOf(const Capability& capability, const Untruth& untruth)
+MaidEnum enumerationOf(const Capability& capability, const Corruption& corruption)
 {
     MaidEnum told{};
     const std::size_t elements =
         capability.isText() ? capability.packed().size() : capability.choices();
-    told.elementType = untruth.elementType.value_or(capability.elementType);
-    told.elements = untruth.count.value_or(static_cast<std::uint32_t>(elements));
-    told.value = untruth.current.value_or(capability.current);
-    told.elementSize = untruth.elementSize.value_or(capability.elementSize());
+    told.elementType = corruption.elementType.value_or(capability.elementType);
+    told.elements = corruption.count.value_or(static_cast<std::uint32_t>(elements));
+    told.value = corruption.current.value_or(capability.current);
+    told.elementSize = corruption.elementSize.value_or(capability.elementSize());
     return told;
 }
 
@@ -285,31 +295,31 @@ MaidResult get(World& world, const Command& command)
         return result::kNoCapability;
     }
     Object& object = *command.object;
-    const Untruth& untruth = untruthOf(world, object, capability->id);
+    const Corruption& corruption = corruptionOf(world.corruptions, object, capability->id);
     if (capability->elementType == 0) {
-        if (!hasData(world, command, kMaidDataTypeUnsignedPtr)) {
+        if (!hasData(world.log, command, kMaidDataTypeUnsignedPtr)) {
             return result::kWrongData;
         }
-        const std::uint32_t value = untruth.current.value_or(capability->number);
+        const std::uint32_t value = corruption.current.value_or(capability->number);
         std::memcpy(pointerIn(command), &value, sizeof value);
         return kMaidOk;
     }
-    if (!hasData(world, command, kMaidDataTypeEnumPtr)) {
+    if (!hasData(world.log, command, kMaidDataTypeEnumPtr)) {
         return result::kWrongData;
     }
-    const MaidEnum told = enumerationOf(*capability, untruth);
+    const MaidEnum told = enumerationOf(*capability, corruption);
     object.toldBytes[capability->id] = arrayBytes(told);
     // The array's address is the application's.
     std::memcpy(pointerIn(command), &told, offsetof(MaidEnum, array));
     return kMaidOk;
 }
 
-Bytes arrayOf(const Capability& capability, const Untruth& untruth, std::size_t size)
+Bytes arrayOf(const Capability& capability, const Corruption& corruption, std::size_t size)
 {
     Bytes array = repeated(capability.packed(), size);
-    if (!array.empty() && untruth.openTexts == 1) {
+    if (!array.empty() && corruption.openTexts == 1) {
         array.back() = 'x';
-    } else if (untruth.openTexts == 2) {
+    } else if (corruption.openTexts == 2) {
         std::replace(array.begin(), array.end(), std::uint8_t{0}, std::uint8_t{'x'});
     }
     return array;
@@ -321,44 +331,44 @@ MaidResult getArray(World& world, const Command& command)
     if (!capability || capability->elementType == 0) {
         return result::kNoCapability;
     }
-    if (!hasData(world, command, kMaidDataTypeEnumPtr)) {
+    if (!hasData(world.log, command, kMaidDataTypeEnumPtr)) {
         return result::kWrongData;
     }
     const Object& object = *command.object;
-    const Untruth& untruth = untruthOf(world, object, capability->id);
+    const Corruption& corruption = corruptionOf(world.corruptions, object, capability->id);
     MaidEnum record{};
     std::memcpy(&record, pointerIn(command), sizeof record);
     const std::int64_t room = arrayBytes(record);
-    const std::int64_t needed = arrayBytes(enumerationOf(*capability, untruth));
+    const std::int64_t needed = arrayBytes(enumerationOf(*capability, corruption));
     if (record.array == nullptr && needed > 0) {
-        misuse(world, command, "no array");
+        misuse(world.log, command, "no array");
         return result::kWrongData;
     }
     if (room < needed) {
         const auto told = object.toldBytes.find(capability->id);
         if (told == object.toldBytes.end() || told->second != room) {
-            misuse(world, command,
+            misuse(world.log, command,
                    "an array of " + std::to_string(room) + " bytes instead of " +
                        std::to_string(needed));
         }
         return kMaidBufferSize;
     }
-    const MaidEnum told = enumerationOf(*capability, untruth);
+    const MaidEnum told = enumerationOf(*capability, corruption);
     std::memcpy(static_cast<std::uint8_t*>(pointerIn(command)) + offsetof(MaidEnum, elements),
                 &told.elements, sizeof told.elements);
-    const Bytes array = arrayOf(*capability, untruth, static_cast<std::size_t>(needed));
+    const Bytes array = arrayOf(*capability, corruption, static_cast<std::size_t>(needed));
     std::copy(array.begin(), array.end(), static_cast<std::uint8_t*>(record.array));
     return kMaidOk;
 }
 
-MaidResult setProcedure(World& world, const Command& command)
+MaidResult setProcedure(CallLog& log, const Command& command)
 {
     Object& object = *command.object;
     if (command.dataType == kMaidDataTypeNull && command.data == 0) {
         object.procedures.erase(command.parameter);
         return kMaidOk;
     }
-    if (!hasData(world, command, kMaidDataTypeCallbackPtr)) {
+    if (!hasData(log, command, kMaidDataTypeCallbackPtr)) {
         return result::kWrongData;
     }
     MaidCallback callback{};
@@ -390,11 +400,11 @@ MaidResult set(World& world, const Command& command)
         return result::kNoCapability;
     }
     if (command.parameter <= kMaidCapUserInterfaceProc) {
-        return setProcedure(world, command);
+        return setProcedure(world.log, command);
     }
     Object& object = *command.object;
     if (capability->elementType != 0) {
-        if (!hasData(world, command, kMaidDataTypeEnumPtr)) {
+        if (!hasData(world.log, command, kMaidDataTypeEnumPtr)) {
             return result::kWrongData;
         }
         MaidEnum record{};
@@ -402,7 +412,8 @@ MaidResult set(World& world, const Command& command)
         return setOnBody(world, command, record.value);
     }
     if (command.dataType != kMaidDataTypeUnsigned) {
-        misuse(world, command, "data type " + std::to_string(command.dataType) + " for a number");
+        misuse(world.log, command,
+               "data type " + std::to_string(command.dataType) + " for a number");
         return result::kWrongData;
     }
     const auto value = static_cast<std::uint32_t>(command.data);
@@ -443,7 +454,7 @@ MaidResult acquire(World& world, Lock& lock, Command& command)
 {
     const ObjectRef data = command.object;
     if (data->procedures.count(kMaidCapDataProc) == 0) {
-        misuse(world, command, "no data procedure is installed");
+        misuse(world.log, command, "no data procedure is installed");
         return result::kNoDataProc;
     }
     const bool isRunning =
@@ -457,7 +468,7 @@ MaidResult acquire(World& world, Lock& lock, Command& command)
         return result::kWrongData;
     }
     const PendingRef pending = handOver(world, command);
-    pending->transfer = planTransfer(world, *data);
+    pending->transfer = planTransfer(world.options, *data);
     if (world.options.progress != 0) {
         const std::int64_t told = world.options.data.progressTotal;
         showProgress(world, lock, *data, command.command, command.parameter, 0,
@@ -514,6 +525,32 @@ bool isOfGoneObject(const Command& command)
     return command.object != nullptr && command.object->isGone() && !isLeaving;
 }
 
+// Whether the camera keeps this setting to itself while it exposes.
+bool isClosedByExposure(const World& world, const Command& command)
+{
+    const bool isOfBody = command.object != nullptr && command.object->level == kMaidLevelSource &&
+                          command.object->camera->body->find(command.parameter) != nullptr;
+    if (!isOfBody || !command.object->camera->body->isExposing) {
+        return false;
+    }
+    switch (command.command) {
+        case kMaidCommandCapSet:
+            return world.options.sets == 0;
+        case kMaidCommandCapGet:
+        case kMaidCommandCapGetArray:
+            return world.options.reads == 0 ||
+                   (world.options.reads == 2 && command.parameter == kMaidCapLiveness);
+        default:
+            return false;
+    }
+}
+
+// What running pending work is answered: a camera may say that it is at something.
+MaidResult workAnswer(const World& world)
+{
+    return world.exposures.empty() ? kMaidOk : static_cast<MaidResult>(world.options.workAnswer);
+}
+
 }  // namespace
 
 MaidResult perform(World& world, Lock& lock, Command& command)
@@ -522,11 +559,14 @@ MaidResult perform(World& world, Lock& lock, Command& command)
         return static_cast<MaidResult>(world.options.goneCode);
     }
     if (command.needsCompletion() && command.procedure == nullptr) {
-        misuse(world, command, "no completion procedure");
+        misuse(world.log, command, "no completion procedure");
+    }
+    if (isClosedByExposure(world, command)) {
+        return result::kBusy;
     }
     switch (command.command) {
         case kMaidCommandAsync:
-            return kMaidOk;
+            return workAnswer(world);
         case kMaidCommandOpen:
             return open(world, command);
         case kMaidCommandClose:
@@ -546,7 +586,7 @@ MaidResult perform(World& world, Lock& lock, Command& command)
         case kMaidCommandEnumChildren:
             return enumerateChildren(world, command);
         default:
-            misuse(world, command, "unknown command " + std::to_string(command.command));
+            misuse(world.log, command, "unknown command " + std::to_string(command.command));
             return result::kNoCommand;
     }
 }

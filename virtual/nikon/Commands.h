@@ -4,19 +4,14 @@
 #include <optional>
 #include <string>
 
+#include "nikon/Arguments.h"
 #include "nikon/World.h"
 
 namespace virtualnikon {
 
 // The entry point's arguments, and what becomes of them.
-struct Command {
-    MaidObject* record = nullptr;
-    std::uint32_t command = 0;
-    std::uint32_t parameter = 0;
-    std::uint32_t dataType = 0;
-    MaidData data = 0;
-    MaidCompletionProcedure procedure = nullptr;
-    MaidReference reference = nullptr;
+struct Command : Arguments {
+    explicit Command(const Arguments& arguments) : Arguments(arguments) {}
 
     ObjectRef object;
     CommandFault fault;
@@ -36,6 +31,6 @@ MaidResult perform(World& world, Lock& lock, Command& command);
 PendingRef pendingOf(const Command& command, MaidResult result);
 
 // Notes a misuse by this command.
-void misuse(World& world, const Command& command, const std::string& text);
+void misuse(virtualcamera::CallLog& log, const Command& command, const std::string& text);
 
 }  // namespace virtualnikon

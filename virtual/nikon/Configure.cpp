@@ -4,13 +4,13 @@
 
 #include "common/Text.h"
 #include "nikon/Codes.h"
-#include "nikon/World.h"
+#include "nikon/Maker.h"
 
 namespace virtualnikon {
 
 namespace {
 
-using steering::integer;
+using virtualcamera::integer;
 
 std::vector<std::string> split(const std::string& text, char separator)
 {
@@ -18,7 +18,7 @@ std::vector<std::string> split(const std::string& text, char separator)
     std::istringstream stream(text);
     std::string part;
     while (std::getline(stream, part, separator)) {
-        parts.emplace_back(steering::trimmed(part));
+        parts.emplace_back(virtualcamera::trimmed(part));
     }
     return parts;
 }
@@ -40,11 +40,11 @@ std::string corrupt(World& world, const std::vector<std::string>& key, const std
                     : key[2] == "all" ? std::optional(kAllCapabilities)
                                       : code(key[2]);
     if (!level || !id) {
-        return "an untruth is corrupt.LEVEL.CAPABILITY.WHAT";
+        return "a corruption is corrupt.LEVEL.CAPABILITY.WHAT";
     }
-    std::string problem = world.untruths[{*level, *id}].set(key[3], value);
+    std::string problem = world.corruptions[{*level, *id}].set(key[3], value);
     const bool isOfAll = *id == kAllCapabilities && key[3] == "count";
-    if (problem.empty() && (isOfAll || Untruth::isOfDescriptor(key[3]))) {
+    if (problem.empty() && (isOfAll || Corruption::isOfDescriptor(key[3]))) {
         raiseDescriptorChange(world, *level);
     }
     return problem;
@@ -75,61 +75,41 @@ std::string setTexts(World& world, const Camera& camera, std::uint32_t id, const
     return {};
 }
 
-std::string configureCamera(World& world, Camera& camera, const std::string& key,
-                            const std::string& value)
+std::string configureCamera(const Camera& camera, const std::string& key, const std::string& value)
 {
-    if (key == "camera.name") {
-        camera.body->setName(value);
-        return {};
-    }
     const auto number = code(value);
-    if (!number) {
+    if (key != "camera.id" || !number) {
         return "no such setting, or no number: " + key;
     }
-    if (key == "camera.id") {
-        camera.body->setId(*number);
-    } else if (key == "camera.mode") {
-        raiseChanges(world, camera, camera.body->turnDial(*number));
-    } else if (key == "camera.plugged") {
-        if (*number != 0) {
-            plug(world, camera);
-        } else {
-            unplug(world, camera);
-        }
-    } else {
-        return "no such setting: " + key;
-    }
+    camera.body->setId(*number);
     return {};
 }
 
 }  // namespace
 
-std::string World::configureOwn(const std::string& key, const std::string& value, int camera)
+std::string Maker::configureOwn(const std::string& key, const std::string& value, int camera)
 {
-    if (key == "fault") {
-        return rules.add(value);
-    }
     const std::vector<std::string> parts = split(key, '.');
     if (!parts.empty() && parts[0] == "corrupt") {
-        return corrupt(*this, parts, value);
+        return corrupt(m_world, parts, value);
     }
-    const std::shared_ptr<Camera> found = this->camera(camera);
+    const std::shared_ptr<Camera> found = m_world.camera(camera);
     if (found == nullptr) {
         return "no such camera";
     }
     const auto id = parts.size() == 2 ? code(parts[1]) : std::nullopt;
     if (id && parts[0] == "value") {
-        return setValue(*this, *found, *id, value);
+        return setValue(m_world, *found, *id, value);
     }
-    if (id && parts[0] == "texts") {
-        return setTexts(*this, *found, *id, value);
+    if (id && parts[0] == "list") {
+        return setTexts(m_world, *found, *id, value);
     }
-    return configureCamera(*this, *found, key, value);
+    return configureCamera(*found, key, value);
 }
 
-std::string World::describeCamera(int number) const
+std::string Maker::describeCamera(int number) const
 {
-    const Body& body = *camera(number)->body;
+    const Body& body = *m_world.existing(number)->body;
     std::string text;
     text += "camera.name = " + body.name() + "\n";
     text += "camera.id = " + std::to_string(body.id()) + "\n";
@@ -138,8 +118,8 @@ std::string World::describeCamera(int number) const
     for (const Capability& capability : body.capabilities()) {
         const std::uint32_t value =
             capability.elementType == 0 ? capability.number : capability.current;
-        text +=
-            "value." + steering::hexadecimal(capability.id) + " = " + std::to_string(value) + "\n";
+        text += "value." + virtualcamera::hexadecimal(capability.id) + " = " +
+                std::to_string(value) + "\n";
     }
     return text;
 }

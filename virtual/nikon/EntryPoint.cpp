@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <new>
 
+#include "common/Configure.h"
 #include "common/Text.h"
+#include "nikon/Cameras.h"
 #include "nikon/Codes.h"
 #include "nikon/Commands.h"
 
@@ -12,22 +14,23 @@ namespace virtualnikon {
 namespace {
 
 // Leaves what the command entered, however it ends.
-class Inside
+class CallUnderWay
 {
 public:
-    explicit Inside(World& world) : m_world(world)
+    explicit CallUnderWay(World& world) : m_world(world)
     {
         ++m_world.underWay;
-        m_self = m_world.inside.insert(m_world.inside.end(), std::this_thread::get_id());
+        m_self =
+            m_world.callsUnderWay.insert(m_world.callsUnderWay.end(), std::this_thread::get_id());
     }
-    ~Inside()
+    ~CallUnderWay()
     {
-        m_world.inside.erase(m_self);
+        m_world.callsUnderWay.erase(m_self);
         --m_world.underWay;
         m_world.changed.notify_all();
     }
-    Inside(const Inside&) = delete;
-    Inside& operator=(const Inside&) = delete;
+    CallUnderWay(const CallUnderWay&) = delete;
+    CallUnderWay& operator=(const CallUnderWay&) = delete;
 
 private:
     World& m_world;
@@ -37,10 +40,10 @@ private:
 void checkThread(World& world, const Command& command)
 {
     const std::thread::id self = std::this_thread::get_id();
-    const auto other = std::find_if(world.inside.begin(), world.inside.end(),
+    const auto other = std::find_if(world.callsUnderWay.begin(), world.callsUnderWay.end(),
                                     [&](std::thread::id thread) { return thread != self; });
-    if (other != world.inside.end() && world.options.oneThread != 0) {
-        misuse(world, command,
+    if (other != world.callsUnderWay.end() && world.options.oneThread != 0) {
+        misuse(world.log, command,
                "called by " + world.log.threadName(self) + " while " +
                    world.log.threadName(*other) + " is inside");
     }
@@ -54,7 +57,7 @@ std::optional<MaidResult> findObject(World& world, Command& command)
     }
     command.object = world.objects.find(command.record);
     if (command.object == nullptr) {
-        misuse(world, command,
+        misuse(world.log, command,
                command.record == nullptr                 ? "no object"
                : world.objects.wasClosed(command.record) ? "closed object"
                                                          : "unknown object");
@@ -64,12 +67,12 @@ std::optional<MaidResult> findObject(World& world, Command& command)
     const Object& object = *command.object;
     if (record.moduleRef != object.handle || record.clientRef != object.clientRef ||
         record.type != object.level || record.id != object.id) {
-        misuse(world, command, "the record of " + object.name() + " was changed");
+        misuse(world.log, command, "the record of " + object.name() + " was changed");
     }
     return std::nullopt;
 }
 
-void suffer(World& world, Lock& lock, Command& command)
+void applyFault(World& world, Lock& lock, Command& command)
 {
     CommandFacts facts;
     facts.name = command.name();
@@ -133,9 +136,9 @@ MaidResult work(World& world, Lock& lock, Command& command)
 MaidResult answer(World& world, Lock& lock, Command& command)
 {
     const Clock::time_point start = Clock::now();
-    const Inside inside(world);
+    const CallUnderWay underWay(world);
     if (command.command == kMaidCommandOpen && command.record == nullptr) {
-        world.readEnvironment("LUMATIE_VIRTUAL_NIKON");
+        virtualcamera::readEnvironment(virtualcamera::maker(), "LUMATIE_VIRTUAL_NIKON");
     }
     checkThread(world, command);
     const std::optional<MaidResult> refusal = findObject(world, command);
@@ -143,7 +146,7 @@ MaidResult answer(World& world, Lock& lock, Command& command)
     const std::string target =
         command.object == nullptr ? std::string("none") : command.object->name();
     if (!refusal) {
-        suffer(world, lock, command);
+        applyFault(world, lock, command);
         develop(world);
         result = work(world, lock, command);
         if (command.fault.isAfter && command.fault.code) {
@@ -172,7 +175,8 @@ MaidResult answer(World& world, Lock& lock, Command& command)
     }
     world.log.count(command.name());
     world.log.write(std::string(command.name()) + "(" + target + ", " +
-                        steering::hexadecimal(command.parameter) + ") = " + std::to_string(result),
+                        virtualcamera::hexadecimal(command.parameter) +
+                        ") = " + std::to_string(result),
                     start);
     return result;
 }
@@ -192,23 +196,16 @@ bool Command::needsCompletion() const
 
 PendingRef pendingOf(const Command& command, MaidResult result)
 {
-    auto pending = std::make_shared<Pending>();
+    auto pending = std::make_shared<Pending>(command);
     pending->object = command.object;
-    pending->record = command.record;
-    pending->command = command.command;
-    pending->parameter = command.parameter;
-    pending->dataType = command.dataType;
-    pending->data = command.data;
-    pending->procedure = command.procedure;
-    pending->reference = command.reference;
     pending->how = command.how;
     pending->result = result;
     return pending;
 }
 
-void misuse(World& world, const Command& command, const std::string& text)
+void misuse(virtualcamera::CallLog& log, const Command& command, const std::string& text)
 {
-    world.log.misuse(std::string(command.name()) + ": " + text);
+    log.misuse(std::string(command.name()) + ": " + text);
 }
 
 }  // namespace virtualnikon
@@ -219,14 +216,7 @@ extern "C" MaidResult MAIDAPI MAIDEntryPoint(MaidObject* object, std::uint32_t c
                                              MaidReference reference)
 {
     namespace vn = virtualnikon;
-    vn::Command asked;
-    asked.record = object;
-    asked.command = command;
-    asked.parameter = parameter;
-    asked.dataType = dataType;
-    asked.data = data;
-    asked.procedure = completion;
-    asked.reference = reference;
+    vn::Command asked({object, command, parameter, dataType, data, completion, reference});
     try {
         vn::World& world = vn::world();
         vn::Lock lock(world.mutex);

@@ -178,12 +178,12 @@ std::vector<std::uint32_t> childIds(const Object& object,
 
 std::vector<Capability> capabilitiesOf(const Object& object,
                                        const std::vector<std::shared_ptr<Camera>>& cameras,
-                                       const Untruths& untruths)
+                                       const Corruptions& corruptions)
 {
     std::vector<Capability> told;
     for (Capability& capability : ownCapabilities(object, cameras)) {
-        const auto found = untruths.find({object.level, capability.id});
-        if (found != untruths.end()) {
+        const auto found = corruptions.find({object.level, capability.id});
+        if (found != corruptions.end()) {
             if (found->second.isAbsent) {
                 continue;
             }

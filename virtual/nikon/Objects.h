@@ -11,29 +11,30 @@
 #include <string>
 #include <vector>
 
+#include "Maid.h"
+#include "common/Picture.h"
 #include "nikon/Body.h"
-#include "nikon/Maid.h"
 
 namespace virtualnikon {
 
 // A picture that a camera took, or that a test put there.
-struct Picture {
-    int shot = 0;
-    int camera = 0;
-    int origin = 0;  // 0 the host, 1 the body's button, 2 a test
-    std::string name;
+struct Picture final : virtualcamera::Picture {
     std::int32_t fileType = kMaidFileJpeg;  // kRows: rows of an image
     std::uint32_t rows = 0;
     std::uint32_t rowBytes = 0;
-    std::shared_ptr<const Bytes> bytes;  // null when they are not kept any more
-    std::int64_t size = 0;
     scene::PictureFacts facts;
     bool isOnCamera = false;
 
-    int announced = 0;  // events that told of its item
     int opened = 0;     // times that its item was opened
     int started = 0;    // transfers that began
     int delivered = 0;  // transfers that the application took over whole
+
+    Fields ownFields() const override
+    {
+        return {{"type", fileType},      {"rows", rows},     {"row_bytes", rowBytes},
+                {"listed", isOnCamera},  {"opened", opened}, {"started", started},
+                {"delivered", delivered}};
+    }
 };
 
 // A picture as the camera lists it.
@@ -117,9 +118,9 @@ private:
 std::vector<std::uint32_t> childIds(const Object& object,
                                     const std::vector<std::shared_ptr<Camera>>& cameras);
 
-// What the object can do, in ascending order, untruths about descriptors included.
+// What the object can do, in ascending order, corruption of descriptors included.
 std::vector<Capability> capabilitiesOf(const Object& object,
                                        const std::vector<std::shared_ptr<Camera>>& cameras,
-                                       const Untruths& untruths);
+                                       const Corruptions& corruptions);
 
 }  // namespace virtualnikon

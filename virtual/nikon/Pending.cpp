@@ -1,4 +1,5 @@
-// Commands that complete later, and the events that wait for the application to look in.
+#include "nikon/Pending.h"
+
 #include <algorithm>
 
 #include "common/Text.h"
@@ -9,19 +10,16 @@ namespace virtualnikon {
 
 namespace {
 
-// Events that cause events must not hold a call for ever.
-constexpr int kEventsPerCall = 10000;
-
 std::string describe(const Pending& pending, MaidResult result)
 {
     return std::string("completion ") + commandName(pending.command) + "(" +
-           pending.object->name() + ", " + steering::hexadecimal(pending.parameter) +
+           pending.object->name() + ", " + virtualcamera::hexadecimal(pending.parameter) +
            ") = " + std::to_string(result);
 }
 
-bool isWaiting(const World& world, const PendingRef& pending)
+bool isWaiting(const std::list<PendingRef>& all, const PendingRef& pending)
 {
-    return std::find(world.pending.begin(), world.pending.end(), pending) != world.pending.end();
+    return std::find(all.begin(), all.end(), pending) != all.end();
 }
 
 void callCompletion(World& world, Lock& lock, const Pending& pending, MaidResult result)
@@ -39,9 +37,9 @@ void callCompletion(World& world, Lock& lock, const Pending& pending, MaidResult
     world.changed.notify_all();
 }
 
-PendingRef dueOnThread(const World& world)
+PendingRef dueOnThread(const std::list<PendingRef>& all)
 {
-    for (const PendingRef& pending : world.pending) {
+    for (const PendingRef& pending : all) {
         const Completion& how = pending->how;
         if (pending->isReady && how.isOnThread && !how.isNever && pending->due <= Clock::now()) {
             return pending;
@@ -55,7 +53,7 @@ void serve(World& world)
     Lock lock(world.mutex);
     world.log.markOwn(std::this_thread::get_id());
     while (!world.isThreadStopping) {
-        if (const PendingRef pending = dueOnThread(world)) {
+        if (const PendingRef pending = dueOnThread(world.pending)) {
             world.pending.remove(pending);
             world.threadInside = pending->object.get();
             complete(world, lock, pending);
@@ -78,143 +76,7 @@ void serve(World& world)
     world.log.forget(std::this_thread::get_id());
 }
 
-// True when there is nothing to tell any more.
-bool isStale(const World& world, const Event& event, const ObjectRef& object)
-{
-    if (object == nullptr || !object->isOpen) {
-        return true;
-    }
-    if (event.isForced || event.code != kMaidEventAddChild) {
-        return false;
-    }
-    const auto id = static_cast<std::uint32_t>(event.parameter);
-    const bool isListed = event.item == nullptr || event.item->isListed;
-    return !isListed || world.objects.child(*object, id) != nullptr;
-}
-
-void deliver(World& world, Lock& lock, const Event& event)
-{
-    const Clock::time_point start = Clock::now();
-    const ObjectRef object = event.object.lock();
-    if (isStale(world, event, object)) {
-        return;
-    }
-    const std::string text = "event " + steering::hexadecimal(event.code) + " " + object->name() +
-                             " parameter " + steering::hexadecimal(event.parameter);
-    const auto found = object->procedures.find(kMaidCapEventProc);
-    if (found == object->procedures.end()) {
-        world.log.write(text + " has no procedure", start);
-        return;
-    }
-    const MaidCallback callback = found->second;
-    if (event.item != nullptr) {
-        ++event.item->picture->announced;
-    }
-    ++world.delivering;
-    lock.unlock();
-    reinterpret_cast<MaidEventProcedure>(callback.procedure)(
-        event.hasReference ? event.reference : callback.reference, event.code,
-        static_cast<MaidData>(event.parameter));
-    lock.lock();
-    --world.delivering;
-    ++world.deliveries[event.code];
-    world.log.write(text, start);
-    world.changed.notify_all();
-}
-
 }  // namespace
-
-void noteUntrueChild(World& world, const Event& event)
-{
-    const ObjectRef object = event.object.lock();
-    if (object != nullptr && event.code == kMaidEventAddChild) {
-        world.untrueChildren.insert({object->level, static_cast<std::uint32_t>(event.parameter)});
-    }
-}
-
-void raise(World& world, Event event)
-{
-    if (event.object.expired()) {
-        return;
-    }
-    std::optional<std::uint32_t> property;
-    if (event.code == kMaidEventCapChangeValue) {
-        property = static_cast<std::uint32_t>(event.parameter);
-    }
-    const steering::EventFate fate = world.eventRules.next(event.code, property);
-    if (fate.lost) {
-        return;
-    }
-    event.due = Clock::now() + std::chrono::milliseconds(fate.delayMs);
-    world.events.push_back(event);
-    if (fate.doubled) {
-        event.isForced = true;
-        noteUntrueChild(world, event);
-        world.events.push_back(event);
-    }
-    world.changed.notify_all();
-}
-
-void raiseChanges(World& world, const Camera& camera, const Changes& changes)
-{
-    for (const ObjectRef& object : world.objects.all()) {
-        if (object->level != kMaidLevelSource || object->camera.get() != &camera) {
-            continue;
-        }
-        Event event;
-        event.object = object;
-        if (changes.descriptors) {
-            event.code = kMaidEventCapChange;
-            raise(world, event);
-        }
-        event.code = kMaidEventCapChangeValue;
-        for (const std::uint32_t id : changes.values) {
-            event.parameter = id;
-            raise(world, event);
-        }
-    }
-}
-
-void raiseDescriptorChange(World& world, std::uint32_t level)
-{
-    for (const ObjectRef& object : world.objects.all()) {
-        if (object->level == level) {
-            Event event;
-            event.object = object;
-            event.code = kMaidEventCapChange;
-            raise(world, event);
-        }
-    }
-}
-
-void raiseChild(World& world, std::uint32_t code, const ObjectRef& parent, std::uint32_t id,
-                const std::shared_ptr<Item>& item)
-{
-    if (parent == nullptr) {
-        return;
-    }
-    Event event;
-    event.object = parent;
-    event.code = code;
-    event.parameter = id;
-    event.item = item;
-    raise(world, event);
-}
-
-void deliverEvents(World& world, Lock& lock)
-{
-    for (int i = 0; i < kEventsPerCall; ++i) {
-        const auto next =
-            std::find_if(world.events.begin(), world.events.end(),
-                         [](const Event& event) { return event.due <= Clock::now(); });
-        if (next == world.events.end()) {
-            return;
-        }
-        const Event event = *next;
-        world.events.erase(next);
-        deliver(world, lock, event);
-    }
-}
 
 void addPending(World& world, const PendingRef& pending)
 {
@@ -234,7 +96,7 @@ void finishPending(World& world, const PendingRef& pending, MaidResult result)
     pending->due = Clock::now() + std::chrono::milliseconds(pending->how.ms);
     if (pending->how.isOnThread && !world.thread.joinable()) {
         world.isThreadStopping = false;
-        world.loaded = std::make_unique<steering::LoadedWhile>();
+        world.loaded = std::make_unique<virtualcamera::LoadedWhile>();
         world.thread = std::thread([&world] { serve(world); });
     }
     world.changed.notify_all();
@@ -243,7 +105,7 @@ void finishPending(World& world, const PendingRef& pending, MaidResult result)
 void runPending(World& world, Lock& lock)
 {
     for (const PendingRef& pending : std::list<PendingRef>(world.pending)) {
-        if (!isWaiting(world, pending)) {
+        if (!isWaiting(world.pending, pending)) {
             continue;
         }
         if (pending->transfer != nullptr) {
@@ -256,7 +118,7 @@ void runPending(World& world, Lock& lock)
         }
         pending->how.calls = std::max(0, pending->how.calls - 1);
         const bool isDue = pending->how.calls == 0 && pending->due <= Clock::now();
-        if (isDue && isWaiting(world, pending)) {
+        if (isDue && isWaiting(world.pending, pending)) {
             world.pending.remove(pending);
             complete(world, lock, pending);
         }
@@ -282,7 +144,7 @@ void abortPending(World& world, Lock& lock, const ObjectRef& object)
         world.changed.wait(lock, [&] { return world.threadInside != object.get(); });
     }
     for (const PendingRef& pending : std::list<PendingRef>(world.pending)) {
-        if (pending->object != object || !isWaiting(world, pending)) {
+        if (pending->object != object || !isWaiting(world.pending, pending)) {
             continue;
         }
         world.pending.remove(pending);

@@ -1,4 +1,5 @@
-// The shutter, the pictures it makes, and the items that stand for them.
+#include "nikon/Pictures.h"
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -11,13 +12,6 @@
 namespace virtualnikon {
 
 namespace {
-
-Clock::time_point endOfExposure(const World& world, const Body& body)
-{
-    const double seconds = body.exposureSeconds() * world.options.exposureScale;
-    return Clock::now() + std::chrono::milliseconds(world.options.lagMs) +
-           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-}
 
 const char* extension(std::int32_t fileType)
 {
@@ -58,20 +52,26 @@ void makeRows(Picture& picture, std::int64_t size)
     picture.bytes = std::make_shared<const Bytes>(std::move(bytes));
 }
 
-std::shared_ptr<Picture> makePicture(World& world, const Exposure& exposure, bool isRaw)
+std::shared_ptr<Picture> newPicture(const Exposure& exposure)
 {
     auto picture = std::make_shared<Picture>();
-    const Options& options = world.options;
-    Body& body = *exposure.camera->body;
+    const Body& body = *exposure.camera->body;
+    picture->shot = body.shots;
+    picture->camera = body.number();
+    picture->origin =
+        exposure.isFromBody ? virtualcamera::Origin::kBody : virtualcamera::Origin::kHost;
+    picture->facts = exposure.facts;
+    picture->facts.shot = body.shots;
+    return picture;
+}
+
+std::shared_ptr<Picture> makePicture(const Options& options, const Exposure& exposure, bool isRaw)
+{
+    std::shared_ptr<Picture> picture = newPicture(exposure);
     const std::int32_t own =
         isRaw ? static_cast<std::int32_t>(kMaidFileNef) : static_cast<std::int32_t>(kMaidFileJpeg);
     picture->fileType = options.fileType == 0 ? own : static_cast<std::int32_t>(options.fileType);
-    picture->shot = body.shots;
-    picture->camera = body.number();
-    picture->origin = exposure.isFromBody ? 1 : 0;
-    picture->name = pictureName(body.shots, picture->fileType);
-    picture->facts = exposure.facts;
-    picture->facts.shot = body.shots;
+    picture->name = pictureName(picture->shot, picture->fileType);
     picture->facts.fileName = picture->name;
     picture->facts.jpegQuality = exposure.quality.jpegQuality;
     if (picture->fileType == kRows) {
@@ -85,7 +85,39 @@ std::shared_ptr<Picture> makePicture(World& world, const Exposure& exposure, boo
     return picture;
 }
 
-void endExposure(World& world, const Exposure& exposure)
+std::int32_t fileTypeOf(virtualcamera::FileKind kind)
+{
+    switch (kind) {
+        case virtualcamera::FileKind::kTiff:
+            return kMaidFileTiff;
+        case virtualcamera::FileKind::kRaw:
+            return kMaidFileNef;
+        default:
+            return kMaidFileJpeg;
+    }
+}
+
+// The lock is kept while a file is read, as it is while a picture is made: these cameras have no
+// thread for it, whoever comes by does what is due, and nobody may see the shutter closed and the
+// picture not there yet.
+void deliverFromFolder(World& world, const Exposure& exposure, std::uint32_t types)
+{
+    const virtualcamera::FolderShot shot{exposure.camera->body->number(), exposure.quality.hasRaw,
+                                         exposure.quality.hasJpeg};
+    Options& options = world.options;
+    options.folder.deliver(
+        shot, world.log, virtualcamera::readFile,
+        [&](const virtualcamera::FolderFile& file, const virtualcamera::FileBytes& bytes) {
+            const std::shared_ptr<Picture> picture = newPicture(exposure);
+            picture->name = file.name;
+            picture->fileType = options.fileType > 0 ? static_cast<std::int32_t>(options.fileType)
+                                                     : fileTypeOf(file.kind);
+            picture->bytes = bytes;
+            store(world, *exposure.camera, types, picture);
+        });
+}
+
+void developPicture(World& world, const Exposure& exposure)
 {
     Body& body = *exposure.camera->body;
     body.isExposing = false;
@@ -97,29 +129,47 @@ void endExposure(World& world, const Exposure& exposure)
     if (world.options.thumbnails != 0) {
         types |= kMaidItemThumbnail;
     }
+    if (world.options.folder.isUsed()) {
+        deliverFromFolder(world, exposure, types);
+        return;
+    }
     if (exposure.quality.hasRaw) {
-        store(world, *exposure.camera, types, makePicture(world, exposure, true));
+        store(world, *exposure.camera, types, makePicture(world.options, exposure, true));
     }
     if (exposure.quality.hasJpeg) {
-        store(world, *exposure.camera, types, makePicture(world, exposure, false));
+        store(world, *exposure.camera, types, makePicture(world.options, exposure, false));
     }
 }
 
-// The bytes of pictures that left their camera are kept for comparing, but not for ever.
-void forgetOldBytes(World& world)
+// Ends the camera's exposure if it is kept open and `concerns` holds for it.
+template <typename Condition>
+bool endIf(World& world, const Camera& camera, Condition concerns)
 {
-    std::int64_t kept = 0;
-    for (auto picture = world.pictures.rbegin(); picture != world.pictures.rend(); ++picture) {
+    bool wasEnded = false;
+    for (const auto& exposure : world.exposures) {
+        if (exposure->camera.get() == &camera && concerns(*exposure)) {
+            wasEnded |= exposure->end(world.options);
+        }
+    }
+    world.changed.notify_all();
+    return wasEnded;
+}
+
+// The bytes of pictures that left their camera are kept for comparing, but not for ever.
+void forgetOldBytes(const std::vector<std::shared_ptr<Picture>>& pictures, const Options& options)
+{
+    virtualcamera::Keeping keeping(options);
+    for (auto picture = pictures.rbegin(); picture != pictures.rend(); ++picture) {
         if (!(*picture)->isOnCamera && (*picture)->bytes != nullptr &&
-            ++kept > world.options.keptFiles) {
+            !keeping.keepsNext((*picture)->size)) {
             (*picture)->bytes = nullptr;
         }
     }
 }
 
-ObjectRef sourceOf(const World& world, const Camera& camera)
+ObjectRef sourceOf(const ObjectTable& objects, const Camera& camera)
 {
-    for (const ObjectRef& object : world.objects.all()) {
+    for (const ObjectRef& object : objects.all()) {
         if (object->level == kMaidLevelSource && object->camera.get() == &camera) {
             return object;
         }
@@ -140,14 +190,24 @@ std::shared_ptr<Exposure> press(World& world, const std::shared_ptr<Camera>& cam
     exposure->camera = camera;
     exposure->isFromBody = isFromBody;
     exposure->facts = body.facts(world.options.pictureTime());
-    exposure->facts.width = static_cast<int>(world.options.width);
-    exposure->facts.height = static_cast<int>(world.options.height);
+    exposure->facts.width = world.options.pictureWidth();
+    exposure->facts.height = world.options.pictureHeight();
     exposure->quality = body.quality();
-    exposure->due = endOfExposure(world, body);
+    exposure->begin(world.options, body.exposureSeconds(), body.isBulb());
     body.isExposing = true;
     world.exposures.push_back(exposure);
     world.changed.notify_all();
     return exposure;
+}
+
+bool endExposure(World& world, const Camera& camera)
+{
+    return endIf(world, camera, [](const Exposure&) { return true; });
+}
+
+void leaveExposure(World& world, const Camera& camera)
+{
+    endIf(world, camera, [](const Exposure& exposure) { return !exposure.isFromBody; });
 }
 
 void develop(World& world)
@@ -157,7 +217,7 @@ void develop(World& world)
             continue;
         }
         world.exposures.remove(exposure);
-        endExposure(world, *exposure);
+        developPicture(world, *exposure);
         for (const PendingRef& pending : std::list<PendingRef>(world.pending)) {
             if (pending->exposure == exposure) {
                 finishPending(world, pending, kMaidOk);
@@ -179,8 +239,8 @@ std::shared_ptr<Item> store(World& world, Camera& camera, std::uint32_t dataType
     camera.items.insert(world.options.newestFirst != 0 ? camera.items.begin() : camera.items.end(),
                         item);
     world.pictures.push_back(picture);
-    forgetOldBytes(world);
-    raiseChild(world, kMaidEventAddChild, sourceOf(world, camera), item->id, item);
+    forgetOldBytes(world.pictures, world.options);
+    raiseChild(world, kMaidEventAddChild, sourceOf(world.objects, camera), item->id, item);
     world.changed.notify_all();
     return item;
 }
@@ -194,7 +254,7 @@ void removeItem(World& world, Camera& camera, const std::shared_ptr<Item>& item,
         camera.items.erase(found);
     }
     if (isTold) {
-        raiseChild(world, kMaidEventRemoveChild, sourceOf(world, camera), item->id);
+        raiseChild(world, kMaidEventRemoveChild, sourceOf(world.objects, camera), item->id);
     }
     world.changed.notify_all();
 }

@@ -4,29 +4,30 @@
 #include <algorithm>
 #include <sstream>
 
+#include "common/Maker.h"
 #include "common/Text.h"
 #include "nikon/Codes.h"
 #include "nikon/World.h"
 
 namespace vn = virtualnikon;
-using steering::copyOut;
-using steering::textFrom;
-using steering::waitFor;
+using virtualcamera::copyOut;
+using virtualcamera::textFrom;
+using virtualcamera::waitFor;
 using vn::World;
 
 namespace {
 
 // The world, locked as long as the answer lives.
-steering::Locked<World> locked()
+virtualcamera::Locked<World> locked()
 {
-    return steering::Locked<World>(vn::world());
+    return {vn::world(), vn::world().mutex};
 }
 
 // The same, with the pictures made that are due.
-steering::Locked<World> caughtUp()
+virtualcamera::Locked<World> lockedWithDuePictures()
 {
     auto world = locked();
-    world->catchUp();
+    vn::develop(*world);
     return world;
 }
 
@@ -37,7 +38,7 @@ int withCamera(int camera, Work work)
     const auto world = locked();
     const std::shared_ptr<vn::Camera> found = world->camera(camera);
     if (found == nullptr) {
-        return world->refuse("no such camera: " + std::to_string(camera));
+        return world->refuseCamera(camera);
     }
     return work(*world, found);
 }
@@ -60,28 +61,9 @@ int send(std::uint32_t level, std::uint32_t object, vn::Event event)
     }
     event.object = found;
     event.isForced = true;
-    vn::noteUntrueChild(*world, event);
+    vn::noteInventedChild(*world, event);
     vn::raise(*world, event);
     return 1;
-}
-
-std::string describe(const vn::Picture& picture)
-{
-    constexpr const char* kOrigins[] = {"host", "body", "test"};
-    return "shot=" + std::to_string(picture.shot) + " camera=" + std::to_string(picture.camera) +
-           " origin=" + kOrigins[picture.origin] + " name=" + picture.name +
-           " type=" + std::to_string(picture.fileType) + " size=" + std::to_string(picture.size) +
-           " listed=" + (picture.isOnCamera ? "1" : "0") +
-           " announced=" + std::to_string(picture.announced) +
-           " opened=" + std::to_string(picture.opened) +
-           " started=" + std::to_string(picture.started) +
-           " delivered=" + std::to_string(picture.delivered) + "\n";
-}
-
-// The code that an event is counted under; a negative one stands for all.
-std::optional<std::uint32_t> countedCode(int event)
-{
-    return event < 0 ? std::nullopt : std::optional(static_cast<std::uint32_t>(event));
 }
 
 std::vector<std::string> linesOf(const char* text)
@@ -111,7 +93,7 @@ std::shared_ptr<vn::Picture> pictureFrom(int fileType, std::uint32_t rowBytes, c
                                          std::int64_t size)
 {
     auto picture = std::make_shared<vn::Picture>();
-    picture->origin = 2;
+    picture->origin = virtualcamera::Origin::kTest;
     picture->fileType = fileType < 0 ? vn::kRows : fileType;
     if (fileType < 0) {
         picture->rowBytes = std::max(1U, rowBytes);
@@ -126,95 +108,6 @@ std::shared_ptr<vn::Picture> pictureFrom(int fileType, std::uint32_t rowBytes, c
 }  // namespace
 
 extern "C" {
-
-void VirtualNikonReset(void)
-{
-    vn::reset(*locked());
-}
-
-int VirtualNikonConfigure(const char* text)
-{
-    return locked()->configure(textFrom(text));
-}
-
-int VirtualNikonSettings(char* buffer, int capacity)
-{
-    return copyOut(caughtUp()->describeSettings(), buffer, capacity);
-}
-
-int VirtualNikonLastError(char* buffer, int capacity)
-{
-    return copyOut(caughtUp()->lastError, buffer, capacity);
-}
-
-int VirtualNikonAdd(const char* name, uint32_t id)
-{
-    const auto world = locked();
-    const auto camera = vn::addCamera(*world, textFrom(name), id);
-    vn::raiseChild(*world, kMaidEventAddChild, world->objects.find(kMaidLevelModule, 0), id);
-    return camera->body->number();
-}
-
-int VirtualNikonRemove(int camera)
-{
-    return withCamera(camera, [&](World& world, const auto& found) {
-        vn::unplug(world, *found);
-        world.cameras[static_cast<std::size_t>(camera)] = nullptr;
-        return 1;
-    });
-}
-
-int VirtualNikonCount(void)
-{
-    return static_cast<int>(locked()->cameras.size());
-}
-
-int VirtualNikonUnplug(int camera)
-{
-    return withCamera(camera, [](World& world, const auto& found) {
-        vn::unplug(world, *found);
-        return 1;
-    });
-}
-
-int VirtualNikonPlug(int camera)
-{
-    return withCamera(camera, [](World& world, const auto& found) {
-        vn::plug(world, *found);
-        return 1;
-    });
-}
-
-int VirtualNikonSourceOpen(int camera)
-{
-    return withCamera(camera, [](World& world, const auto& found) {
-        const auto& all = world.objects.all();
-        return std::any_of(all.begin(), all.end(),
-                           [&](const vn::ObjectRef& object) {
-                               return object->level == kMaidLevelSource && object->camera == found;
-                           })
-                   ? 1
-                   : 0;
-    });
-}
-
-int VirtualNikonPressShutter(int camera)
-{
-    return withCamera(camera, [](World& world, const auto& found) {
-        vn::develop(world);
-        if (!found->body->isPlugged || vn::press(world, found, true) == nullptr) {
-            return world.refuse("the camera is busy or unplugged");
-        }
-        return 1;
-    });
-}
-
-int VirtualNikonTurnDial(int camera, uint32_t mode)
-{
-    return withCamera(camera, [&](World& world, const auto& found) {
-        return change(world, *found, found->body->turnDial(mode));
-    });
-}
 
 int VirtualNikonSetValue(int camera, uint32_t capability, uint32_t value)
 {
@@ -237,7 +130,7 @@ int64_t VirtualNikonValue(int camera, uint32_t capability)
 
 int VirtualNikonValueText(int camera, uint32_t capability, char* buffer, int capacity)
 {
-    const auto world = caughtUp();
+    const auto world = lockedWithDuePictures();
     const auto found = world->camera(camera);
     const vn::Capability* entry = found == nullptr ? nullptr : found->body->find(capability);
     return copyOut(entry == nullptr ? std::string() : entry->currentText(), buffer, capacity);
@@ -256,7 +149,7 @@ int VirtualNikonSetTexts(int camera, uint32_t capability, const char* lines)
 
 int VirtualNikonTexts(int camera, uint32_t capability, char* buffer, int capacity)
 {
-    const auto world = caughtUp();
+    const auto world = lockedWithDuePictures();
     const auto found = world->camera(camera);
     const vn::Capability* entry = found == nullptr ? nullptr : found->body->find(capability);
     return copyOut(entry == nullptr ? std::string() : describe(*entry), buffer, capacity);
@@ -277,10 +170,10 @@ int VirtualNikonOperations(int camera, uint32_t capability)
 int VirtualNikonCorrupt(int level, uint32_t capability, const char* what, int64_t value)
 {
     const bool isOfAll = capability == vn::kAllCapabilities;
-    return VirtualNikonConfigure(("corrupt." + std::to_string(level) + "." +
-                                  (isOfAll ? "all" : steering::hexadecimal(capability)) + "." +
-                                  textFrom(what) + " = " + std::to_string(value))
-                                     .c_str()) == 0
+    return VirtualCameraConfigure(("corrupt." + std::to_string(level) + "." +
+                                   (isOfAll ? "all" : virtualcamera::hexadecimal(capability)) +
+                                   "." + textFrom(what) + " = " + std::to_string(value))
+                                      .c_str()) == 0
                ? 1
                : 0;
 }
@@ -292,8 +185,8 @@ int VirtualNikonSetDescription(int level, uint32_t capability, const char* text)
         return world->refuse("no such level");
     }
     const auto number = static_cast<std::uint32_t>(level);
-    vn::Untruth& untruth = world->untruths[{number, capability}];
-    untruth.description = text == nullptr ? std::nullopt : std::optional<std::string>(text);
+    vn::Corruption& corruption = world->corruptions[{number, capability}];
+    corruption.description = text == nullptr ? std::nullopt : std::optional<std::string>(text);
     vn::raiseDescriptorChange(*world, number);
     return 1;
 }
@@ -301,48 +194,11 @@ int VirtualNikonSetDescription(int level, uint32_t capability, const char* text)
 void VirtualNikonClearCorruption(void)
 {
     const auto world = locked();
-    world->untruths.clear();
-    world->options.data = vn::TransferUntruths{};
+    world->corruptions.clear();
+    world->options.data = vn::TransferCorruption{};
     for (std::uint32_t level = kMaidLevelModule; level <= kMaidLevelData; ++level) {
         vn::raiseDescriptorChange(*world, level);
     }
-}
-
-int VirtualNikonFault(const char* rule)
-{
-    const auto world = locked();
-    return world->answer(world->rules.add(textFrom(rule)));
-}
-
-int VirtualNikonFailNext(const char* command, int32_t code, int calls)
-{
-    return VirtualNikonFault(
-        (textFrom(command) + " code=" + std::to_string(code) + " calls=" + std::to_string(calls))
-            .c_str());
-}
-
-int VirtualNikonEventRule(const char* rule)
-{
-    const auto world = locked();
-    return world->answer(world->eventRules.add(textFrom(rule)));
-}
-
-void VirtualNikonClearFaults(void)
-{
-    const auto world = locked();
-    world->rules.clear();
-    world->eventRules.clear();
-}
-
-int VirtualNikonReleaseHangs(void)
-{
-    return locked()->releaseHangs();
-}
-
-int VirtualNikonWaitForHang(const char* command, int timeoutMs)
-{
-    const std::string name = textFrom(command);
-    return waitFor(vn::world(), timeoutMs, [&] { return vn::world().isHanging(name); });
 }
 
 int VirtualNikonPending(void)
@@ -381,63 +237,6 @@ int VirtualNikonSendStrayEvent(int level, uint32_t object, uint32_t event, uint6
     return send(static_cast<std::uint32_t>(level), object, raised);
 }
 
-int VirtualNikonEventCount(int event)
-{
-    return locked()->eventCount(countedCode(event));
-}
-
-int VirtualNikonWaitForEvents(int event, int count, int timeoutMs)
-{
-    return waitFor(vn::world(), timeoutMs,
-                   [&] { return vn::world().eventCount(countedCode(event)) >= count; });
-}
-
-int VirtualNikonCallCount(const char* command)
-{
-    return locked()->log.calls(textFrom(command));
-}
-
-int VirtualNikonWaitForCalls(const char* command, int count, int timeoutMs)
-{
-    const std::string name = textFrom(command);
-    return waitFor(vn::world(), timeoutMs, [&] { return vn::world().log.calls(name) >= count; });
-}
-
-int VirtualNikonWaitUntilIdle(int timeoutMs)
-{
-    return waitFor(vn::world(), timeoutMs, [] { return vn::world().isIdle(); });
-}
-
-int VirtualNikonLog(char* buffer, int capacity)
-{
-    return copyOut(caughtUp()->log.text(), buffer, capacity);
-}
-
-int64_t VirtualNikonClock(void)
-{
-    return locked()->log.microseconds();
-}
-
-void VirtualNikonClearLog(void)
-{
-    locked()->log.clearLines();
-}
-
-int VirtualNikonMisuseCount(void)
-{
-    return locked()->log.misuses();
-}
-
-int VirtualNikonMisuse(char* buffer, int capacity)
-{
-    return copyOut(caughtUp()->log.misuseText(), buffer, capacity);
-}
-
-void VirtualNikonClearMisuse(void)
-{
-    locked()->log.clearMisuses();
-}
-
 int VirtualNikonOpenCount(int level)
 {
     const auto world = locked();
@@ -449,7 +248,7 @@ int VirtualNikonOpenCount(int level)
 
 int VirtualNikonOpenObjects(char* buffer, int capacity)
 {
-    const auto world = caughtUp();
+    const auto world = lockedWithDuePictures();
     std::string text;
     for (const vn::ObjectRef& object : world->objects.all()) {
         text += object->name();
@@ -467,6 +266,11 @@ int VirtualNikonForgetObjects(void)
     const auto count = static_cast<int>(world->objects.all().size());
     world->pending.clear();
     world->events.clear();
+    for (const auto& camera : world->cameras) {
+        if (camera != nullptr) {
+            vn::leaveExposure(*world, *camera);
+        }
+    }
     vn::stopThread(*world, world.lock());
     world->objects.clear();
     world->changed.notify_all();
@@ -494,7 +298,7 @@ int VirtualNikonAddItem(int camera, uint32_t dataTypes, int fileType, uint32_t r
 int VirtualNikonRemoveItem(int picture)
 {
     const auto world = locked();
-    const auto found = steering::atNumber(world->pictures, picture);
+    const auto found = virtualcamera::atNumber(world->pictures, picture);
     for (const auto& camera : world->cameras) {
         if (camera == nullptr || found == nullptr) {
             continue;
@@ -514,78 +318,18 @@ int VirtualNikonRemoveItem(int picture)
 
 int VirtualNikonItemCount(int camera)
 {
-    const auto world = caughtUp();
+    const auto world = lockedWithDuePictures();
     const auto found = world->camera(camera);
     return found == nullptr ? -1 : static_cast<int>(found->items.size());
-}
-
-int VirtualNikonPictureCount(void)
-{
-    const auto world = caughtUp();
-    return static_cast<int>(world->pictures.size());
-}
-
-int VirtualNikonWaitForPictures(int count, int timeoutMs)
-{
-    return waitFor(vn::world(), timeoutMs,
-                   [&] { return static_cast<int>(vn::world().pictures.size()) >= count; });
 }
 
 int VirtualNikonWaitForDelivered(int count, int timeoutMs)
 {
     const auto& pictures = vn::world().pictures;
-    return waitFor(vn::world(), timeoutMs, [&] {
+    return waitFor(virtualcamera::maker(), timeoutMs, [&] {
         return std::count_if(pictures.begin(), pictures.end(),
                              [](const auto& picture) { return picture->delivered > 0; }) >= count;
     });
-}
-
-int VirtualNikonPictureList(char* buffer, int capacity)
-{
-    const auto world = caughtUp();
-    std::string text;
-    for (const auto& picture : world->pictures) {
-        text += describe(*picture);
-    }
-    return copyOut(text, buffer, capacity);
-}
-
-int64_t VirtualNikonPictureValue(int picture, const char* field)
-{
-    const auto world = caughtUp();
-    const auto found = steering::atNumber(world->pictures, picture);
-    if (found == nullptr) {
-        world->lastError = "no such picture";
-        return -1;
-    }
-    const std::map<std::string, std::int64_t> values{
-        {"shot", found->shot},           {"camera", found->camera},
-        {"origin", found->origin},       {"type", found->fileType},
-        {"size", found->size},           {"rows", found->rows},
-        {"row_bytes", found->rowBytes},  {"listed", found->isOnCamera ? 1 : 0},
-        {"announced", found->announced}, {"opened", found->opened},
-        {"started", found->started},     {"delivered", found->delivered},
-    };
-    const auto value = values.find(textFrom(field));
-    return value == values.end() ? -1 : value->second;
-}
-
-int VirtualNikonPictureName(int picture, char* buffer, int capacity)
-{
-    const auto world = caughtUp();
-    const auto found = steering::atNumber(world->pictures, picture);
-    return copyOut(found == nullptr ? std::string() : found->name, buffer, capacity);
-}
-
-int64_t VirtualNikonPictureBytes(int picture, void* buffer, int64_t capacity)
-{
-    const auto world = caughtUp();
-    const auto found = steering::atNumber(world->pictures, picture);
-    if (found == nullptr || found->bytes == nullptr) {
-        world->lastError = "no such picture, or its bytes are not kept";
-        return -1;
-    }
-    return copyOut(found->bytes->data(), found->bytes->size(), buffer, capacity);
 }
 
 }  // extern "C"

@@ -1,4 +1,5 @@
-// A picture's way to the application, in parts, and what can be untrue about them.
+#include "nikon/Transfer.h"
+
 #include <algorithm>
 
 #include "nikon/Codes.h"
@@ -9,7 +10,7 @@ namespace virtualnikon {
 
 namespace {
 
-// An application that believes in an untrue length reads at most this far behind the true end.
+// An application that believes in a corrupt length reads at most this far behind the true end.
 constexpr std::int64_t kMostPadding = std::int64_t{64} * 1024 * 1024;
 constexpr int kThumbnailWidth = 160;
 constexpr int kThumbnailHeight = 120;
@@ -104,10 +105,11 @@ void prepare(const Options& options, const Transfer& transfer, const Part& part,
 // The time at which a part may be delivered at the given rate.
 Clock::time_point dueTime(const Options& options, const Transfer& transfer, const Part& part)
 {
-    if (options.rate <= 0) {
+    if (options.transferRate <= 0) {
         return transfer.start;
     }
-    const double seconds = static_cast<double>(part.offset + part.size) / (options.rate * 1e6);
+    const double seconds =
+        static_cast<double>(part.offset + part.size) / (options.transferRate * 1e6);
     return transfer.start +
            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
@@ -150,17 +152,16 @@ void endTransfer(World& world, const PendingRef& pending, const Transfer& transf
     finishPending(world, pending, kMaidOk);
 }
 
-bool isRunning(const World& world, const PendingRef& pending)
+bool isRunning(const std::list<PendingRef>& all, const PendingRef& pending)
 {
     return !pending->isReady && pending->object->isOpen &&
-           std::find(world.pending.begin(), world.pending.end(), pending) != world.pending.end();
+           std::find(all.begin(), all.end(), pending) != all.end();
 }
 
 }  // namespace
 
-std::shared_ptr<Transfer> planTransfer(World& world, const Object& data)
+std::shared_ptr<Transfer> planTransfer(const Options& options, const Object& data)
 {
-    const Options& options = world.options;
     auto transfer = std::make_shared<Transfer>();
     transfer->picture = data.item->picture;
     transfer->isImage = data.id != kMaidItemThumbnail;
@@ -206,7 +207,7 @@ void runTransfer(World& world, Lock& lock, const PendingRef& pending, bool isWho
         }
         ++transfer->next;
         const MaidResult result = deliverPart(world, lock, *pending->object, *transfer, part);
-        if (!isRunning(world, pending)) {
+        if (!isRunning(world.pending, pending)) {
             return;
         }
         if (result != kMaidOk && world.options.data.goOn == 0) {
@@ -218,7 +219,7 @@ void runTransfer(World& world, Lock& lock, const PendingRef& pending, bool isWho
             showProgress(world, lock, *pending->object, pending->command, pending->parameter,
                          transfer->done, told(world.options.data.progressTotal, transfer->total));
         }
-        if (!isRunning(world, pending)) {
+        if (!isRunning(world.pending, pending)) {
             return;
         }
     }

@@ -1,43 +1,31 @@
 #include "nikon/World.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <new>
-
+#include "common/Maker.h"
+#include "nikon/Cameras.h"
 #include "nikon/Codes.h"
 
 namespace virtualnikon {
 
 namespace {
 
-void noteOpenObjects(World& world)
-{
-    std::string names;
-    for (const ObjectRef& object : world.objects.all()) {
-        names += " " + object->name();
-    }
-    if (!names.empty()) {
-        world.log.misuse("unloaded with open objects:" + names);
-        std::fprintf(stderr, "virtual camera: unloaded with open objects:%s\n", names.c_str());
-    }
-}
-
-void addShootingSettings(steering::Settings& settings, Options& options)
+void addShootingSettings(virtualcamera::Settings& settings, Options& options)
 {
     options.addTo(settings);
     settings.add("shutter.pending", options.capturePending, 0, 1);
+    settings.add("shutter.reads", options.reads, 0, 2);
+    settings.add("shutter.sets", options.sets, 0, 1);
+    settings.add("shutter.work_answer", options.workAnswer, 0, 1);
     settings.add("picture.file_type", options.fileType, kRows, 65535);
     settings.add("items.remove", options.remove, 0, 2);
     settings.add("items.newest_first", options.newestFirst, 0, 1);
     settings.add("items.thumbnails", options.thumbnails, 0, 1);
 }
 
-void addModuleSettings(steering::Settings& settings, Options& options)
+void addModuleSettings(virtualcamera::Settings& settings, Options& options)
 {
     constexpr std::int64_t kHour = 3600000;
     settings.add("transfer.chunk", options.chunk, 1, 100000000);
     settings.add("transfer.per_call", options.chunksPerCall, 0, 1000000);
-    settings.add("transfer.rate", options.rate, 0.0, 1e6);
     settings.add("progress.calls", options.progress, 0, 2);
     settings.add("progress.total", options.data.progressTotal, -1, 0xFFFFFFFF);
     settings.add("complete.calls", options.completeCalls, 0, 1000000);
@@ -51,7 +39,7 @@ void addModuleSettings(steering::Settings& settings, Options& options)
     settings.add("misuse.data_procedure", options.dataProcedure, 0, 1);
 }
 
-void addUntruthSettings(steering::Settings& settings, Options& options)
+void addCorruptionSettings(virtualcamera::Settings& settings, Options& options)
 {
     constexpr std::int64_t kMost = 0xFFFFFFFF;
     settings.add("data.total", options.data.total, -1, kMost);
@@ -75,137 +63,15 @@ World::World()
 {
     addShootingSettings(settings, options);
     addModuleSettings(settings, options);
-    addUntruthSettings(settings, options);
-    addFactoryCamera();
+    addCorruptionSettings(settings, options);
+    virtualnikon::addFactoryCamera(*this);
 }
 
 World& world()
 {
-    alignas(World) static unsigned char storage[sizeof(World)];
-    static auto* const world = new (storage) World;
-    static const steering::Unloader unloader(*world);
-    return *world;
-}
-
-bool World::isIdle() const
-{
-    const bool isPending = std::any_of(pending.begin(), pending.end(), [](const auto& command) {
-        return !command->isReady || !command->how.isNever;
-    });
-    return underWay == 0 && delivering == 0 && !isPending && exposures.empty() && events.empty();
-}
-
-void World::catchUp()
-{
-    develop(*this);
-}
-
-Clock::time_point World::nextDue() const
-{
-    Clock::time_point due = Clock::time_point::max();
-    for (const auto& exposure : exposures) {
-        due = std::min(due, exposure->due);
-    }
-    return due;
-}
-
-void World::addFactoryCamera()
-{
-    addCamera(*this, "Virtual NIKON", static_cast<std::uint32_t>(cameras.size()) + 1);
-}
-
-void World::applyOptions()
-{
-    log.keep(static_cast<std::size_t>(options.logLines));
-    for (const auto& camera : cameras) {
-        if (camera != nullptr) {
-            camera->body->setLight(options.light);
-        }
-    }
-}
-
-void World::unload()
-{
-    Lock lock(mutex);
-    stopThread(*this, lock);
-    noteOpenObjects(*this);
-    forgetShared();
-    objects.clear();
-    static_cast<State&>(*this) = State{};
-}
-
-std::shared_ptr<Camera> addCamera(World& world, const std::string& name, std::uint32_t id)
-{
-    auto camera = std::make_shared<Camera>();
-    camera->body = std::make_shared<Body>(static_cast<int>(world.cameras.size()), id, name);
-    camera->body->setLight(world.options.light);
-    world.cameras.push_back(camera);
-    return camera;
-}
-
-void plug(World& world, Camera& camera)
-{
-    if (camera.body->isPlugged) {
-        return;
-    }
-    camera.body->isPlugged = true;
-    ++camera.connections;
-    raiseChild(world, kMaidEventAddChild, world.objects.find(kMaidLevelModule, 0),
-               camera.body->id());
-    world.changed.notify_all();
-}
-
-void unplug(World& world, Camera& camera)
-{
-    if (!camera.body->isPlugged) {
-        return;
-    }
-    camera.body->isPlugged = false;
-    for (const PendingRef& pending : std::list<PendingRef>(world.pending)) {
-        const bool concerns = pending->object->camera.get() == &camera;
-        if (concerns && !pending->isReady && pending->transfer == nullptr) {
-            finishPending(world, pending, static_cast<MaidResult>(world.options.goneCode));
-        }
-    }
-    raiseChild(world, kMaidEventRemoveChild, world.objects.find(kMaidLevelModule, 0),
-               camera.body->id());
-    world.changed.notify_all();
-}
-
-void reset(World& world)
-{
-    world.resetShared();
-    world.options = Options{};
-    world.applyOptions();
-    world.untruths.clear();
-    world.rules.clear();
-    world.pictures.clear();
-    world.untrueChildren.clear();
-    world.objects.forgetClosed();
-    for (const PendingRef& pending : std::list<PendingRef>(world.pending)) {
-        pending->how = Completion{};
-        if (pending->exposure != nullptr && !pending->isReady) {
-            finishPending(world, pending, result::kAborted);
-        }
-    }
-    world.exposures.clear();
-    if (world.objects.find(kMaidLevelSource, 0) == nullptr) {
-        world.cameras.clear();
-        world.addFactoryCamera();
-    }
-    for (const auto& camera : world.cameras) {
-        if (camera == nullptr) {
-            continue;
-        }
-        camera->body->isExposing = false;
-        camera->body->shots = 0;
-        camera->body->files = 0;
-        for (const auto& item : std::vector<std::shared_ptr<Item>>(camera->items)) {
-            removeItem(world, *camera, item, false);
-        }
-        camera->items.clear();
-    }
-    world.changed.notify_all();
+    auto& world = virtualcamera::onlyOne<World>();
+    static const virtualcamera::Unloader unloader;
+    return world;
 }
 
 }  // namespace virtualnikon

@@ -3,7 +3,6 @@
 #include <stb_easy_font.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -16,6 +15,7 @@ namespace scene {
 namespace {
 
 constexpr int kLineHeight = 12;  // of the font, in its own units
+constexpr int kWidthForTwoLines = 480;
 
 void fillRectangle(Image& image, int left, int top, int right, int bottom, std::uint8_t level)
 {
@@ -54,27 +54,11 @@ std::string printable(std::string text)
     return text;
 }
 
-// The font comes as rectangles: four corners each, a corner is x, y, z and a colour.
 void drawText(Image& image, int x, int y, int scale, const std::string& text)
 {
-    struct Corner {
-        float x;
-        float y;
-        float z;
-        std::uint32_t color;
-    };
-    static_assert(sizeof(Corner) == 16);
-
-    std::string letters = printable(text).substr(0, 80);
-    std::vector<Corner> corners(letters.size() * 40 + 40);
-    const int rectangles = stb_easy_font_print(0, 0, letters.data(), nullptr, corners.data(),
-                                               static_cast<int>(corners.size() * sizeof(Corner)));
-    for (int i = 0; i < rectangles; ++i) {
-        const Corner& first = corners[static_cast<std::size_t>(i) * 4];
-        const Corner& last = corners[static_cast<std::size_t>(i) * 4 + 2];
-        fillRectangle(image, x + static_cast<int>(first.x) * scale,
-                      y + static_cast<int>(first.y) * scale, x + static_cast<int>(last.x) * scale,
-                      y + static_cast<int>(last.y) * scale, 240);
+    for (const Box& box : textBlock(text).boxes) {
+        fillRectangle(image, x + box.left * scale, y + box.top * scale, x + box.right * scale,
+                      y + box.bottom * scale, 240);
     }
 }
 
@@ -107,23 +91,58 @@ std::string timeText(std::int64_t time, char dateSeparator, char middle)
            padded(second % 60);
 }
 
-void drawCaption(Image& image, const PictureFacts& facts)
+TextBlock textBlock(const std::string& text)
+{
+    // The font comes as rectangles: four corners each, a corner is x, y, z and a colour.
+    struct Corner {
+        float x;
+        float y;
+        float z;
+        std::uint32_t color;
+    };
+    static_assert(sizeof(Corner) == 16);
+
+    std::string letters = printable(text).substr(0, 160);
+    std::vector<Corner> corners(letters.size() * 40 + 40);
+    const int rectangles = stb_easy_font_print(0, 0, letters.data(), nullptr, corners.data(),
+                                               static_cast<int>(corners.size() * sizeof(Corner)));
+    TextBlock block;
+    for (int i = 0; i < rectangles; ++i) {
+        const Corner& first = corners[static_cast<std::size_t>(i) * 4];
+        const Corner& last = corners[static_cast<std::size_t>(i) * 4 + 2];
+        block.boxes.push_back({static_cast<int>(first.x), static_cast<int>(first.y),
+                               static_cast<int>(last.x), static_cast<int>(last.y)});
+        block.width = std::max(block.width, block.boxes.back().right);
+        block.height = std::max(block.height, block.boxes.back().bottom);
+    }
+    return block;
+}
+
+void drawCaption(Image& image, const PictureFacts& facts, int top)
 {
     const std::string sign = facts.compensation < 0 ? "" : "+";
-    const std::array<std::string, 4> lines{
-        "Shot " + std::to_string(facts.shot) + "   " + facts.model,
-        facts.mode + "   " + facts.shutter + " s   f/" + facts.aperture + "   ISO " +
-            facts.sensitivity + "   " + sign + steering::fixedPoint(facts.compensation, 1) + " EV",
-        facts.whiteBalance + " " + std::to_string(std::lround(facts.kelvin)) + " K   " +
-            facts.quality,
-        timeText(facts.time, '-', ' ') + " UTC   " + facts.fileName,
-    };
+    const std::string shot = "Shot " + std::to_string(facts.shot) + "   " + facts.model;
+    const std::string exposure = facts.mode + "   " + facts.shutter + " s   f/" + facts.aperture +
+                                 "   ISO " + facts.sensitivity + "   " + sign +
+                                 virtualcamera::fixedPoint(facts.compensation, 1) + " EV";
+    const std::string color = facts.whiteBalance + " " + std::to_string(std::lround(facts.kelvin)) +
+                              " K   " + facts.quality;
+    const std::string name = timeText(facts.time, '-', ' ') + " UTC   " + facts.fileName;
 
-    const int scale = std::max(1, image.width / 320);
+    // Two long lines where they have room, so that the band takes little of the picture.
+    std::vector<std::string> lines{exposure + "   " + color, shot + "   " + name};
+    if (image.width < kWidthForTwoLines) {
+        lines = {shot, exposure, color, name};
+    }
+    const int scale = std::max(1, image.width / kWidthForTwoLines);
     const int margin = 4 * scale;
-    const int band = 4 * kLineHeight * scale + margin;
-    darken(image, image.height - band);
-    int y = image.height - band + margin;
+    const int band = static_cast<int>(lines.size()) * kLineHeight * scale + margin;
+    const int bandTop = facts.height - band - top;
+    if (bandTop >= image.height) {
+        return;
+    }
+    darken(image, bandTop);
+    int y = bandTop + margin;
     for (const std::string& line : lines) {
         drawText(image, margin, y, scale, line);
         y += kLineHeight * scale;

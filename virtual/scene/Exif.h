@@ -15,7 +15,10 @@ TiffDirectory exifDirectory(const PictureFacts& facts);
 // The tag in the main directory that points to the EXIF directory.
 constexpr std::uint16_t kExifPointer = 0x8769;
 
-// A JPEG APP1 segment, marker included. The brief one says camera, time and shot only.
-Bytes exifSegment(const PictureFacts& facts, bool brief);
+// A JPEG APP1 segment, marker included. The thumbnail is a JPEG of some kilobytes, or empty: none.
+Bytes exifSegment(const PictureFacts& facts, const Bytes& thumbnail);
+
+// One that says camera, time and shot only.
+Bytes briefExifSegment(const PictureFacts& facts);
 
 }  // namespace scene

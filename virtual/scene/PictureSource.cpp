@@ -7,6 +7,7 @@
 
 #include "common/Random.h"
 #include "scene/Exif.h"
+#include "scene/Parallel.h"
 
 namespace scene {
 
@@ -14,6 +15,12 @@ namespace {
 
 constexpr std::size_t kLongestComment = 65533;  // bytes of text in one JPEG comment segment
 constexpr int kSmallestWidth = 8;
+
+// From this width on a picture is as a camera's: with a thumbnail, and raw files of its own size.
+// Smaller ones are for quick tests.
+constexpr int kLargeWidth = 1600;
+constexpr int kThumbnailWidth = 160;
+constexpr int kPreviewWidth = 1620;
 
 void collect(void* context, void* data, int size)
 {
@@ -31,10 +38,110 @@ Bytes encode(const Image& image, int quality)
     return bytes;
 }
 
+// A large picture is made of strips: each is small enough to stay in the processor's memory. Their
+// height is a multiple of what the encoder takes together.
+constexpr int kStripHeight = 128;
+
+template <typename Work>
+void doStrips(int height, Work work)
+{
+    doAll(static_cast<std::size_t>((height + kStripHeight - 1) / kStripHeight),
+          [&](std::size_t strip) {
+              const int top = static_cast<int>(strip) * kStripHeight;
+              work(strip, top, std::min(height, top + kStripHeight));
+          });
+}
+
+std::size_t numberAt(const Bytes& jpeg, std::size_t at)
+{
+    return static_cast<std::size_t>(jpeg[at]) * 256 + jpeg[at + 1];
+}
+
+// Where a JPEG's segment with this marker begins.
+std::size_t segmentAt(const Bytes& jpeg, std::uint8_t marker)
+{
+    std::size_t at = 2;
+    while (jpeg[at + 1] != marker) {
+        at += 2 + numberAt(jpeg, at + 2);
+    }
+    return at;
+}
+
+void append16BigEndian(Bytes& bytes, std::size_t value)
+{
+    bytes.push_back(static_cast<std::uint8_t>(value >> 8U & 0xFFU));
+    bytes.push_back(static_cast<std::uint8_t>(value & 0xFFU));
+}
+
+// Joins pictures of the same width, one below the other: the code of each is what lies between two
+// restart markers of the whole. Only the last one may be lower than the others.
+Bytes joined(const std::vector<Bytes>& strips, int width, int height)
+{
+    constexpr std::uint8_t kFrame = 0xC0;
+    constexpr std::uint8_t kScan = 0xDA;
+    constexpr std::uint8_t kInterval = 0xDD;
+    const Bytes& first = strips.front();
+    const std::size_t frame = segmentAt(first, kFrame);
+    const std::size_t scan = segmentAt(first, kScan);
+    const std::size_t code = scan + 2 + numberAt(first, scan + 2);
+    const int block = first[frame + 11] == 0x22 ? 16 : 8;  // the sampling of the brightness
+    const int blocks = (width + block - 1) / block * (kStripHeight / block);
+
+    Bytes whole(first.begin(), first.begin() + static_cast<std::ptrdiff_t>(scan));
+    whole[frame + 5] = static_cast<std::uint8_t>(height / 256);
+    whole[frame + 6] = static_cast<std::uint8_t>(height % 256);
+    whole.insert(whole.end(), {0xFF, kInterval, 0, 4});
+    append16BigEndian(whole, static_cast<std::size_t>(blocks));
+    whole.insert(whole.end(), first.begin() + static_cast<std::ptrdiff_t>(scan),
+                 first.begin() + static_cast<std::ptrdiff_t>(code));
+    for (std::size_t strip = 0; strip < strips.size(); ++strip) {
+        if (strip > 0) {
+            whole.insert(whole.end(), {0xFF, static_cast<std::uint8_t>(0xD0 + (strip - 1) % 8)});
+        }
+        whole.insert(whole.end(), strips[strip].begin() + static_cast<std::ptrdiff_t>(code),
+                     strips[strip].end() - 2);
+    }
+    whole.insert(whole.end(), {0xFF, 0xD9});
+    return whole;
+}
+
+Bytes encodedPhotograph(const PictureFacts& facts)
+{
+    if (facts.width < kLargeWidth) {
+        return encode(render(facts), facts.jpegQuality);
+    }
+    const Photograph photograph(facts);
+    std::vector<Bytes> strips(
+        static_cast<std::size_t>((facts.height + kStripHeight - 1) / kStripHeight));
+    doStrips(facts.height, [&](std::size_t strip, int top, int bottom) {
+        strips[strip] = encode(photograph.rows(top, bottom), facts.jpegQuality);
+    });
+    return joined(strips, facts.width, facts.height);
+}
+
+// The same picture without its caption, with another width.
+PictureFacts reduced(const PictureFacts& facts, int width)
+{
+    PictureFacts small = facts;
+    small.width = width;
+    small.height = std::max(1, facts.height * width / facts.width);
+    small.jpegQuality = std::min(85, facts.jpegQuality);
+    small.hasCaption = width >= kLargeWidth;
+    return small;
+}
+
+Bytes thumbnail(const PictureFacts& facts)
+{
+    if (facts.width < kLargeWidth) {
+        return {};
+    }
+    return encode(render(reduced(facts, kThumbnailWidth)), 80);
+}
+
 // A sensor's data does not compress, and neither does this.
 void appendNoise(Bytes& bytes, std::size_t count, std::uint64_t seed)
 {
-    steering::Random random(seed);
+    virtualcamera::Random random(seed);
     std::size_t at = bytes.size();
     bytes.resize(at + count);
     for (const std::size_t end = bytes.size(); at < end; at += 8) {
@@ -89,27 +196,35 @@ JpegParts fittingJpeg(const PictureFacts& facts, std::size_t size)
 {
     JpegParts parts;
     for (const PictureFacts& step : shrinking(facts)) {
-        parts.picture = encode(render(step), step.jpegQuality);
-        parts.exif = exifSegment(step, false);
+        parts.picture = encodedPhotograph(step);
+        parts.exif = exifSegment(step, thumbnail(step));
         if (size == 0 || parts.picture.size() + parts.exif.size() <= size) {
             return parts;
         }
     }
-    parts.exif = exifSegment(facts, true);
+    parts.exif = briefExifSegment(facts);
     return parts;
 }
 
-// The sensor behind red, green, green and blue filters.
-void appendMosaic(Bytes& bytes, const Image& image)
+// The sensor behind red, green, green and blue filters: 16-bit values, little-endian.
+Bytes mosaicOf(const PictureFacts& facts)
 {
-    for (int y = 0; y < image.height; ++y) {
-        for (int x = 0; x < image.width; ++x) {
-            const auto channel = static_cast<std::size_t>(x % 2 + y % 2);
-            const auto pixel = static_cast<std::size_t>(y) * static_cast<std::size_t>(image.width) +
-                               static_cast<std::size_t>(x);
-            append16(bytes, static_cast<std::uint16_t>(image.samples[pixel * 3 + channel] << 6U));
+    const Photograph photograph(facts);
+    const auto width = static_cast<std::size_t>(facts.width);
+    Bytes mosaic(width * static_cast<std::size_t>(facts.height) * 2);
+    doStrips(facts.height, [&](std::size_t /*strip*/, int top, int bottom) {
+        const Image image = photograph.rows(top, bottom);
+        const std::uint8_t* pixel = image.samples.data();
+        std::uint8_t* value = &mosaic[width * static_cast<std::size_t>(top) * 2];
+        for (int y = top; y < bottom; ++y) {
+            for (int x = 0; x < facts.width; ++x, pixel += 3) {
+                const unsigned light = pixel[x % 2 + y % 2] * 64U;
+                *value++ = static_cast<std::uint8_t>(light & 0xFFU);
+                *value++ = static_cast<std::uint8_t>(light >> 8U);
+            }
         }
-    }
+    });
+    return mosaic;
 }
 
 struct RawParts {
@@ -157,20 +272,19 @@ void describeSensor(TiffDirectory& directory, int width)
 
 RawParts rawParts(const PictureFacts& facts, bool brief)
 {
-    PictureFacts preview = facts;
+    PictureFacts preview = facts.width > kPreviewWidth ? reduced(facts, kPreviewWidth) : facts;
     preview.jpegQuality = std::min(90, facts.jpegQuality);  // above 90 the subsampling changes
-    const Image image = render(preview);
 
     RawParts parts;
     parts.hasExif = !brief;
     parts.main = brief ? TiffDirectory{} : mainDirectory(facts);
     parts.exif = exifDirectory(facts);
-    parts.preview = encode(image, preview.jpegQuality);
+    parts.preview = encodedPhotograph(preview);
     if (!brief) {
         parts.main.number(kExifPointer, 0);
-        appendMosaic(parts.mosaic, image);
+        parts.mosaic = mosaicOf(facts);
     }
-    describePreview(parts.main, facts.width, facts.height);
+    describePreview(parts.main, preview.width, preview.height);
     describeSensor(parts.sensor, facts.width);
     return parts;
 }
@@ -219,14 +333,16 @@ Bytes assemble(RawParts& parts, int width, std::size_t strip, std::uint64_t seed
 
 Bytes makeRawOf(const PictureFacts& facts, std::int64_t size, RawForm form)
 {
-    // The preview and the mosaic are half as wide as the pictures: a small file is a quick test.
-    PictureFacts half = facts;
-    half.width = std::max(kSmallestWidth, facts.width / 2);
-    half.height = std::max(kSmallestWidth, facts.height / 2);
+    // Preview and mosaic of small pictures are half as wide: a small file is a quick test.
+    PictureFacts sensor = facts;
+    if (facts.width < kLargeWidth) {
+        sensor.width = std::max(kSmallestWidth, facts.width / 2);
+        sensor.height = std::max(kSmallestWidth, facts.height / 2);
+    }
 
     const auto wanted = static_cast<std::size_t>(size);
     const auto seed = static_cast<std::uint64_t>(facts.shot);
-    for (const PictureFacts& step : shrinking(half)) {
+    for (const PictureFacts& step : shrinking(sensor)) {
         RawParts parts = rawParts(step, false);
         const std::size_t made = kRawHeader + parts.directories() + parts.preview.size();
         if (wanted == 0) {
@@ -236,7 +352,7 @@ Bytes makeRawOf(const PictureFacts& facts, std::int64_t size, RawForm form)
             return assemble(parts, step.width, wanted - made, seed, form);
         }
     }
-    PictureFacts smallest = shrinking(half).back();
+    PictureFacts smallest = shrinking(sensor).back();
     RawParts parts = rawParts(smallest, true);
     const std::size_t made = kRawHeader + parts.directories() + parts.preview.size();
     return assemble(parts, smallest.width, wanted > made ? wanted - made : 0, seed, form);
@@ -275,9 +391,7 @@ Bytes makePlainRaw(const PictureFacts& facts, std::int64_t size)
 
 Bytes makeSensorRows(const PictureFacts& facts)
 {
-    Bytes rows;
-    appendMosaic(rows, render(facts));
-    return rows;
+    return mosaicOf(facts);
 }
 
 Bytes makeFrame(const PictureFacts& facts, Histogram& histogram)

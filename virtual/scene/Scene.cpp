@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 
 #include "common/Random.h"
 #include "scene/Caption.h"
+#include "scene/Plate.h"
 
 namespace scene {
 
@@ -13,47 +15,8 @@ namespace {
 // The light of the scene, as a camera in it would take it for white.
 constexpr double kSceneKelvin = 5200;
 
-struct Light {
-    double red;
-    double green;
-    double blue;
-};
-
-constexpr Light kZenith{0.10, 0.19, 0.42};
-constexpr Light kHorizon{0.38, 0.44, 0.52};
-constexpr Light kSun{6.0, 5.6, 4.6};
-constexpr Light kFarHill{0.10, 0.14, 0.17};
-constexpr Light kNearHill{0.05, 0.10, 0.045};
-constexpr Light kMeadow{0.09, 0.16, 0.05};
-constexpr Light kCardFrame{0.02, 0.02, 0.02};
-constexpr std::array<Light, 12> kCardFields{{
-    {0.90, 0.90, 0.90},
-    {0.58, 0.58, 0.58},
-    {0.36, 0.36, 0.36},
-    {0.18, 0.18, 0.18},
-    {0.09, 0.09, 0.09},
-    {0.03, 0.03, 0.03},
-    {0.43, 0.03, 0.04},
-    {0.07, 0.29, 0.06},
-    {0.03, 0.05, 0.29},
-    {0.60, 0.50, 0.02},
-    {0.50, 0.09, 0.30},
-    {0.02, 0.24, 0.38},
-}};
-
-struct Pixel {
-    std::uint8_t red;
-    std::uint8_t green;
-    std::uint8_t blue;
-};
-
-Light mix(const Light& from, const Light& to, double share)
-{
-    return {from.red + (to.red - from.red) * share, from.green + (to.green - from.green) * share,
-            from.blue + (to.blue - from.blue) * share};
-}
-
-// Turns light into samples, as exposure and white balance want it.
+// What a camera makes of light: a sample for each level of a colour, as exposure and white balance
+// want it.
 class Developer
 {
 public:
@@ -61,148 +24,161 @@ public:
     {
         const double exposure = std::exp2(facts.stops);
         const double warmth = std::pow(facts.kelvin / kSceneKelvin, 0.75);
-        m_gain = {exposure * warmth, exposure, exposure / warmth};
+        fill(m_curves[0], exposure * warmth);
+        fill(m_curves[1], exposure);
+        fill(m_curves[2], exposure / warmth);
     }
 
-    Pixel operator()(const Light& light) const
+    std::uint8_t operator()(std::size_t channel, int level) const
     {
-        return {sample(light.red * m_gain.red), sample(light.green * m_gain.green),
-                sample(light.blue * m_gain.blue)};
+        return m_curves[channel][static_cast<std::size_t>(std::clamp(level, 0, kPlateLevels - 1))];
     }
 
 private:
-    // A soft shoulder instead of a hard clip: more light is brighter all the way up.
+    using Curve = std::array<std::uint8_t, kPlateLevels>;
+
+    static void fill(Curve& curve, double gain)
+    {
+        for (std::size_t level = 0; level < curve.size(); ++level) {
+            const double root = static_cast<double>(level) / (kPlateLevels - 1);
+            curve[level] = sample(root * root * kBrightest * gain);
+        }
+    }
+
+    // A soft shoulder instead of a hard clip, more light is brighter all the way up; and a gentle
+    // foot, as in prints.
     static std::uint8_t sample(double light)
     {
-        const double toned = 1 - std::exp(-1.2 * light);
-        return static_cast<std::uint8_t>(std::lround(std::pow(toned, 1 / 2.2) * 255));
+        const double toned = std::pow(1 - std::exp(-1.45 * light), 1 / 2.2);
+        const double steep = toned * toned * (3 - 2 * toned);
+        return static_cast<std::uint8_t>(std::lround((0.65 * toned + 0.35 * steep) * 255));
     }
 
-    Light m_gain{};
+    std::array<Curve, 3> m_curves{};
 };
 
-class Canvas
+// Grain like a sensor's, in a plate's levels: the more, the higher the sensitivity and the less
+// light there is. Most of it is in brightness, some in colour.
+class Grain
 {
 public:
-    Canvas(int width, int height) : m_image{width, height, {}}
+    explicit Grain(const PictureFacts& facts)
+        : m_noise(keptNoise()), m_shot(static_cast<std::uint64_t>(facts.shot))
     {
-        m_image.samples.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) *
-                               3);
+        const double sensitivity = std::max(facts.iso, 1) / 100.0;
+        const double deviation = 4 * std::sqrt(sensitivity) * std::exp2(-facts.stops / 2);
+        m_strength = static_cast<int>(std::lround(std::clamp(deviation, 0.1, 400.0) * kUnit));
     }
 
-    int width() const { return m_image.width; }
-    int height() const { return m_image.height; }
-    Image& image() { return m_image; }
-
-    // Fills columns `left` to `right` (not included) of a row, cut to the image.
-    void fillRow(int y, int left, int right, Pixel pixel)
+    int operator[](std::size_t place) const
     {
-        left = std::clamp(left, 0, m_image.width);
-        right = std::clamp(right, left, m_image.width);
-        if (y < 0 || y >= m_image.height) {
-            return;
-        }
-        std::uint8_t* sample = m_image.samples.data() + offset(left, y);
-        for (int x = left; x < right; ++x) {
-            *sample++ = pixel.red;
-            *sample++ = pixel.green;
-            *sample++ = pixel.blue;
-        }
+        return m_noise[place % m_noise.size()] * m_strength / (kDeviation * kUnit);
     }
 
-    void fill(int left, int top, int right, int bottom, Pixel pixel)
+    // Each row begins at another place of the same noise.
+    std::size_t startOf(int row) const
     {
-        for (int y = top; y < bottom; ++y) {
-            fillRow(y, left, right, pixel);
-        }
+        const std::uint64_t seed = m_shot << 16U ^ static_cast<std::uint64_t>(row);
+        return static_cast<std::size_t>(virtualcamera::Random(seed).next() >> 32U);
     }
 
 private:
-    std::size_t offset(int x, int y) const
+    static constexpr int kUnit = 16;
+    static constexpr int kDeviation = 32;  // of the noise
+
+    using Noise = std::array<std::int8_t, 65536>;
+
+    // Sums of several throws are distributed nearly as grain is.
+    static Noise makeNoise()
     {
-        return (static_cast<std::size_t>(y) * static_cast<std::size_t>(m_image.width) +
-                static_cast<std::size_t>(x)) *
-               3;
+        Noise noise{};
+        virtualcamera::Random random(1);
+        for (std::int8_t& value : noise) {
+            const std::uint64_t bits = random.next();
+            int sum = -6 * 127;
+            for (unsigned part = 0; part < 6; ++part) {
+                sum += static_cast<int>(bits >> (part * 8U) & 0xFFU);
+            }
+            value = static_cast<std::int8_t>(std::clamp(sum * kDeviation / 181, -127, 127));
+        }
+        return noise;
     }
 
-    Image m_image;
+    static const Noise& keptNoise()
+    {
+        static const Noise kNoise = makeNoise();
+        return kNoise;
+    }
+
+    const Noise& m_noise;
+    std::uint64_t m_shot;
+    int m_strength;
 };
 
-void drawSky(Canvas& canvas, const Developer& develop)
+// Where samples of the picture lie in the plate, along one of its sides: between which neighbours,
+// and how near to the second, in shares of 256.
+struct Place {
+    std::size_t first;
+    std::size_t second;
+    unsigned share;
+};
+
+std::vector<Place> placesOf(int count, double start, double length, int size)
 {
-    for (int y = 0; y < canvas.height(); ++y) {
-        const double share = std::min(1.0, 1.6 * y / canvas.height());
-        canvas.fillRow(y, 0, canvas.width(), develop(mix(kZenith, kHorizon, share)));
+    std::vector<Place> places;
+    places.reserve(static_cast<std::size_t>(count));
+    const auto last = static_cast<std::size_t>(size - 1);
+    for (int i = 0; i < count; ++i) {
+        const double at = std::clamp((start + length * (i + 0.5) / count) * size - 0.5, 0.0,
+                                     static_cast<double>(last));
+        const auto first = static_cast<std::size_t>(at);
+        const auto share = static_cast<unsigned>((at - static_cast<double>(first)) * 256);
+        places.push_back({first, std::min(first + 1, last), share});
+    }
+    return places;
+}
+
+unsigned blended(unsigned from, unsigned to, unsigned share)
+{
+    return (from * (256 - share) + to * share) >> 8U;
+}
+
+// What of the plate is shown: its middle, as large as the picture's shape allows, or a part of it.
+Area shownOf(const Plate& plate, const PictureFacts& facts)
+{
+    const double shape = static_cast<double>(facts.width) / facts.height;
+    const double own = static_cast<double>(plate.width) / plate.height;
+    const double width = std::min(1.0, shape / own);
+    const double height = std::min(1.0, own / shape);
+    const double left = (1 - width) / 2 + facts.viewLeft * width;
+    const double top = (1 - height) / 2 + facts.viewTop * height;
+    return {left, top, left + facts.viewSize * width, top + facts.viewSize * height};
+}
+
+// Writes the shot's number on its card.
+void drawNumber(Plate& plate, int shot)
+{
+    const Area card = numberCard();
+    const TextBlock text = textBlock(std::to_string(shot));
+    const double width = (card.right - card.left) * plate.width;
+    const double height = (card.bottom - card.top) * plate.height;
+    const double scale = 0.7 * std::min(width / text.width, height / text.height);
+    const double left = card.left * plate.width + (width - text.width * scale) / 2;
+    const double top = card.top * plate.height + (height - text.height * scale) / 2;
+    for (const Box& box : text.boxes) {
+        for (int y = static_cast<int>(top + box.top * scale); y < top + box.bottom * scale; ++y) {
+            for (int x = static_cast<int>(left + box.left * scale); x < left + box.right * scale;
+                 ++x) {
+                std::uint16_t* const code =
+                    &plate.codes[static_cast<std::size_t>(y * plate.width + x) * 3];
+                std::for_each(code, code + 3, [](std::uint16_t& level) { level /= 5; });
+            }
+        }
     }
 }
 
-void drawSun(Canvas& canvas, const Developer& develop, int shot)
-{
-    const int radius = std::max(1, canvas.width() / 22);
-    const int x = canvas.width() * (10 + (shot * 7) % 80) / 100;
-    const int y = canvas.height() * (12 + (shot * 3) % 12) / 100;
-    const Pixel pixel = develop(kSun);
-    for (int row = -radius; row <= radius; ++row) {
-        const int half = static_cast<int>(std::sqrt(radius * radius - row * row));
-        canvas.fillRow(y + row, x - half, x + half + 1, pixel);
-    }
-}
-
-void drawHills(Canvas& canvas, const Developer& develop)
-{
-    const Pixel farHill = develop(kFarHill);
-    const Pixel nearHill = develop(kNearHill);
-    for (int x = 0; x < canvas.width(); ++x) {
-        const double at = static_cast<double>(x) / canvas.width();
-        const int far = static_cast<int>(
-            (0.46 + 0.05 * std::sin(at * 9.0) + 0.02 * std::sin(at * 23.0)) * canvas.height());
-        const int near =
-            static_cast<int>((0.56 + 0.06 * std::sin(at * 5.0 + 2.0)) * canvas.height());
-        canvas.fill(x, far, x + 1, canvas.height(), farHill);
-        canvas.fill(x, near, x + 1, canvas.height(), nearHill);
-    }
-}
-
-void drawMeadow(Canvas& canvas, const Developer& develop)
-{
-    const int top = canvas.height() * 66 / 100;
-    for (int y = top; y < canvas.height(); ++y) {
-        const double share = static_cast<double>(y - top) / (canvas.height() - top);
-        canvas.fillRow(y, 0, canvas.width(), develop(mix(kNearHill, kMeadow, share)));
-    }
-}
-
-void drawCard(Canvas& canvas, const Developer& develop)
-{
-    const int field = std::max(1, canvas.width() / 16);
-    const int gap = std::max(1, field / 8);
-    const int left = canvas.width() / 2 - 3 * field;
-    const int top = canvas.height() * 47 / 100;
-    canvas.fill(left - gap, top - gap, left + 6 * field, top + 2 * field, develop(kCardFrame));
-    for (int i = 0; i < 12; ++i) {
-        const int x = left + (i % 6) * field;
-        const int y = top + (i / 6) * field;
-        canvas.fill(x, y, x + field - gap, y + field - gap,
-                    develop(kCardFields[static_cast<std::size_t>(i)]));
-    }
-}
-
-// Grain like a sensor's: the more, the higher the sensitivity.
-void addGrain(Image& image, const PictureFacts& facts)
-{
-    const int amplitude = std::clamp(static_cast<int>(std::log2(facts.iso / 50.0 + 1)), 1, 12);
-    const auto range = static_cast<unsigned>(2 * amplitude + 1);
-    steering::Random random(static_cast<std::uint64_t>(facts.shot));
-    std::uint64_t bits = 0;
-    for (std::size_t i = 0; i < image.samples.size(); ++i) {
-        bits = i % 8 == 0 ? random.next() : bits >> 8U;
-        const int grain = static_cast<int>((bits & 0xFFU) * range >> 8U) - amplitude;
-        image.samples[i] = static_cast<std::uint8_t>(std::clamp(image.samples[i] + grain, 0, 255));
-    }
-}
-
-// One pass of a box blur over `count` pixels that lie `stride` samples apart.
-void blurLine(const std::vector<std::uint8_t>& from, std::vector<std::uint8_t>& to,
+// One pass of a box blur over `count` pixels that lie `stride` levels apart.
+void blurLine(const std::vector<std::uint16_t>& from, std::vector<std::uint16_t>& to,
               std::size_t start, std::size_t stride, int count, int radius)
 {
     for (std::size_t channel = 0; channel < 3; ++channel) {
@@ -215,70 +191,115 @@ void blurLine(const std::vector<std::uint8_t>& from, std::vector<std::uint8_t>& 
             sum += from[at(i)];
         }
         for (int i = 0; i < count; ++i) {
-            to[at(i)] = static_cast<std::uint8_t>(sum / (2 * radius + 1));
+            to[at(i)] = static_cast<std::uint16_t>(sum / (2 * radius + 1));
             sum += from[at(i + radius + 1)] - from[at(i - radius)];
         }
     }
 }
 
-void blur(Image& image, double defocus)
+void blur(Plate& plate, double defocus)
 {
     const int radius =
-        std::min(static_cast<int>(std::lround(defocus * image.width / 1000)), image.width / 4);
+        std::min(static_cast<int>(std::lround(defocus * plate.width / 1000)), plate.width / 4);
     if (radius < 1) {
         return;
     }
-    const std::size_t row = static_cast<std::size_t>(image.width) * 3;
-    std::vector<std::uint8_t> across(image.samples.size());
-    for (int y = 0; y < image.height; ++y) {
-        blurLine(image.samples, across, static_cast<std::size_t>(y) * row, 3, image.width, radius);
+    const std::size_t row = static_cast<std::size_t>(plate.width) * 3;
+    std::vector<std::uint16_t> across(plate.codes.size());
+    for (int y = 0; y < plate.height; ++y) {
+        blurLine(plate.codes, across, static_cast<std::size_t>(y) * row, 3, plate.width, radius);
     }
-    for (int x = 0; x < image.width; ++x) {
-        blurLine(across, image.samples, static_cast<std::size_t>(x) * 3, row, image.height, radius);
+    for (int x = 0; x < plate.width; ++x) {
+        blurLine(across, plate.codes, static_cast<std::size_t>(x) * 3, row, plate.height, radius);
     }
 }
 
-// Enlarges the part of the image that the facts ask for.
-Image enlarged(const Image& image, const PictureFacts& facts)
+Plate plateOf(const PictureFacts& facts)
 {
-    Image part{image.width, image.height, {}};
-    part.samples.reserve(image.samples.size());
-    const auto inside = [](double share, int size) {
-        return static_cast<std::size_t>(std::clamp(static_cast<int>(share * size), 0, size - 1));
-    };
-    for (int y = 0; y < image.height; ++y) {
-        const double down = facts.viewTop + facts.viewSize * y / image.height;
-        const std::size_t row = inside(down, image.height) * static_cast<std::size_t>(image.width);
-        for (int x = 0; x < image.width; ++x) {
-            const double along = facts.viewLeft + facts.viewSize * x / image.width;
-            const auto pixel = static_cast<std::ptrdiff_t>((row + inside(along, image.width)) * 3);
-            const auto sample = image.samples.begin() + pixel;
-            part.samples.insert(part.samples.end(), sample, sample + 3);
-        }
-    }
-    return part;
+    Plate plate = *plateFor(facts.width);
+    drawNumber(plate, facts.shot);
+    blur(plate, facts.defocus);
+    return plate;
 }
 
 }  // namespace
 
+class Photograph::Parts
+{
+public:
+    explicit Parts(const PictureFacts& facts)
+        : m_facts(facts), m_plate(plateOf(facts)), m_developer(facts), m_grain(facts)
+    {
+        const Area shown = shownOf(m_plate, facts);
+        m_across = placesOf(facts.width, shown.left, shown.right - shown.left, m_plate.width);
+        m_down = placesOf(facts.height, shown.top, shown.bottom - shown.top, m_plate.height);
+    }
+
+    Image rows(int top, int bottom) const
+    {
+        Image image{m_facts.width, bottom - top, {}};
+        const std::size_t length = m_across.size() * 3;
+        image.samples.resize(length * static_cast<std::size_t>(image.height));
+        std::vector<std::uint16_t> light;
+        for (int y = top; y < bottom; ++y) {
+            lightAt(m_down[static_cast<std::size_t>(y)], light);
+            develop(y, light, &image.samples[length * static_cast<std::size_t>(y - top)]);
+        }
+        if (m_facts.hasCaption) {
+            drawCaption(image, m_facts, top);
+        }
+        return image;
+    }
+
+private:
+    // A row between two of the plate's.
+    void lightAt(const Place& place, std::vector<std::uint16_t>& light) const
+    {
+        const std::size_t length = static_cast<std::size_t>(m_plate.width) * 3;
+        light.resize(length);
+        const std::uint16_t* const upper = &m_plate.codes[place.first * length];
+        const std::uint16_t* const lower = &m_plate.codes[place.second * length];
+        for (std::size_t i = 0; i < length; ++i) {
+            light[i] = static_cast<std::uint16_t>(blended(upper[i], lower[i], place.share));
+        }
+    }
+
+    void develop(int y, const std::vector<std::uint16_t>& light, std::uint8_t* sample) const
+    {
+        std::size_t place = m_grain.startOf(y);
+        for (const Place& column : m_across) {
+            const std::uint16_t* const left = &light[column.first * 3];
+            const std::uint16_t* const right = &light[column.second * 3];
+            const int brightness = m_grain[place];
+            for (std::size_t channel = 0; channel < 3; ++channel) {
+                const unsigned level = blended(left[channel], right[channel], column.share);
+                const int color = m_grain[place + 1 + channel] / 2;
+                *sample++ = m_developer(channel, static_cast<int>(level) + brightness + color);
+            }
+            place += 4;
+        }
+    }
+
+    const PictureFacts m_facts;
+    const Plate m_plate;
+    const Developer m_developer;
+    const Grain m_grain;
+    std::vector<Place> m_across;
+    std::vector<Place> m_down;
+};
+
+Photograph::Photograph(const PictureFacts& facts) : m_parts(std::make_unique<const Parts>(facts)) {}
+
+Photograph::~Photograph() = default;
+
+Image Photograph::rows(int top, int bottom) const
+{
+    return m_parts->rows(top, bottom);
+}
+
 Image render(const PictureFacts& facts)
 {
-    Canvas canvas(facts.width, facts.height);
-    const Developer develop(facts);
-    drawSky(canvas, develop);
-    drawSun(canvas, develop, facts.shot);
-    drawHills(canvas, develop);
-    drawMeadow(canvas, develop);
-    drawCard(canvas, develop);
-    if (facts.viewSize < 1) {
-        canvas.image() = enlarged(canvas.image(), facts);
-    }
-    blur(canvas.image(), facts.defocus);
-    addGrain(canvas.image(), facts);
-    if (facts.hasCaption) {
-        drawCaption(canvas.image(), facts);
-    }
-    return std::move(canvas.image());
+    return Photograph(facts).rows(0, facts.height);
 }
 
 Histogram histogramOf(const Image& image)

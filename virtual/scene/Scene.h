@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "scene/PictureFacts.h"
@@ -19,8 +20,26 @@ struct Image {
 // Four histograms of 256 bins: luminance, red, green, blue.
 using Histogram = std::array<std::array<std::uint32_t, 256>, 4>;
 
-// Draws the scene: sky, sun (it wanders from shot to shot), hills, a meadow, a card with grey and
-// coloured fields, and a caption with the settings. Thread-safe.
+// The scene as it was photographed once: fruit, a vase and two balls on a table, a chart of
+// colours, a card with the number of the shot, and a caption with the settings. Thread-safe.
+class Photograph
+{
+public:
+    explicit Photograph(const PictureFacts& facts);
+    ~Photograph();
+    Photograph(const Photograph&) = delete;
+    Photograph& operator=(const Photograph&) = delete;
+
+    // The rows from `top` to `bottom` (not included): a large picture need not be there as a whole.
+    Image rows(int top, int bottom) const;
+
+private:
+    class Parts;
+
+    std::unique_ptr<const Parts> m_parts;
+};
+
+// All of its rows.
 Image render(const PictureFacts& facts);
 
 Histogram histogramOf(const Image& image);

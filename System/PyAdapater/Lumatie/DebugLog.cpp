@@ -41,7 +41,10 @@ void DebugLog(const char* format, ...)
     std::vsnprintf(message, sizeof message, format, values);
     va_end(values);
 
-    platform::debuggerOutput((logPrefix() + message + "\n").c_str());
+    // On the stack: there may be no memory left, and that be what is logged.
+    char line[kPrefixSize + kMessageSize + 1];
+    std::snprintf(line, sizeof line, "%s%s\n", logPrefix().c_str(), message);
+    platform::debuggerOutput(line);
 }
 
 void readDebugLogSwitch()

@@ -1,24 +1,17 @@
 // The tether object: the one thing that a Python host creates to shoot tethered.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
+#include <mutex>
 
 #include "PyCallback.h"
-#include "TetherEvents.h"
-#include "canon/Observer.h"
+#include "canon/SdkFlag.h"
 
 // The C type of every result; 32 bits, as in the Windows API.
 using BOOL = int;
 
-namespace canon {
-struct CanonState;
-}
-namespace nikon {
-struct NikonState;
-}
+class Tethering;
 
 // Chooses the camera's maker in Init and hands every operation to that maker's backend.
 //
@@ -27,18 +20,21 @@ struct NikonState;
 // earlier session: that one runs on until Uninit, which ends all of them.
 //
 // Every operation is entered with the interpreter lock held. Init and Uninit give it up while a
-// backend works; the others keep it. No operation throws. The callable may call any of them, and
-// may drop the last reference to the object.
-class Lumatie : public PyCallback, public canon::Observer
+// backend works; the others keep it, unless they have to wait for another thread. The callable may
+// call any of them, and may drop the last reference to the object. An operation throws
+// std::bad_alloc when there is no memory for it, and nothing else; an end takes none.
+class Lumatie final
 {
 public:
-    // Reads the debug log's switch. Never fails.
+    // Reads the debug log's switch.
     Lumatie();
     Lumatie(const Lumatie&) = delete;
     Lumatie& operator=(const Lumatie&) = delete;
 
-    // Ends the session first, if there is one.
-    ~Lumatie() override;
+    // Ends the session first, if there is one, and returns when all ends of its sessions are over,
+    // whoever has begun them. Inside the host's callable it waits as Uninit does. Interpreter lock
+    // held.
+    ~Lumatie();
 
     // Starts a session. `szInfo`: the path of a Nikon driver module when a file is there, else
     // the device description of a Canon camera; may be null, which is no camera's. Pictures go
@@ -50,9 +46,9 @@ public:
     // Init says of it holds here. Returns 1.
     BOOL UpdateExportFolder(const char* szExportFolder);
 
-    // Ends the session; after this returns no event is delivered. Called from inside the
-    // callable it does not wait for the session's end, which then follows by itself. Returns 0
-    // when no vendor was active, else 1.
+    // Ends the session; after this returns no event is delivered. Called from inside a callable it
+    // does not wait for what a callable holds up: that session's end then follows by itself.
+    // Returns 0 when no vendor was active, else 1.
     BOOL Uninit();
 
     // Asks for a picture; it arrives later, as an event. Returns 1.
@@ -62,26 +58,20 @@ public:
     // Types that cannot be set are ignored. Returns 1.
     BOOL SetValue(int nType, int value);
 
-    // The active maker, one of the VENDOR_* codes.
-    int vendor() const { return m_nVendor; }
+    // The active maker, one of the VENDOR_* codes. Any thread.
+    int vendor() const;
 
     // Ends the sessions of all tether objects because the interpreter is about to end. Gives up
-    // on a session that gives no sign of life for ten seconds. Interpreter lock held.
+    // on sessions that give no sign of life for ten seconds. Interpreter lock held.
     static void endAllSessions();
 
 private:
-    // The first half of Uninit, with the interpreter lock held: lets go of everything that the
-    // host gave and returns what ends the backend; null when no vendor was active. The calling
-    // thread, which may be inside the callable, waits for that end on whatever thread it runs.
-    std::function<void()> letGo();
+    // What is there between Init and Uninit; null when there is nothing, or only another process's.
+    std::shared_ptr<Tethering> tethering() const;
+    std::shared_ptr<Tethering> openTethering(PyObject* callback);
 
-    void update(canon::Observable* from, const canon::CameraEvent& event) override;
-
-    // Whether this process was split off since Init: the session is the other process's.
-    bool isCopy() const;
-
-    std::atomic<unsigned long> m_process{0};  // where Init was called last
-    std::atomic<std::int32_t> m_nVendor{VENDOR_NONE};
-    std::shared_ptr<canon::CanonState> m_canon;
-    std::shared_ptr<nikon::NikonState> m_nikon;
+    const std::uint64_t m_number;  // of this object; no other one ever has it
+    const canon::SdkFlag m_bSdkInitialized;
+    mutable std::mutex m_lock;  // guards the field below; held for a moment only
+    std::shared_ptr<Tethering> m_tethering;
 };

@@ -8,7 +8,97 @@
 %feature("autodoc", "1");
 
 %{
+#include <new>
+
 #include "Lumatie.h"
+#include "TetherEvents.h"
+%}
+
+// The generator would have the interpreter look for the types of its other modules in files, where
+// there are none, and forget every error of that: a Ctrl-C, too.
+%begin %{
+#define SWIG_LINK_RUNTIME
+%}
+
+%insert("runtime") %{
+// The types of the modules that were made by the same generator and imported before, or NULL.
+void *SWIG_ReturnGlobalTypeList(void *) {
+    void *types = NULL;
+    PyObject *capsule = NULL;
+    PyObject *holder = PyDict_GetItemString(PyImport_GetModuleDict(),
+                                            "swig_runtime_data" SWIG_RUNTIME_VERSION);
+    if (holder) capsule = PyObject_GetAttrString(holder, "type_pointer_capsule" SWIG_TYPE_TABLE_NAME);
+    if (capsule) types = PyCapsule_GetPointer(capsule, SWIGPY_CAPSULE_NAME);
+    Py_XDECREF(capsule);
+    PyErr_Clear();
+    return types;
+}
+%}
+
+// An object that is no wrapper is asked for its attribute "this", which may be one, and that one for
+// its own. The generator's search goes on as long as there are attributes, and those of a mock never
+// end: this one gives up.
+%insert("runtime") %{
+#define MOST_STEPS_TO_A_WRAPPER 32
+
+// The wrapper that the object stands for, as a reference of the caller's. NULL when there is none,
+// and with an error when its attributes do not end.
+static PyObject *wrapperOf(PyObject *object) {
+    int steps = 0;
+    Py_INCREF(object);
+    while (!SwigPyObject_Check(object)) {
+        PyObject *next = PyObject_GetAttr(object, SWIG_This());
+        Py_DECREF(object);
+        if (!next) {
+            PyErr_Clear();
+            return NULL;
+        }
+        object = next;
+        if (++steps > MOST_STEPS_TO_A_WRAPPER) {
+            Py_DECREF(object);
+            PyErr_SetString(PyExc_TypeError, "the attributes 'this' of an argument do not end");
+            return NULL;
+        }
+    }
+    return object;
+}
+
+static int convertPtr(PyObject *object, void **pointer, swig_type_info *type, int flags) {
+    PyObject *wrapper;
+    int result;
+    // A wrapper that is on its way out has no references that could be counted.
+    if (!object || object == Py_None || SwigPyObject_Check(object)) {
+        return SWIG_Python_ConvertPtr(object, pointer, type, flags);
+    }
+    wrapper = wrapperOf(object);
+    if (!wrapper) {
+        PyErr_Clear();
+        return SWIG_ERROR;
+    }
+    result = SWIG_Python_ConvertPtr(wrapper, pointer, type, flags);
+    Py_DECREF(wrapper);
+    return result;
+}
+
+// The proxy's constructor looks for a wrapper, too, to which it adds another one.
+static PyObject *initShadowInstance(PyObject *arguments) {
+    PyObject *result;
+    if (arguments && PyTuple_Check(arguments) && PyTuple_GET_SIZE(arguments) == 2) {
+        PyObject *wrapper = wrapperOf(PyTuple_GET_ITEM(arguments, 0));
+        if (!wrapper && PyErr_Occurred()) return NULL;
+        Py_XDECREF(wrapper);
+    }
+    result = SWIG_Python_InitShadowInstance(arguments);
+    if (result && PyErr_Occurred()) {
+        Py_DECREF(result);
+        return NULL;
+    }
+    return result;
+}
+
+#undef SWIG_ConvertPtr
+#define SWIG_ConvertPtr(object, pointer, type, flags) convertPtr(object, pointer, type, flags)
+#define SWIG_Python_InitShadowInstance initShadowInstance
 %}
 
 %init %{
@@ -65,29 +155,7 @@ typedef wchar_t WCHAR;
        unsigned long *, unsigned long long *, unsigned short *, wchar_t *);
 
 // The event codes, and the key words of the event texts.
-enum TetherVendor {
-    VENDOR_NONE = 0,
-    VENDOR_NIKON = 1,
-    VENDOR_CANON = 2
-};
-
-enum TetherType {
-    TETHER_GENERAL = 0,
-    TETHER_EXPOSUREMODE = 1,
-    TETHER_EXPOSUREMODE_LIST = 2,
-    TETHER_SHUTTERSPEED = 3,
-    TETHER_SHUTTERSPEED_LIST = 4,
-    TETHER_APERTURE = 5,
-    TETHER_APERTURE_LIST = 6,
-    TETHER_ISO = 7,
-    TETHER_ISO_LIST = 8,
-    TETHER_WB = 9,
-    TETHER_WB_LIST = 10,
-    TETHER_COLORTEMP = 11,
-    TETHER_COLORTEMP_LIST = 12,
-    TETHER_IMAGEQUALITY = 13,
-    TETHER_IMAGEQUALITY_LIST = 14
-};
+%include "EventCodes.h"
 
 %immutable;
 extern const char *TETHER_GENERAL_DEVICEBUSY;
@@ -99,6 +167,27 @@ extern int TETHER_CANON_AUTO;
 extern int TETHER_CANON_BULB;
 %mutable;
 
+// Texts are borrowed from an object of the call's own instead of copied once more: converting them
+// throws nothing, and a text takes memory once.
+%typemap(in, noblock=1) const char * (int res, PyObject *utf8 = 0, char *buf = 0) {
+    if (PyUnicode_Check($input)) {
+        utf8 = PyUnicode_AsUTF8String($input);
+        if (!utf8 && PyErr_ExceptionMatches(PyExc_MemoryError)) SWIG_fail;
+        PyErr_Clear();
+        buf = utf8 ? PyBytes_AsString(utf8) : 0;
+        res = utf8 ? SWIG_OK : SWIG_TypeError;
+    } else {
+        res = SWIG_AsCharPtrAndSize($input, &buf, NULL, NULL);
+    }
+    if (!SWIG_IsOK(res)) {
+        %argument_fail(res, "$type", $symname, $argnum);
+    }
+    $1 = buf;
+}
+%typemap(freearg, noblock=1) const char * {
+    Py_XDECREF(utf8$argnum);
+}
+
 // The tether object. Init and Uninit release the interpreter lock themselves.
 class Lumatie {
 public:
@@ -107,11 +196,26 @@ public:
         if (!isMainInterpreter()) {
             SWIG_exception_fail(SWIG_RuntimeError, "Lumatie works in the main interpreter only");
         }
-        $action
+        try {
+            $action
+        } catch (const std::bad_alloc &) {
+            PyErr_NoMemory();
+            SWIG_fail;
+        }
     }
     Lumatie();
     %exception;
     ~Lumatie();
+
+    // No memory is the one thing that an operation throws for.
+    %exception {
+        try {
+            $action
+        } catch (const std::bad_alloc &) {
+            PyErr_NoMemory();
+            SWIG_fail;
+        }
+    }
 
     // None converts to a null object. delete takes it; the operations below would crash on it.
     %typemap(check) Lumatie *self {

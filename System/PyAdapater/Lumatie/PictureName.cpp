@@ -4,7 +4,6 @@
 #include <mutex>
 
 #include "RecentNames.h"
-#include "platform/Platform.h"
 
 namespace {
 
@@ -35,4 +34,20 @@ std::string newPicturePath(const std::string& folder, const char* vendor,
         path += std::to_string(platform::randomNumber()) + extension;
     } while (!g_recentNames.add(now, path));
     return path;
+}
+
+NewPicture newPicture(const std::string& folder, const char* vendor, const std::string& extension,
+                      const std::function<bool(const std::string& path)>& mayMake)
+{
+    NewPicture picture;
+    bool isTaken = false;
+    do {
+        picture.path = newPicturePath(folder, vendor, extension);
+        picture.completePath = platform::completePath(picture.path);
+        if (!mayMake(picture.path)) {
+            break;
+        }
+        picture.file = platform::createFile(picture.completePath.c_str(), isTaken);
+    } while (isTaken);
+    return picture;
 }

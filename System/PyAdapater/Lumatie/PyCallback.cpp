@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <string>
+#include <new>
 
+#include "DebugLog.h"
+#include "PyErrors.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -19,6 +21,12 @@ constexpr std::size_t kMainWindowSize = 64;
 
 std::atomic<bool> g_dropAllEvents{false};
 
+// The callables that the calling thread is inside.
+thread_local unsigned t_calls = 0;
+
+// The process that has called the outermost of them.
+thread_local unsigned long t_process = 0;
+
 // As atoi of the Windows C runtime, which stops at the ends of the 32-bit range.
 std::int32_t toInt32(const char* text)
 {
@@ -26,6 +34,102 @@ std::int32_t toInt32(const char* text)
     return static_cast<std::int32_t>(std::clamp<long long>(
         value, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
 }
+
+// Runs what may end its thread by force, because the interpreter is being taken down. On POSIX that
+// unwinds the thread, and a destructor on its way may not; there the thread sleeps until the
+// process has ended.
+template <typename Function>
+auto keepingThread(const Function& function) -> decltype(function())
+{
+    try {
+        return function();
+    } catch (...) {
+        sleepForEver();
+    }
+}
+
+// The interpreter lock for the time of a call. A thread that Python does not know gets a state of
+// its own meanwhile. PyGILState_Ensure would do the same, but end the process when there is no
+// memory for the state.
+class CallLock
+{
+public:
+    CallLock() : m_isKnown(PyGILState_GetThisThreadState() != nullptr)
+    {
+        if (m_isKnown) {
+            m_before = keepingThread([] { return PyGILState_Ensure(); });
+            return;
+        }
+        PyInterpreterState* interpreter = PyInterpreterState_Main();
+        m_own = interpreter != nullptr ? PyThreadState_New(interpreter) : nullptr;
+        if (m_own != nullptr) {
+            keepingThread([this] { PyEval_RestoreThread(m_own); });
+        }
+    }
+    CallLock(const CallLock&) = delete;
+    CallLock& operator=(const CallLock&) = delete;
+
+    ~CallLock()
+    {
+        if (m_isKnown) {
+            keepingThread([this] { PyGILState_Release(m_before); });
+        } else if (m_own != nullptr) {
+            keepingThread([this] {
+                PyThreadState_Clear(m_own);
+                PyThreadState_DeleteCurrent();
+            });
+        }
+    }
+
+    bool isHeld() const { return m_isKnown || m_own != nullptr; }
+
+private:
+    const bool m_isKnown;
+    PyGILState_STATE m_before = PyGILState_LOCKED;
+    PyThreadState* m_own = nullptr;
+};
+
+// Counts a call until nothing of it can run code of the host any more: that may be the callable's
+// own end, or, with the lock's, the end of what the callable kept in a threading.local.
+//
+// A process that was split off meanwhile ends then, as one that Python has split off on a thread:
+// it has come to the end of its only thread, so its status is 0, and no exit function runs. A
+// thread of the host's goes on.
+class CallCount
+{
+public:
+    explicit CallCount(std::atomic<unsigned>& calls) : m_calls(calls) {}
+    CallCount(const CallCount&) = delete;
+    CallCount& operator=(const CallCount&) = delete;
+
+    ~CallCount()
+    {
+        if (!m_begun) {
+            return;
+        }
+        const bool ends = !m_isPythons && PyCallback::wasSplitOff();
+        --t_calls;
+        --m_calls;
+        if (ends) {
+            std::exit(0);  // NOLINT(concurrency-mt-unsafe): see above
+        }
+    }
+
+    void begin()
+    {
+        if (t_calls == 0) {
+            t_process = platform::processNumber();
+        }
+        ++m_calls;
+        ++t_calls;
+        m_begun = true;
+    }
+
+private:
+    std::atomic<unsigned>& m_calls;
+    const bool m_isPythons = PyGILState_GetThisThreadState() != nullptr;
+    bool m_begun = false;
+};
 
 // Builds the argument tuple; null with an error set when a value does not fit the format, null
 // without one when there is no format.
@@ -36,82 +140,66 @@ PyObject* buildArguments(const char* format, va_list values)
     }
     if (format[1] == '\0') {
         // A single value would come alone; the parentheses make it a tuple of one.
-        return Py_VaBuildValue((std::string("(") + format + ")").c_str(), values);
+        const char tuple[] = {'(', format[0], ')', '\0'};
+        return Py_VaBuildValue(tuple, values);
     }
     return Py_VaBuildValue(format, values);
 }
 
-#if PY_VERSION_HEX >= 0x03090000
-
-void callAndForget(PyObject* object, const char* method)
+// The pending Python error, taken out of the way and put back.
+class PendingError
 {
-    PyObject* result = object != nullptr ? PyObject_CallMethod(object, method, nullptr) : nullptr;
-    Py_XDECREF(result);
-    PyErr_Clear();
-}
-
-// The exit status that a SystemExit with this code asks for; a text is printed.
-int exitStatus(PyObject* code)
-{
-    if (code == nullptr || code == Py_None) {
-        return 0;
-    }
-    if (PyLong_Check(code) != 0) {
-        return static_cast<int>(PyLong_AsLong(code));
-    }
-    PyFile_WriteObject(code, PySys_GetObject("stderr"), Py_PRINT_RAW);
-    PySys_WriteStderr("\n");
-    return 1;
-}
-
-PyObject* takePendingError()
-{
+public:
 #if PY_VERSION_HEX >= 0x030C0000
-    return PyErr_GetRaisedException();
+    PendingError() : m_error(PyErr_GetRaisedException()) {}
+    void restore()
+    {
+        PyErr_SetRaisedException(m_error);
+    }
+
+private:
+    PyObject* m_error;
 #else
-    PyObject* type = nullptr;
-    PyObject* error = nullptr;
-    PyObject* trace = nullptr;
-    PyErr_Fetch(&type, &error, &trace);
-    PyErr_NormalizeException(&type, &error, &trace);
-    return error;
-#endif
-}
-
-// Ends the process as a SystemExit in the main thread does, short of taking the interpreter down:
-// from another thread 3.11 and 3.12 may wait for ever, and 3.13 takes the main thread away.
-[[noreturn]] void exitProcess()
-{
-    PyObject* error = takePendingError();
-    PyObject* code = PyObject_GetAttrString(error, "code");
-    const int status = exitStatus(code);
-    PyErr_Clear();
-    callAndForget(PyImport_ImportModule("atexit"), "_run_exitfuncs");
-    callAndForget(PySys_GetObject("stdout"), "flush");
-    callAndForget(PySys_GetObject("stderr"), "flush");
-    std::exit(status);  // NOLINT(concurrency-mt-unsafe): only this thread ends the process
-}
-
-#endif
-
-void printPendingError()
-{
-    if (PyErr_Occurred() == nullptr) {
-        return;
+    PendingError()
+    {
+        PyErr_Fetch(&m_type, &m_error, &m_trace);
     }
-#if PY_VERSION_HEX >= 0x03090000
-    if (PyErr_ExceptionMatches(PyExc_SystemExit) != 0) {
-        exitProcess();
+    void restore()
+    {
+        PyErr_Restore(m_type, m_error, m_trace);
     }
+
+private:
+    PyObject* m_type = nullptr;
+    PyObject* m_error = nullptr;
+    PyObject* m_trace = nullptr;
 #endif
-    PyErr_Print();
+};
+
+// Calls the callable once. What went wrong with the values is told after the call.
+void callWith(PyObject* callback, const char* format, va_list values)
+{
+    PyObject* arguments = buildArguments(format, values);
+    PendingError building;
+    PyObject* result = PyObject_CallObject(callback, arguments);
+    Py_XDECREF(arguments);
+    PendingError raised;
+    building.restore();
+    printPendingError();
+    raised.restore();
+    printPendingError();
+    Py_XDECREF(result);
 }
 
 void (*g_exitFunction)() = nullptr;
 
 PyObject* runExitFunction(PyObject* /*self*/, PyObject* /*unused*/)
 {
-    g_exitFunction();
+    try {
+        g_exitFunction();
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
+    }
     Py_RETURN_NONE;
 }
 
@@ -139,10 +227,10 @@ void PyCallback::SetCallback(PyObject* callback)
     // Dropping the old callable may run the host's code, which may come back here and store another
     // one. That gives way to a new callable, but not to none.
     PyObject* old = m_pCallback.exchange(nullptr);
-    Py_XDECREF(old);
+    keepingThread([&] { Py_XDECREF(old); });
     if (stored != nullptr) {
         old = m_pCallback.exchange(stored);
-        Py_XDECREF(old);
+        keepingThread([&] { Py_XDECREF(old); });
     }
 }
 
@@ -151,7 +239,13 @@ void PyCallback::Call(const char* format, ...)
     if (m_pCallback == nullptr || interpreterIsEnding()) {
         return;
     }
-    const PyGILState_STATE state = PyGILState_Ensure();
+    CallCount count(m_calls);
+    const CallLock lock;
+    if (!lock.isHeld()) {
+        DebugLog("there is not enough memory: an event is given up");
+        return;
+    }
+    count.begin();
 
     // A reference of our own: the callable may be replaced while it runs, or since the first look.
     PyObject* callback = m_pCallback;
@@ -159,17 +253,20 @@ void PyCallback::Call(const char* format, ...)
         Py_INCREF(callback);
         va_list values;
         va_start(values, format);
-        PyObject* arguments = buildArguments(format, values);
+        keepingThread([&] { callWith(callback, format, values); });
         va_end(values);
-        printPendingError();
-
-        PyObject* result = PyObject_CallObject(callback, arguments);
-        Py_XDECREF(arguments);
-        printPendingError();
-        Py_XDECREF(result);
-        Py_DECREF(callback);
+        keepingThread([&] { Py_DECREF(callback); });
     }
-    PyGILState_Release(state);
+}
+
+bool PyCallback::isInsideCall()
+{
+    return t_calls > 0;
+}
+
+bool PyCallback::wasSplitOff()
+{
+    return t_calls > 0 && t_process != platform::processNumber();
 }
 
 void PyCallback::dropAllEvents()
@@ -195,10 +292,10 @@ PyThreadAllow::PyThreadAllow()
     }
 }
 
-PyThreadAllow::~PyThreadAllow() noexcept(false)
+PyThreadAllow::~PyThreadAllow()
 {
     if (m_state != nullptr) {
-        PyEval_RestoreThread(m_state);
+        keepingThread([this] { PyEval_RestoreThread(m_state); });
     }
 }
 
@@ -212,14 +309,5 @@ bool registerAtInterpreterExit(void (*function)())
     g_exitFunction = function;
     g_dropAllEvents = false;
 
-    PyObject* exitModule = PyImport_ImportModule("atexit");
-    PyObject* callable = PyCFunction_New(&g_exitMethod, nullptr);
-    PyObject* result = exitModule != nullptr && callable != nullptr
-                           ? PyObject_CallMethod(exitModule, "register", "O", callable)
-                           : nullptr;
-    const bool registered = result != nullptr;
-    Py_XDECREF(result);
-    Py_XDECREF(callable);
-    Py_XDECREF(exitModule);
-    return registered;
+    return registerExitFunction(g_exitMethod);
 }

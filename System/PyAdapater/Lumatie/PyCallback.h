@@ -4,7 +4,8 @@
 #include <atomic>
 #include <cstdint>
 
-// As Python.h declares it; only PyCallback.cpp and the generated wrapper include that header.
+// As Python.h declares it; only the sources of this way and the generated wrapper include that
+// header.
 using PyObject = struct _object;
 
 // Keeps the host's callable and calls it. The interpreter lock is taken for each call.
@@ -25,11 +26,28 @@ public:
 
     // Calls the callable with the values that `format` describes in the notation of
     // Py_BuildValue; a format of one character gives one argument, an empty or null one none.
-    // Without a callable, and once the interpreter is ending, the event is dropped. An error
-    // that the callable raises, or that a value causes, is printed; the sender never learns of
-    // it. Any thread; no lock of ours may be held. The callable may replace or clear itself and
-    // may even delete this object: the caller must touch nothing of it after the call.
+    // Without a callable, without memory for the way into Python, and once the interpreter is
+    // ending, the event is dropped. An error that the callable raises, or that a value causes, is
+    // printed; the sender never learns of it. Any thread; no lock of ours may be held. The callable
+    // may replace or clear itself; the caller keeps this object alive meanwhile.
+    //
+    // A process that is split off inside the callable, on a thread that is none of Python's, ends
+    // when the callable returns there: it has no other thread, and nobody would expect it to go on
+    // with this one's work.
+    //
+    // The error of a value is printed after the call, which is made without arguments then. An
+    // interpreter that is taken down while the calling thread is in it keeps the thread for ever.
     void Call(const char* format, ...);
+
+    // Whether the callable is running now, on any thread. Any thread.
+    bool isCalling() const { return m_calls > 0; }
+
+    // Whether the calling thread is inside a callable, whosever.
+    static bool isInsideCall();
+
+    // Whether the calling thread is inside a callable, and its process was split off in there: the
+    // thread is a copy, and what it has further up its stack is another process's.
+    static bool wasSplitOff();
 
     // The window number, for the host's own use.
     std::int64_t mainWindow() const { return m_nMainWindow; }
@@ -42,6 +60,7 @@ public:
 
 private:
     std::atomic<PyObject*> m_pCallback{nullptr};
+    std::atomic<unsigned> m_calls{0};  // under way
     std::int64_t m_nMainWindow = 0;
 };
 
@@ -53,9 +72,9 @@ public:
     PyThreadAllow(const PyThreadAllow&) = delete;
     PyThreadAllow& operator=(const PyThreadAllow&) = delete;
 
-    // Takes the lock back, when it was given up. An interpreter that has ended meanwhile ends the
-    // thread instead, by unwinding it: hence no noexcept.
-    ~PyThreadAllow() noexcept(false);
+    // Takes the lock back, when it was given up. When the interpreter is taken down meanwhile this
+    // never returns: an interpreter ends such a thread by force, and that would unwind destructors.
+    ~PyThreadAllow();
 
 private:
     struct _ts* m_state = nullptr;  // the interpreter's thread state; null: nothing was given up

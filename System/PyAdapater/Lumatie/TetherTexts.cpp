@@ -21,25 +21,12 @@ void ExportFolder::set(const char* szExportFolder)
 
     const std::lock_guard<std::mutex> guard(m_lock);
     m_text = checked;
-    m_forPictures = checked;
-}
-
-void ExportFolder::clear()
-{
-    const std::lock_guard<std::mutex> guard(m_lock);
-    m_text.clear();
 }
 
 std::string ExportFolder::text() const
 {
     const std::lock_guard<std::mutex> guard(m_lock);
     return m_text;
-}
-
-std::string ExportFolder::forPictures() const
-{
-    const std::lock_guard<std::mutex> guard(m_lock);
-    return m_forPictures;
 }
 
 void LastFile::check(const std::string& text)

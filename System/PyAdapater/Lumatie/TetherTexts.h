@@ -19,22 +19,13 @@ public:
     // process.
     void set(const char* szExportFolder);
 
-    // Empties the text when a session ends. A picture that is still under way keeps the folder
-    // that was set before (see forPictures).
-    void clear();
-
-    // The text as it stands.
+    // Empty when the host named no folder: then no path may be formed, for it would lie in the root
+    // folder. The end of a session leaves it, for the picture that is still under way.
     std::string text() const;
 
-    // The folder for a picture now: the text or, once a session's end has emptied it, what it
-    // held before. Empty when the host named no folder; then no path may be formed, for it would
-    // lie in the root folder.
-    std::string forPictures() const;
-
 private:
-    mutable std::mutex m_lock;  // guards both texts
+    mutable std::mutex m_lock;  // guards the text
     std::string m_text;
-    std::string m_forPictures;
 };
 
 // The full path of the last picture, or kLastFileError. Thread-safe.

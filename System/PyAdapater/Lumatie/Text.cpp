@@ -28,7 +28,7 @@ std::string fieldText(const char* field, std::size_t size)
     return {field, std::find(field, field + size, '\0')};
 }
 
-bool equalIgnoringCase(const std::string& left, const std::string& right)
+bool equalIgnoringCase(std::string_view left, std::string_view right)
 {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                       [](char a, char b) { return toLower(a) == toLower(b); });

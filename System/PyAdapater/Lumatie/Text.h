@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 // Copies `source` with its terminator into `target` of `size` bytes. A null source, or one of
 // `size` bytes or more, is never cut: it is handed to platform::rejectText with the words `what`.
@@ -12,4 +13,4 @@ void boundedCopy(char* target, std::size_t size, const char* source, const char*
 std::string fieldText(const char* field, std::size_t size);
 
 // Whether two texts differ in nothing but the case of ASCII letters.
-bool equalIgnoringCase(const std::string& left, const std::string& right);
+bool equalIgnoringCase(std::string_view left, std::string_view right);

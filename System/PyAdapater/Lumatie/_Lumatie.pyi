@@ -25,18 +25,32 @@ TETHER_IMAGEQUALITY_LIST: int
 # TETHER_CANON_AUTO and TETHER_CANON_BULB int. The object's type has no name that could be imported.
 cvar: Any
 
-def new_Lumatie() -> Any: ...
-def delete_Lumatie(self: Any, /) -> None: ...
+def new_Lumatie() -> Any:
+    """Makes the tether object of a `Lumatie`. Any thread may call."""
+
+def delete_Lumatie(self: Any, /) -> None:
+    """Ends the tether object's sessions, and the object. Any thread may call."""
+
 def Lumatie_Init(
     self: Any,
     szInfo: Optional[str],
     szExportFolder: Optional[str],
     callback: Optional[Callable[..., object]],
     /,
-) -> int: ...
-def Lumatie_UpdateExportFolder(self: Any, szExportFolder: Optional[str], /) -> int: ...
-def Lumatie_Uninit(self: Any, /) -> int: ...
-def Lumatie_Shoot(self: Any, /) -> int: ...
-def Lumatie_SetValue(self: Any, nType: int, value: int, /) -> int: ...
+) -> int:
+    """See `Lumatie.Init`."""
+
+def Lumatie_UpdateExportFolder(self: Any, szExportFolder: Optional[str], /) -> int:
+    """See `Lumatie.UpdateExportFolder`."""
+
+def Lumatie_Uninit(self: Any, /) -> int:
+    """See `Lumatie.Uninit`."""
+
+def Lumatie_Shoot(self: Any, /) -> int:
+    """See `Lumatie.Shoot`."""
+
+def Lumatie_SetValue(self: Any, nType: int, value: int, /) -> int:
+    """See `Lumatie.SetValue`."""
+
 def Lumatie_swigregister(proxy: type, /) -> None: ...
 def Lumatie_swiginit(proxy: Any, this: Any, /) -> None: ...

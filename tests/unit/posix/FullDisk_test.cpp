@@ -3,10 +3,11 @@
 #include <csignal>
 
 #include <sys/resource.h>
+#include <unistd.h>
 
-#include "FakeMaid.h"
 #include "TemporaryFolder.h"
 #include "TetherTexts.h"
+#include "fakes/Records.h"
 #include "nikon/DataReceiver.h"
 
 using fake::Part;
@@ -47,7 +48,7 @@ protected:
     }
 
     TemporaryFolder m_folder;
-    nikon::DataReceiver m_receiver{7, std::make_shared<nikon::LifeSigns>()};
+    nikon::DataReceiver m_receiver{7, std::make_shared<nikon::ModuleHeartbeat>()};
 };
 
 TEST_F(FullDiskTest, AShortWriteIsAFailedWriteAndNothingIsLeft)
@@ -61,15 +62,34 @@ TEST_F(FullDiskTest, AShortWriteIsAFailedWriteAndNothingIsLeft)
     EXPECT_EQ(g_szLastFile.take(), "error");
 }
 
-TEST_F(FullDiskTest, ACloseThatFailsIsAFailedWriteToo)
+TEST_F(FullDiskTest, ACloseThatFailsIsAFailedWriteTooAndThePictureNotTakenOver)
 {
+    // So little that it is written by the close alone.
+    const Part picture = fake::wholeFile(std::string(1'000, 'x'), kMaidFileJpeg, true);
     {
-        // So little that it is written by the close alone.
         const FileSizeLimit limit(100);
-        EXPECT_EQ(take(fake::wholeFile(std::string(1'000, 'x'))), kMaidOk);
+        EXPECT_EQ(take(picture), kMaidFileFailed);
     }
     EXPECT_EQ(m_receiver.results(), Results{"error"});
+    EXPECT_EQ(g_szLastFile.take(), "error");
+    EXPECT_FALSE(m_receiver.mayRemoveItem());
     EXPECT_EQ(m_folder.size(), 0);
+}
+
+TEST_F(FullDiskTest, NothingIsLeftWhenTheHostHasChangedItsFolderMeanwhile)
+{
+    m_folder.makeFolder("shots");
+    g_szExportFolder.set("shots");
+    {
+        const CurrentFolder current(m_folder.path());
+        const FileSizeLimit limit(100'000);
+        // Comes in the middle of the write, on this thread.
+        std::signal(SIGXFSZ, [](int) { EXPECT_EQ(::chdir("/"), 0); });
+        EXPECT_EQ(take(fake::wholeFile(std::string(3'000'000, 'x'))), kMaidOk);
+        EXPECT_EQ(std::filesystem::current_path(), "/");
+    }
+    EXPECT_EQ(m_receiver.results(), Results{"error"});
+    EXPECT_TRUE(std::filesystem::is_empty(m_folder.path() + "/shots"));
 }
 
 TEST_F(FullDiskTest, TheWriteOfAnImageIsNotLookedAt)

@@ -7,6 +7,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "TemporaryFolder.h"
 #include "TestSupport.h"
 
 namespace {
@@ -47,6 +48,21 @@ TEST(NewPicturePath, IsNewInABurstOfAnyLengthEvenWhenTheGeneratorRepeatsItself)
         }
     }
     EXPECT_EQ(paths.size(), 10'000U);
+}
+
+TEST(NewPicture, TakesAnotherNumberWhenThatOfAnEarlierRunIsInTheFolder)
+{
+    awaitNextSecond();
+    const TemporaryFolder folder;
+    const auto always = [](const std::string& /*path*/) { return true; };
+    repeatNumbers();
+    // What another process would have called its first picture.
+    const std::string other = newPicturePath("x", "Canon", ".JPG");
+    const std::string taken = folder.path() + other.substr(1);
+    std::ofstream(taken) << "theirs";
+    repeatNumbers();
+    EXPECT_NE(newPicture(folder.path(), "Canon", ".JPG", always).path, taken);
+    EXPECT_EQ(contentOf(taken), "theirs");
 }
 
 TEST(NewPicturePath, TakesItsNumbersFromTheUnseededGenerator)

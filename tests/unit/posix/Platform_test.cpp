@@ -3,8 +3,12 @@
 
 #include <dlfcn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <optional>
+#include <string>
 
 #include "FileTest.h"
 #include "MachineSettings.h"
@@ -28,6 +32,39 @@ TEST_F(FileTest, AFolderIsADirectoryWhoeverMayWriteIt)
                     fs::perm_options::replace);
     EXPECT_EQ(attributes(m_folder.u8string()), 0x10U);
     fs::permissions(m_folder, fs::perms::owner_all, fs::perm_options::replace);
+}
+
+TEST(ProcessTest, AProcessThatWasSplitOffHasANumberOfItsOwn)
+{
+    const unsigned long parent = platform::processNumber();
+    EXPECT_EQ(parent, static_cast<unsigned long>(::getpid()));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool isOwn = platform::processNumber() == static_cast<unsigned long>(::getpid());
+        ::_exit(isOwn ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(platform::processNumber(), parent);
+}
+
+TEST_F(FileTest, AFileUnderWayIsNotForProcessesThatAreStartedMeanwhile)
+{
+    const std::string path = (m_folder / "under way").u8string();
+    bool isThere = false;
+    const platform::File file = platform::createFile(path.c_str(), isThere);
+    ASSERT_NE(file, nullptr);
+    // What such a process has open.
+    std::FILE* child = ::popen("ls -l /proc/self/fd", "r");
+    ASSERT_NE(child, nullptr);
+    std::string open;
+    for (int letter = std::fgetc(child); letter != EOF; letter = std::fgetc(child)) {
+        open += static_cast<char>(letter);
+    }
+    EXPECT_EQ(::pclose(child), 0);
+    EXPECT_NE(open.find(" -> "), std::string::npos) << open;
+    EXPECT_EQ(open.find("under way"), std::string::npos) << open;
 }
 
 TEST_F(FileTest, ADeviceIsNormal)

@@ -20,8 +20,9 @@ void setEnvironment(const char* name, const char* value)
 
 void showDebuggerOutput() {}
 
-LoadedLibrary::LoadedLibrary(const std::string& path)
-    : m_handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL))
+LoadedLibrary::LoadedLibrary(const std::string& path, Names names)
+    : m_handle(
+          dlopen(path.c_str(), RTLD_NOW | (names == Names::kForAll ? RTLD_GLOBAL : RTLD_LOCAL)))
 {}
 
 void LoadedLibrary::unload()

@@ -1,9 +1,4 @@
 // Settings, reset, counts and the log.
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-
 #include "Host.h"
 
 namespace {
@@ -20,23 +15,6 @@ protected:
     }
 };
 
-class File
-{
-public:
-    explicit File(const std::string& content) : m_path(testing::TempDir() + "virtual-nikon.txt")
-    {
-        std::ofstream(m_path) << content;
-    }
-    ~File() { std::remove(m_path.c_str()); }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-
-    const std::string& path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
-
 TEST_F(NikonConfiguration, TellsTheFirstBadLine)
 {
     EXPECT_EQ(driver().configure("# nothing\nshutter.lag_ms = 7\n\nnonsense = 1\n"), 4);
@@ -48,20 +26,10 @@ TEST_F(NikonConfiguration, TellsTheFirstBadLine)
     EXPECT_EQ(driver().configure("corrupt.source = 1"), 1);
 }
 
-TEST_F(NikonConfiguration, WhatItTellsItTakes)
-{
-    configure("camera.name = Someone's\ncamera.mode = 1\nvalue.0x8113 = 2\ntransfer.chunk = 99");
-    const std::string told = settings();
-    driver().reset();
-    EXPECT_NE(settings(), told);
-    configure(told);
-    EXPECT_EQ(settings(), told);
-}
-
 TEST_F(NikonConfiguration, LinesDoWhatTheFunctionsDo)
 {
     configure(
-        "texts.0x8118 = Sun | Moon\ncorrupt.source.0x8118.value = 9\n"
+        "list.0x8118 = Sun | Moon\ncorrupt.source.0x8118.value = 9\n"
         "fault = CapGet code=-5 capability=0x8113\nevent = 4 lose calls=0");
     Host host;
     host.open();
@@ -69,36 +37,8 @@ TEST_F(NikonConfiguration, LinesDoWhatTheFunctionsDo)
               (std::vector<std::string>{"Sun", "Moon"}));
     EXPECT_EQ(host.list(host.source(), kMaidCapWhiteBalance).record.value, 9U);
     EXPECT_EQ(host.issue(host.source(), kMaidCommandCapGet, kMaidCapAperture).result, -5);
-    configure("corrupt.source.0x8118.value = own\ntexts.0x8118 = own");
+    configure("corrupt.source.0x8118.value = own\nlist.0x8118 = own");
     EXPECT_EQ(host.list(host.source(), kMaidCapWhiteBalance).current(), "Auto");
-}
-
-TEST_F(NikonConfiguration, TheFileThatTheEnvironmentNamesIsReadWhenTheModuleIsOpened)
-{
-    const File file("camera.id = 33\n");
-    setEnvironment("LUMATIE_VIRTUAL_NIKON", file.path().c_str());
-    Host host;
-    host.open();
-    setEnvironment("LUMATIE_VIRTUAL_NIKON", nullptr);
-    EXPECT_EQ(host.source()->id, 33U);
-}
-
-TEST_F(NikonConfiguration, TheLogIsAppendedToTheFileThatTheEnvironmentNames)
-{
-    const File file("");
-    setEnvironment("LUMATIE_VIRTUAL_LOG", file.path().c_str());
-    {
-        Host host;
-        host.open();
-    }
-    setEnvironment("LUMATIE_VIRTUAL_LOG", nullptr);
-    {
-        Host host;
-        host.open();
-    }
-    std::ostringstream text;
-    text << std::ifstream(file.path()).rdbuf();
-    EXPECT_NE(text.str().find("Open(module#0, 0x1) = 0"), std::string::npos) << text.str();
 }
 
 TEST_F(NikonConfiguration, ResetGivesTheFactoryBack)

@@ -1,4 +1,4 @@
-// Untruths about lists, descriptors and the parts of pictures.
+// Corruption of lists, descriptors and the parts of pictures.
 #include <algorithm>
 #include <cstring>
 #include <numeric>
@@ -60,7 +60,7 @@ TEST_F(NikonCorruption, TextsHaveNoEnd)
     EXPECT_EQ(std::count(array.begin(), array.end(), 0), 0);
 }
 
-TEST_F(NikonCorruption, ElementSizeTypeAndPositionAreUntrue)
+TEST_F(NikonCorruption, ElementSizeTypeAndPositionAreCorrupt)
 {
     driver().corrupt(2, kMaidCapShutterSpeed, "element_size", 8);
     const List list = shutter();
@@ -105,7 +105,7 @@ TEST_F(NikonCorruption, DescriptorsAreToldDifferentlyAndThatIsAnnounced)
                  "Shutter Speed");
 }
 
-TEST_F(NikonCorruption, UnknownUntruthsAreRefused)
+TEST_F(NikonCorruption, UnknownCorruptionIsRefused)
 {
     EXPECT_EQ(driver().corrupt(2, kMaidCapAperture, "nonsense", 1), 0);
     EXPECT_EQ(driver().corrupt(7, kMaidCapAperture, "count", 1), 0);
@@ -183,7 +183,7 @@ TEST_F(NikonBadData, ARefusedPartIsFollowedByTheNextWhenTold)
     EXPECT_EQ(m_host.received.lengths.size(), 3U);
 }
 
-TEST_F(NikonBadData, KindFileTypeAndRemoveFlagAreUntrue)
+TEST_F(NikonBadData, KindFileTypeAndRemoveFlagAreCorrupt)
 {
     fetchWith("data.kind = 0x18\ndata.file_type = 4711\ndata.remove_flag = 1");
     EXPECT_EQ(m_host.received.kind, 0x18U);

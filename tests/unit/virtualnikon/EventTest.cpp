@@ -100,7 +100,7 @@ TEST_F(NikonEvent, ASecondCameraIsTold)
     EXPECT_EQ(m_host.parameters(kMaidEventAddChild), Parameters{5});
     MaidObject* second = m_host.openChild(m_host.module(), 5);
     ASSERT_NE(second, nullptr);
-    EXPECT_TRUE(driver().sourceOpen(1));
+    EXPECT_TRUE(driver().sessionOpen(1));
     driver().remove(1);
     EXPECT_EQ(driver().count(), 2);
     EXPECT_EQ(driver().unplug(1), 0);

@@ -1,6 +1,4 @@
 // Commands that misbehave on request.
-#include <chrono>
-
 #include "Host.h"
 
 namespace {
@@ -65,26 +63,6 @@ TEST_F(NikonFault, TheNameCommandMeansAllButRunningPendingWork)
     driver().clearFaults();
     ASSERT_TRUE(driver().fault("* code=-6"));
     EXPECT_EQ(Host::async(m_host.source()), -6);
-}
-
-TEST_F(NikonFault, ACommandTakesAsLongAsTold)
-{
-    ASSERT_TRUE(driver().fault("CapGet delay_ms=60"));
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(m_host.number(m_host.source(), kMaidCapLiveness), 1U);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
-}
-
-TEST_F(NikonFault, ACommandHangsUntilItIsReleased)
-{
-    ASSERT_TRUE(driver().fault("CapGet hang"));
-    std::uint32_t value = 0;
-    std::thread caller([&] { value = m_host.number(m_host.source(), kMaidCapLiveness); });
-    EXPECT_TRUE(driver().waitForHang("CapGet", kDeadlineMs));
-    EXPECT_EQ(driver().waitForHang("Open", 0), 0);
-    EXPECT_EQ(driver().releaseHangs(), 1);
-    caller.join();
-    EXPECT_EQ(value, 1U);
 }
 
 TEST_F(NikonFault, TheCableIsPulledAtACommand)

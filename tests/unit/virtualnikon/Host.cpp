@@ -35,14 +35,6 @@ auto plain(Procedure procedure)
     return reinterpret_cast<void (*)()>(procedure);
 }
 
-std::string textOut(int (*function)(char*, int))
-{
-    std::string text(static_cast<std::size_t>(function(nullptr, 0)) + 1, '\0');
-    function(text.data(), static_cast<int>(text.size()));
-    text.pop_back();
-    return text;
-}
-
 }  // namespace
 
 std::vector<std::string> List::texts() const
@@ -405,28 +397,6 @@ std::uint32_t NikonOpenTest::picture()
     EXPECT_TRUE(driver().waitForPictures(before + 1, kDeadlineMs));
     const std::vector<std::uint32_t> items = m_host.children(m_host.source());
     return items.empty() ? 0 : items.back();
-}
-
-std::string misuses()
-{
-    return textOut(driver().misuse);
-}
-
-std::string takeMisuses()
-{
-    std::string text = misuses();
-    driver().clearMisuse();
-    return text;
-}
-
-std::string callLog()
-{
-    return textOut(driver().log);
-}
-
-void configure(const std::string& text)
-{
-    ASSERT_EQ(driver().configure(text.c_str()), 0) << textOut(driver().lastError);
 }
 
 Bytes pictureBytes(int picture)

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "Driver.h"
+#include "virtualcamera/Decoded.h"
+#include "virtualcamera/Steered.h"
 
 constexpr int kDeadlineMs = 20000;
-
-using Bytes = std::vector<std::uint8_t>;
 
 // What came of a command.
 struct Outcome {
@@ -187,9 +187,5 @@ MaidData dataOf(Record* record)
     return reinterpret_cast<MaidData>(record);
 }
 
-std::string misuses();
-std::string takeMisuses();
-std::string callLog();
-void configure(const std::string& text);
 Bytes pictureBytes(int picture);
 Bytes pattern(std::size_t size);

@@ -27,6 +27,17 @@ protected:
         return m_host.begin(object, command, parameter, dataType, data)->result;
     }
 
+    // Takes a picture, and opens its item and closes it again.
+    void openAndClose(MaidObject& record) const
+    {
+        ASSERT_EQ(driver().pressShutter(0), 1);
+        ASSERT_TRUE(driver().waitForPictures(1, kDeadlineMs));
+        ASSERT_EQ(
+            send(m_host.source(), kMaidCommandOpen, 1, kMaidDataTypeObjectPtr, dataOf(&record)),
+            kMaidOk);
+        ASSERT_EQ(send(&record, kMaidCommandClose), kMaidOk);
+    }
+
     bool m_wasExpected = false;
 };
 
@@ -44,11 +55,7 @@ TEST_F(NikonMisuse, AnUnknownObjectIsNotLookedInto)
 TEST_F(NikonMisuse, AClosedObjectIsToldFromAnUnknownOne)
 {
     MaidObject record{};
-    ASSERT_EQ(driver().pressShutter(0), 1);
-    ASSERT_TRUE(driver().waitForPictures(1, kDeadlineMs));
-    ASSERT_EQ(send(m_host.source(), kMaidCommandOpen, 1, kMaidDataTypeObjectPtr, dataOf(&record)),
-              kMaidOk);
-    ASSERT_EQ(send(&record, kMaidCommandClose), kMaidOk);
+    ASSERT_NO_FATAL_FAILURE(openAndClose(record));
     EXPECT_EQ(Host::async(&record), -1);
     expectMisuse("Async: closed object");
     EXPECT_EQ(send(&record, kMaidCommandClose), -1);
@@ -58,11 +65,7 @@ TEST_F(NikonMisuse, AClosedObjectIsToldFromAnUnknownOne)
 TEST_F(NikonMisuse, AClosedObjectIsForgottenByAReset)
 {
     MaidObject record{};
-    ASSERT_EQ(driver().pressShutter(0), 1);
-    ASSERT_TRUE(driver().waitForPictures(1, kDeadlineMs));
-    ASSERT_EQ(send(m_host.source(), kMaidCommandOpen, 1, kMaidDataTypeObjectPtr, dataOf(&record)),
-              kMaidOk);
-    ASSERT_EQ(send(&record, kMaidCommandClose), kMaidOk);
+    ASSERT_NO_FATAL_FAILURE(openAndClose(record));
     driver().reset();
     EXPECT_EQ(Host::async(&record), -1);
     expectMisuse("Async: unknown object");

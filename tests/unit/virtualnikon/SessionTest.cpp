@@ -1,7 +1,5 @@
 // Opening, describing and closing: the tree of objects as an application walks it.
-#include <cmath>
 #include <cstdint>
-#include <cstdio>
 
 #include "Host.h"
 
@@ -27,26 +25,9 @@ TEST_F(NikonSession, OpensTheModuleAndItsFirstSource)
     EXPECT_EQ(host.source()->type, kMaidLevelSource);
     EXPECT_EQ(host.source()->id, 1U);
     EXPECT_EQ(driver().openCount(0), 2);
-    EXPECT_EQ(driver().sourceOpen(0), 1);
+    EXPECT_EQ(driver().sessionOpen(0), 1);
     host.closeAll();
     EXPECT_EQ(driver().openCount(0), 0);
-}
-
-TEST_F(NikonSession, TheClockIsTheOneOfTheCallLog)
-{
-    Host host;
-    driver().clearLog();
-    const std::int64_t before = driver().clock();
-    host.open();
-    const std::int64_t after = driver().clock();
-    char line[100];
-    driver().log(line, sizeof line);
-    unsigned long long number = 0;
-    double seconds = 0;
-    ASSERT_EQ(std::sscanf(line, "%llu %lf T", &number, &seconds), 2) << line;
-    EXPECT_GE(std::llround(seconds * 1e6), before);
-    EXPECT_LE(std::llround(seconds * 1e6), after);
-    host.closeAll();
 }
 
 TEST_F(NikonSession, EachLevelDescribesItsOwnCapabilities)

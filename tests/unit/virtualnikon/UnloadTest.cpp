@@ -88,22 +88,4 @@ TEST(NikonUnloading, IsPossibleWithCommandsThatHaveNotCompleted)
     }
 }
 
-TEST(NikonUnloading, ForgetsEverything)
-{
-    {
-        const Driver library(VIRTUAL_NIKON_LIBRARY);
-        library.configure("camera.id = 9");
-        library.add("Second", 4);
-    }
-    const Driver library(VIRTUAL_NIKON_LIBRARY);
-    EXPECT_EQ(library.count(), 1);
-}
-
-TEST(NikonUnloading, ExportsNothingOfItsOwnInside)
-{
-    const Driver library(VIRTUAL_NIKON_LIBRARY);
-    EXPECT_NE(library.entryPoint, nullptr);
-    EXPECT_EQ(library.find<void (*)()>("stbi_write_jpg_to_func"), nullptr);
-}
-
 }  // namespace

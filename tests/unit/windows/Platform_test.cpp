@@ -52,7 +52,21 @@ TEST_F(AttributesTest, ATextThatIsNoUtf8NamesNothing)
 {
     EXPECT_EQ(attributes("\xFC.md3"), platform::kNoAttributes);
     EXPECT_TRUE(platform::removeFile("\xFC.md3"));
-    EXPECT_EQ(platform::createFile("\xFC.md3"), nullptr);
+    bool isThere = true;
+    EXPECT_EQ(platform::createFile("\xFC.md3", isThere), nullptr);
+    EXPECT_FALSE(isThere);
+}
+
+TEST_F(FileTest, AFileUnderWayIsNotForProcessesThatAreStartedMeanwhile)
+{
+    bool isThere = false;
+    const platform::File file =
+        platform::createFile((m_folder / "new").u8string().c_str(), isThere);
+    ASSERT_NE(file, nullptr);
+    const auto handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file.get())));
+    DWORD flags = HANDLE_FLAG_INHERIT;
+    ASSERT_NE(GetHandleInformation(handle, &flags), FALSE);
+    EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0U);
 }
 
 TEST_F(FileTest, AFileThatIsOpenElsewhereIsRemovedOnceItIsClosed)
@@ -104,28 +118,28 @@ TEST_F(LibraryPathTest, IsThePathItselfWhenThatIsPlain)
 TEST_F(LibraryPathTest, IsInTheAnsiCodePage)
 {
     if (GetACP() != 1252) {
-        GTEST_SKIP() << "these letters' codes are known for code page 1252";
+        GTEST_SKIP() << "knows what these letters are in code page 1252 only";
     }
     const std::string path = inFolder(kUmlauts, "\\Canon_1_2.JPG");
-    EXPECT_EQ(platform::libraryPath(path).find("\xFC\xF6\\Canon_1_2.JPG"),
+    EXPECT_EQ(platform::libraryPath(path).value_or("").find("\xFC\xF6\\Canon_1_2.JPG"),
               m_folder.u8string().size() + 1);
 }
 
 TEST_F(LibraryPathTest, OpensAFileInAFolderWithLettersOfNoCodePage)
 {
     const std::string path = inFolder(std::string(kPhotograph) + kUmlauts, "\\Canon_1_2.JPG");
-    std::FILE* file = std::fopen(platform::libraryPath(path).c_str(), "wb");
+    std::FILE* file = std::fopen(platform::libraryPath(path).value_or("").c_str(), "wb");
     ASSERT_NE(file, nullptr);
     std::fclose(file);
     EXPECT_TRUE(fs::exists(fs::u8path(path)));
 }
 
-TEST_F(LibraryPathTest, IsThePathItselfWhenNothingElseCanBeSaid)
+TEST_F(LibraryPathTest, IsNothingWhenThereIsNoWayToSayIt)
 {
     const std::string nowhere = (m_folder / fs::u8path(kPhotograph)).u8string() + "\\a.JPG";
-    EXPECT_EQ(platform::libraryPath(nowhere), nowhere);
-    EXPECT_EQ(platform::libraryPath(kPhotograph), kPhotograph);
-    EXPECT_EQ(platform::libraryPath("\xFF\xFF"), "\xFF\xFF");
+    EXPECT_EQ(platform::libraryPath(nowhere), std::nullopt);
+    EXPECT_EQ(platform::libraryPath(kPhotograph), std::nullopt);
+    EXPECT_EQ(platform::libraryPath("\xFF\xFF"), std::nullopt);
     EXPECT_EQ(platform::libraryPath(""), "");
 }
 

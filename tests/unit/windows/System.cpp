@@ -38,7 +38,9 @@ void showDebuggerOutput()
     AddVectoredExceptionHandler(1, showText);
 }
 
-LoadedLibrary::LoadedLibrary(const std::string& path) : m_handle(LoadLibraryA(path.c_str())) {}
+LoadedLibrary::LoadedLibrary(const std::string& path, Names /*names*/)
+    : m_handle(LoadLibraryA(path.c_str()))
+{}
 
 void LoadedLibrary::unload()
 {

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <new>
 #include <utility>
 
+#include "EdSdkCodes.h"
 #include "canon/DownloadCommand.h"
-#include "canon/EdSdkCodes.h"
 #include "canon/EvfCommands.h"
 #include "canon/PropertyCommands.h"
 #include "canon/SessionCommands.h"
@@ -110,7 +111,15 @@ CommandPtr getPropertyDesc(CameraModel& model, void* argument)
 
 CommandPtr download(CameraModel& model, void* argument)
 {
-    return std::make_unique<DownloadCommand>(model, static_cast<EdsDirectoryItemRef>(argument));
+    auto* const item = static_cast<EdsDirectoryItemRef>(argument);
+    try {
+        return std::make_unique<DownloadCommand>(model, item);
+    } catch (const std::bad_alloc&) {
+        if (item != nullptr) {
+            EdsRelease(item);
+        }
+        throw;
+    }
 }
 
 CommandPtr notifyShutDown(CameraModel& model, void* /*argument*/)
@@ -162,6 +171,10 @@ constexpr Action kActions[] = {
 
 }  // namespace
 
+CameraController::CameraController(CameraModel& model)
+    : m_model(model), m_closeCommand(std::make_unique<CloseSessionCommand>(model))
+{}
+
 void CameraController::actionPerformed(const ActionEvent& event)
 {
     const std::string& name = event.actionCommand();
@@ -179,7 +192,9 @@ void CameraController::actionPerformed(const ActionEvent& event)
 
 void CameraController::requestClose()
 {
-    m_processor.setCloseCommand(std::make_unique<CloseSessionCommand>(m_model));
+    if (m_closeCommand) {
+        m_processor.setCloseCommand(std::move(m_closeCommand));
+    }
     m_processor.stop();
 }
 

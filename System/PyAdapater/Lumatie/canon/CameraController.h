@@ -16,13 +16,15 @@ class CameraController : public ActionListener
 {
 public:
     // `model` is borrowed; it must outlive the controller's worker.
-    explicit CameraController(CameraModel& model) : m_model(model) {}
+    explicit CameraController(CameraModel& model);
 
     // Carries out one action; an unknown name does nothing. Any thread. Returns as soon as the
-    // command is posted, except for "closing", which returns when the worker has ended.
+    // command is posted, except for "closing", which returns when the worker has ended. Throws
+    // std::bad_alloc when there is no memory for the command; a picture is given back then.
     void actionPerformed(const ActionEvent& event) override;
 
     // The first half of "closing": has the worker close the session and end, and does not wait.
+    // Takes no memory.
     void requestClose();
 
     // The queue and its worker, which the session's start starts.
@@ -31,6 +33,7 @@ public:
 private:
     CameraModel& m_model;
     Processor m_processor;
+    std::unique_ptr<Command> m_closeCommand;  // until the first end; made when there was memory
 };
 
 }  // namespace canon

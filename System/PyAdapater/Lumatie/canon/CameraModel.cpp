@@ -1,6 +1,6 @@
 #include "canon/CameraModel.h"
 
-#include "canon/EdSdkCodes.h"
+#include "EdSdkCodes.h"
 
 namespace canon {
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "canon/EdSdk.h"
+#include "EdSdk.h"
 #include "canon/Observable.h"
 
 namespace canon {

@@ -3,15 +3,18 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "DebugLog.h"
+#include "EdSdkCodes.h"
+#include "EventReceiver.h"
 #include "PyCallback.h"
 #include "TetherEvents.h"
 #include "TetherTexts.h"
 #include "canon/CameraModel.h"
 #include "canon/CanonTables.h"
-#include "canon/EdSdkCodes.h"
 #include "canon/PropertyData.h"
+#include "canon/Roomy.h"
 
 namespace canon {
 
@@ -146,9 +149,9 @@ std::string numberList(const EdsPropertyDesc& description)
 // Reads a description that the model does not keep; empty when the library refuses.
 EdsPropertyDesc readDescDirectly(const CameraModel& model, EdsPropertyID property)
 {
-    EdsPropertyDesc description = {};
-    EdsGetPropertyDesc(model.camera, property, &description);
-    return description;
+    Roomy<EdsPropertyDesc> description;
+    EdsGetPropertyDesc(model.camera, property, description.toFill());
+    return *description;
 }
 
 void reportPropertyDesc(PyCallback& callback, const CameraModel& model, EdsPropertyID property)
@@ -181,6 +184,17 @@ void reportPropertyDesc(PyCallback& callback, const CameraModel& model, EdsPrope
 }
 
 }  // namespace
+
+HostReporter::HostReporter(std::shared_ptr<EventReceiver> receiver)
+    : m_receiver(std::move(receiver))
+{}
+
+void HostReporter::update(Observable* from, const CameraEvent& event)
+{
+    if (m_receiver->vendor() == VENDOR_CANON) {
+        reportToHost(*m_receiver, *static_cast<const CameraModel*>(from), event);
+    }
+}
 
 void reportToHost(PyCallback& callback, const CameraModel& model, const CameraEvent& event)
 {

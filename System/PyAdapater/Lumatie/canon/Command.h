@@ -1,7 +1,9 @@
 // The unit of work for the camera.
 #pragma once
 
-#include "canon/EdSdk.h"
+#include <optional>
+
+#include "EdSdk.h"
 
 namespace canon {
 
@@ -20,6 +22,9 @@ public:
     // Does the work and reports to the model's observers. Returns true when the command is
     // finished, false when it is to be tried again later.
     virtual bool execute() = 0;
+
+    // The property that this command does nothing but set; nothing for any other command.
+    virtual std::optional<EdsPropertyID> settingOf() const { return std::nullopt; }
 
 protected:
     CameraModel& model() const { return m_model; }

@@ -1,10 +1,11 @@
 #include "canon/DownloadCommand.h"
 
+#include "EdSdkCodes.h"
 #include "PictureName.h"
 #include "TetherTexts.h"
 #include "Text.h"
 #include "canon/CameraModel.h"
-#include "canon/EdSdkCodes.h"
+#include "canon/Roomy.h"
 #include "platform/Platform.h"
 
 namespace canon {
@@ -16,18 +17,26 @@ constexpr std::uint32_t kCreateAlways = 1;
 constexpr std::uint32_t kAccessReadWrite = 2;
 constexpr std::uint32_t kProgressPeriodically = 2;
 
-// Names the file for a picture and notes it as the last one. Empty when the host named no
-// folder: the picture can go nowhere then, least of all into the root folder.
-std::string nextPath(const EdsDirectoryItemInfo& info)
+// Makes the file for a picture, and before that notes it as the last one and puts the text by which
+// the library opens it over the camera's file name: without memory for that there is no file. The
+// path is empty when the host named no folder: the picture can go nowhere then, least of all into
+// the root folder.
+NewPicture nextPicture(EdsDirectoryItemInfo& info)
 {
-    const std::string folder = g_szExportFolder.forPictures();
+    const std::string folder = g_szExportFolder.text();
     if (folder.empty()) {
         return {};
     }
     const std::string cameraName = fieldText(info.szFileName, sizeof info.szFileName);
-    std::string path = newPicturePath(folder, kVendorWord, pictureExtension(cameraName));
-    g_szLastFile.set(path);
-    return path;
+    const auto mayMake = [&info](const std::string& path) {
+        g_szLastFile.set(path);
+        const std::optional<std::string> said = platform::libraryPath(path);
+        boundedCopy(info.szFileName, sizeof info.szFileName, said.value_or(path).c_str(),
+                    "the path of a picture is longer than 255 bytes");
+        // The library would write a file of another name.
+        return said.has_value();
+    };
+    return newPicture(folder, kVendorWord, pictureExtension(cameraName), mayMake);
 }
 
 }  // namespace
@@ -48,18 +57,17 @@ EdsError EDSAPI DownloadCommand::reportProgress(std::uint32_t percent, void* con
 
 bool DownloadCommand::execute()
 {
-    EdsDirectoryItemInfo info = {};
-    EdsError status = EdsGetDirectoryItemInfo(m_item, &info);
-    const std::string path = nextPath(info);
+    Roomy<EdsDirectoryItemInfo> record;
+    EdsDirectoryItemInfo& info = *record;
+    EdsError status = EdsGetDirectoryItemInfo(m_item, record.toFill());
+    NewPicture picture = nextPicture(info);
+    const bool isMade = picture.file != nullptr;
+    picture.file.reset();  // the library opens it itself
 
     EdsStreamRef stream = nullptr;
     std::optional<EdsError> downloaded;
-    if (!path.empty()) {
-        boundedCopy(info.szFileName, sizeof info.szFileName, platform::libraryPath(path).c_str(),
-                    "the path of a picture is longer than 255 bytes");
-        if (status == kOk) {
-            status = transfer(info, stream, downloaded);
-        }
+    if (!picture.path.empty() && status == kOk) {
+        status = transfer(info, stream, downloaded);
     }
 
     // Each release's result, the references that remain, takes the place of what went wrong
@@ -70,13 +78,13 @@ bool DownloadCommand::execute()
     }
     if (stream != nullptr) {
         status = EdsRelease(stream);
-        if (!downloaded) {
-            // The stream has made the file. Empty, it would look like a picture.
-            platform::removeFile(path.c_str());
-        }
+    }
+    if (!downloaded && (isMade || stream != nullptr)) {
+        // Empty, the file would look like a picture.
+        platform::removeFile(picture.completePath.c_str());
     }
     if (status == kOk) {
-        announce(path, downloaded.value_or(kOk));
+        announce(picture, downloaded.value_or(kOk));
     } else {
         model().notify("error", status);
     }
@@ -99,12 +107,12 @@ EdsError DownloadCommand::transfer(const EdsDirectoryItemInfo& info, EdsStreamRe
     return status;
 }
 
-void DownloadCommand::announce(const std::string& path, EdsError downloaded)
+void DownloadCommand::announce(const NewPicture& picture, EdsError downloaded)
 {
-    if (path.empty()) {
+    if (picture.path.empty()) {
         g_szLastFile.set(kLastFileError);
     } else if (downloaded != kOk) {
-        platform::removeFile(path.c_str());
+        platform::removeFile(picture.completePath.c_str());
         g_szLastFile.set(kLastFileError);
     }
     model().notify("DownloadComplete", kOk);

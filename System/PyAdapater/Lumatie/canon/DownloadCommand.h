@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 
+#include "EdSdk.h"
+#include "PictureName.h"
 #include "canon/Command.h"
-#include "canon/EdSdk.h"
 
 namespace canon {
 
@@ -35,7 +35,7 @@ private:
     // `downloaded` stays empty when the download was not even tried.
     EdsError transfer(const EdsDirectoryItemInfo& info, EdsStreamRef& stream,
                       std::optional<EdsError>& downloaded);
-    void announce(const std::string& path, EdsError downloaded);
+    void announce(const NewPicture& picture, EdsError downloaded);
 
     EdsDirectoryItemRef m_item;
 };

@@ -2,8 +2,9 @@
 
 #include <cstdint>
 
+#include "EdSdkCodes.h"
+#include "Memory.h"
 #include "canon/CameraController.h"
-#include "canon/EdSdkCodes.h"
 
 namespace canon {
 
@@ -22,7 +23,9 @@ constexpr std::uint32_t kShutDown = 0x301;
 
 void perform(void* context, const char* action, void* argument)
 {
-    static_cast<CameraController*>(context)->actionPerformed(ActionEvent(action, argument));
+    doOrGiveUp(action, [&] {
+        static_cast<CameraController*>(context)->actionPerformed(ActionEvent(action, argument));
+    });
 }
 
 EdsError EDSAPI handlePropertyEvent(std::uint32_t event, EdsPropertyID property,

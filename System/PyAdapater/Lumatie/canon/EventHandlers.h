@@ -1,7 +1,7 @@
 // The handlers through which Canon's library tells what happens on the camera.
 #pragma once
 
-#include "canon/EdSdk.h"
+#include "EdSdk.h"
 
 namespace canon {
 

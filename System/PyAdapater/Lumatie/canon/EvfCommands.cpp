@@ -1,7 +1,7 @@
 #include "canon/EvfCommands.h"
 
+#include "EdSdkCodes.h"
 #include "canon/CameraModel.h"
-#include "canon/EdSdkCodes.h"
 #include "platform/Platform.h"
 
 namespace canon {

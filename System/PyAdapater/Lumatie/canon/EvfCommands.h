@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
+#include "EdSdk.h"
 #include "canon/Command.h"
-#include "canon/EdSdk.h"
 
 namespace canon {
 

@@ -1,17 +1,11 @@
 #include "canon/Observable.h"
 
 #include <algorithm>
-#include <atomic>
 
-#include "SignsOfLife.h"
+#include "Memory.h"
+#include "ProcessHeartbeat.h"
 
 namespace canon {
-
-namespace {
-
-std::atomic<bool> g_silent{false};
-
-}  // namespace
 
 void Observable::addObserver(Observer* observer)
 {
@@ -20,36 +14,21 @@ void Observable::addObserver(Observer* observer)
     }
 }
 
-void Observable::removeObserver(Observer* observer)
-{
-    m_observers.erase(std::remove(m_observers.begin(), m_observers.end(), observer),
-                      m_observers.end());
-}
-
 void Observable::notifyObservers(const CameraEvent& event)
 {
-    giveSignOfLife();
-    // By index, and looked at anew in each round: an observer may remove itself meanwhile.
-    for (std::size_t i = m_observers.size(); i-- > 0;) {
-        if (!g_silent && i < m_observers.size()) {
-            m_observers[i]->update(this, event);
-        }
-    }
+    ProcessHeartbeat::note();
+    std::for_each(m_observers.rbegin(), m_observers.rend(),
+                  [&](Observer* observer) { observer->update(this, event); });
 }
 
 void Observable::notify(const char* name)
 {
-    notifyObservers(CameraEvent{name, nullptr});
+    doOrGiveUp(name, [&] { notifyObservers(CameraEvent{name, nullptr}); });
 }
 
 void Observable::notify(const char* name, std::uint32_t argument)
 {
-    notifyObservers(CameraEvent{name, &argument});
-}
-
-void Observable::silenceAll()
-{
-    g_silent = true;
+    doOrGiveUp(name, [&] { notifyObservers(CameraEvent{name, &argument}); });
 }
 
 }  // namespace canon

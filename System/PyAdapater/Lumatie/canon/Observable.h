@@ -21,19 +21,13 @@ public:
     // Adds an observer, unless it is there already.
     void addObserver(Observer* observer);
 
-    // Takes an observer out; may be called from inside its `update`.
-    void removeObserver(Observer* observer);
-
     // Tells every observer, the last registered first.
     void notifyObservers(const CameraEvent& event);
 
-    // Notifies without an argument, or with a 32-bit one.
+    // Notifies without an argument, or with a 32-bit one. What there is no memory for, here or in
+    // an observer, is not told; who notifies goes on.
     void notify(const char* name);
     void notify(const char* name, std::uint32_t argument);
-
-    // From now on no observer of any model is told anything: the process is about to end and has
-    // left a worker behind. Any thread.
-    static void silenceAll();
 
 private:
     std::vector<Observer*> m_observers;  // in the order of registration

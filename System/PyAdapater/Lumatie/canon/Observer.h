@@ -17,10 +17,11 @@ struct CameraEvent {
 class Observer
 {
 public:
+    Observer() = default;
+    Observer(const Observer&) = delete;
+    Observer& operator=(const Observer&) = delete;
     virtual void update(Observable* from, const CameraEvent& event) = 0;
-
-protected:
-    ~Observer() = default;  // nobody owns an observer through this interface
+    virtual ~Observer() = default;
 };
 
 }  // namespace canon

@@ -1,8 +1,11 @@
 #include "canon/Processor.h"
 
+#include <algorithm>
+#include <optional>
 #include <utility>
 
-#include "SignsOfLife.h"
+#include "Memory.h"
+#include "ProcessHeartbeat.h"
 #include "platform/Platform.h"
 
 namespace canon {
@@ -12,6 +15,10 @@ namespace {
 constexpr unsigned kTurnPauseMs = 1;
 constexpr unsigned kIdleWaitMs = 10;
 constexpr unsigned kRetryPauseMs = 500;
+constexpr unsigned kStopPatienceMs = 1000;
+
+// Whose worker the calling thread is.
+thread_local Processor* t_own = nullptr;
 
 }  // namespace
 
@@ -20,9 +27,9 @@ Processor::~Processor()
     clear();
 }
 
-bool Processor::startAndWait()
+bool Processor::startAndWait(std::shared_ptr<void> keep)
 {
-    if (!start()) {
+    if (!start(std::move(keep))) {
         return false;
     }
     std::unique_lock<std::mutex> guard(m_enteredLock);
@@ -32,12 +39,39 @@ bool Processor::startAndWait()
 
 void Processor::enqueue(std::unique_ptr<Command> command)
 {
+    Queue one;
+    one.push_back(std::move(command));
+    post(std::move(one));
+}
+
+void Processor::post(Queue one)
+{
     m_synchronized.lock();
-    if (!m_refusing) {
-        m_queue.push_back(std::move(command));
-    }
+    append(one);
     m_synchronized.notify();
     m_synchronized.unlock();
+}
+
+// A command that was not taken, or whose place was taken, is left in `one`.
+void Processor::append(Queue& one)
+{
+    if (m_refusing) {
+        return;
+    }
+    const std::optional<EdsPropertyID> setting = one.front()->settingOf();
+    if (setting && m_queue.size() >= m_longQueue) {
+        for (auto older = m_queue.rbegin(); older != m_queue.rend(); ++older) {
+            const std::optional<EdsPropertyID> replaced = (*older)->settingOf();
+            if (!replaced) {
+                break;
+            }
+            if (replaced == setting) {
+                older->swap(one.front());
+                return;
+            }
+        }
+    }
+    m_queue.splice(m_queue.end(), one);
 }
 
 void Processor::setCloseCommand(std::unique_ptr<Command> command)
@@ -56,7 +90,7 @@ void Processor::stop()
 
 void Processor::clear()
 {
-    std::deque<std::unique_ptr<Command>> commands;
+    Queue commands;
     m_synchronized.lock();
     commands.swap(m_queue);
     m_synchronized.unlock();
@@ -70,7 +104,7 @@ void Processor::clear()
 
 void Processor::run()
 {
-    const platform::ComApartment apartment;
+    t_own = this;
     m_running = true;
     {
         const std::lock_guard<std::mutex> guard(m_enteredLock);
@@ -80,50 +114,73 @@ void Processor::run()
 
     while (m_running) {
         platform::sleepFor(kTurnPauseMs);
-        std::unique_ptr<Command> command = takeCommand();
-        if (command) {
-            process(std::move(command));
+        Queue one = takeOne();
+        if (!one.empty()) {
+            process(std::move(one));
         }
     }
     finish();
+    t_own = nullptr;
 }
 
-std::unique_ptr<Command> Processor::takeCommand()
+// Returns none when the worker was stopped.
+Processor::Queue Processor::takeOne()
 {
-    std::unique_ptr<Command> command;
+    Queue one;
     m_synchronized.lock();
     while (m_queue.empty() && m_running) {
         m_synchronized.wait(kIdleWaitMs);
     }
     if (m_running) {
-        command = std::move(m_queue.front());
-        m_queue.pop_front();
+        one.splice(one.end(), m_queue, m_queue.begin());
     }
     m_synchronized.unlock();
-    return command;
+    return one;
 }
 
-void Processor::process(std::unique_ptr<Command> command)
+// A command that finds no memory is given up: the host may have some again for the next one.
+void Processor::process(Queue one)
 {
-    const bool finished = command->execute();
-    giveSignOfLife();
+    bool finished = true;
+    doOrGiveUp("a command", [&] { finished = one.front()->execute(); });
+    ProcessHeartbeat::note();
     if (!finished) {
         // The pause keeps a busy camera from being hammered.
         platform::sleepFor(kRetryPauseMs);
-        enqueue(std::move(command));
+        post(std::move(one));
     }
 }
 
-void Processor::finish()
+void Processor::discard()
 {
     m_synchronized.lock();
     m_refusing = true;
-    const std::unique_ptr<Command> closeCommand = std::move(m_closeCommand);
     m_synchronized.unlock();
-
     clear();
-    if (closeCommand) {
-        closeCommand->execute();
+}
+
+// What follows the loop.
+void Processor::finish()
+{
+    discard();
+    if (const std::unique_ptr<Command> closeCommand = std::move(m_closeCommand)) {
+        doOrGiveUp("the close command", [&] { closeCommand->execute(); });
+    }
+}
+
+void Processor::finishOnThisThread()
+{
+    Processor* own = std::exchange(t_own, nullptr);
+    if (own == nullptr) {
+        return;
+    }
+    // Whoever ends the session may be on its way to say so.
+    for (unsigned waited = 0; own->m_running && waited < kStopPatienceMs; ++waited) {
+        platform::sleepFor(1);
+    }
+    if (!own->m_running) {
+        own->finish();
+        own->leaveForGood();
     }
 }
 

@@ -1,8 +1,9 @@
 #include "canon/PropertyCommands.h"
 
+#include "EdSdkCodes.h"
 #include "canon/CameraModel.h"
-#include "canon/EdSdkCodes.h"
 #include "canon/PropertyData.h"
+#include "canon/Roomy.h"
 
 namespace canon {
 
@@ -98,12 +99,12 @@ GetPropertyDescCommand::GetPropertyDescCommand(CameraModel& model, EdsPropertyID
 
 EdsError GetPropertyDescCommand::readOne(EdsPropertyID property)
 {
-    EdsPropertyDesc description = {};
-    const EdsError error = EdsGetPropertyDesc(model().camera, property, &description);
+    Roomy<EdsPropertyDesc> description;
+    const EdsError error = EdsGetPropertyDesc(model().camera, property, description.toFill());
     if (error != kOk) {
         return error;
     }
-    model().setPropertyDesc(property, description);
+    model().setPropertyDesc(property, *description);
     model().notify("PropertyDescChanged", property);
     return kOk;
 }

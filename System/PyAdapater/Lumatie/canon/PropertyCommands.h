@@ -3,9 +3,10 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <optional>
 
+#include "EdSdk.h"
 #include "canon/Command.h"
-#include "canon/EdSdk.h"
 
 namespace canon {
 
@@ -64,6 +65,7 @@ public:
         : Command(model), m_property(property), m_value(value)
     {}
     bool execute() override;
+    std::optional<EdsPropertyID> settingOf() const override { return m_property; }
 
 private:
     EdsPropertyID m_property;

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "EdSdkCodes.h"
 #include "Text.h"
-#include "canon/EdSdkCodes.h"
 
 namespace canon {
 

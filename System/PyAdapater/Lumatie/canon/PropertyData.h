@@ -8,7 +8,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "canon/EdSdk.h"
+#include "EdSdk.h"
 
 namespace canon {
 

@@ -1,7 +1,7 @@
 #include "canon/SessionCommands.h"
 
+#include "EdSdkCodes.h"
 #include "canon/CameraModel.h"
-#include "canon/EdSdkCodes.h"
 
 namespace canon {
 

@@ -1,8 +1,8 @@
 // Commands that open and close the session with the camera.
 #pragma once
 
+#include "EdSdk.h"
 #include "canon/Command.h"
-#include "canon/EdSdk.h"
 
 namespace canon {
 

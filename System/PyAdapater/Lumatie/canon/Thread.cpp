@@ -12,10 +12,10 @@ Thread::~Thread()
     }
 }
 
-bool Thread::start()
+bool Thread::start(std::shared_ptr<void> keep)
 {
     try {
-        m_handle = std::thread([this] { enter(); });
+        m_handle = std::thread([this, keep = std::move(keep)] { enter(); });
     } catch (const std::system_error&) {
         return false;
     }
@@ -24,26 +24,54 @@ bool Thread::start()
 
 void Thread::join()
 {
-    if (m_handle.joinable() && !runsOn(std::this_thread::get_id())) {
+    if (runsOn(std::this_thread::get_id()) || !m_handle.joinable()) {
+        return;
+    }
+    m_left.wait();
+    if (m_forGood) {
+        m_handle.detach();
+    } else {
         m_handle.join();
     }
 }
 
-void Thread::endWith(std::function<void()> farewell)
+bool Thread::endWith(std::function<void()> farewell)
 {
+    if (!m_handle.joinable()) {
+        return false;
+    }
     m_handle.detach();
     m_farewell = std::move(farewell);
+    return true;
+}
+
+void Thread::leaveForGood()
+{
+    m_forGood = true;
+    sayFarewell();
+    const std::shared_ptr<void> last = std::move(m_last);
+    m_left.set();
 }
 
 void Thread::enter()
 {
-    m_id = std::this_thread::get_id();
-    m_alive = true;
-    run();
+    std::shared_ptr<void> last;
+    {
+        const platform::ComApartment apartment;
+        m_id = std::this_thread::get_id();
+        m_alive = true;
+        run();
+        sayFarewell();
+        last = std::move(m_last);
+    }
+    m_left.set();
+}
+
+void Thread::sayFarewell()
+{
     m_alive = false;
     m_id = std::thread::id();
-
-    const std::function<void()> farewell = std::move(m_farewell);
+    const std::function<void()> farewell = std::exchange(m_farewell, nullptr);
     if (farewell) {
         farewell();
     }

@@ -1,8 +1,10 @@
 #include "nikon/Acquisition.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
+#include "Memory.h"
 #include "TetherEvents.h"
 #include "TetherTexts.h"
 #include "Text.h"
@@ -17,15 +19,8 @@ namespace {
 // The item's Data object that holds the image.
 constexpr auto kImageObjectId = static_cast<std::int32_t>(kMaidItemImage);
 
-// Any of these bits says that a file is there.
-constexpr std::uint32_t kFileAttributes =
-    platform::kAttributeReadOnly | platform::kAttributeArchive | platform::kAttributeNormal;
-
-bool namesFile(const std::string& path)
-{
-    const std::uint32_t attributes = platform::fileAttributes(path.c_str());
-    return attributes != platform::kNoAttributes && (attributes & kFileAttributes) != 0;
-}
+// A raw file and a JPEG.
+constexpr std::size_t kMostOfAnExposure = 2;
 
 // Takes the ids that are not in `listed` out of `ids`.
 void keepOnly(std::set<std::uint32_t>& ids, const std::set<std::uint32_t>& listed)
@@ -52,11 +47,11 @@ void WrittenItems::add()
     }
 }
 
-void WrittenItems::remove(std::uint32_t id)
+bool WrittenItems::remove(std::uint32_t id)
 {
     const std::lock_guard<std::mutex> guard(m_lock);
-    m_ids.erase(id);
     m_currentIsGone = m_currentIsGone || id == m_current;
+    return m_ids.erase(id) > 0;
 }
 
 bool WrittenItems::contains(std::uint32_t id) const
@@ -76,7 +71,7 @@ Acquisition::Acquisition(std::shared_ptr<MaidTree> tree, Announce announce,
     : m_tree(std::move(tree)), m_announce(std::move(announce)), m_goesOn(std::move(goesOn))
 {
     m_tree->observeItems([written = m_written](std::int32_t id) {
-        written->remove(static_cast<std::uint32_t>(id));
+        return written->remove(static_cast<std::uint32_t>(id));
     });
 }
 
@@ -105,16 +100,17 @@ int Acquisition::AcquireNewItems()
 // The first listed item that is still to be handled; those that ended an earlier pass come last.
 std::optional<std::uint32_t> Acquisition::nextItemId(const MaidObjectPtr& source)
 {
-    const std::optional<std::vector<std::uint32_t>> ids = m_tree->ChildIds(source);
+    std::optional<std::vector<std::uint32_t>> ids = m_tree->ChildIds(source);
     if (!ids) {
         return std::nullopt;
     }
     if (ids->empty()) {
         Console::puts("There is no item.\n");
     }
-    const std::set<std::uint32_t> listed(ids->begin(), ids->end());
-    m_written->keepOnly(listed);
-    keepOnly(m_putOff, listed);
+    m_listed = std::set<std::uint32_t>(ids->begin(), ids->end());
+    m_written->keepOnly(m_listed);
+    keepOnly(m_putOff, m_listed);
+    keepToExposure(*ids);
 
     std::optional<std::uint32_t> last;
     for (const std::uint32_t id : *ids) {
@@ -127,6 +123,32 @@ std::optional<std::uint32_t> Acquisition::nextItemId(const MaidObjectPtr& source
         last = last ? last : id;
     }
     return last;
+}
+
+void Acquisition::beginExposure()
+{
+    m_ofExposure.clear();
+    m_before = m_listed;
+    const std::vector<std::uint32_t> announced = m_tree->OpenChildIds(m_tree->source());
+    m_before.insert(announced.begin(), announced.end());
+}
+
+// The first list with something new tells what the exposure has brought. What comes later is not of
+// it, and neither is more than a camera makes in one: after a list that could not be read, or a
+// wait in which the camera told of much, many look new.
+void Acquisition::keepToExposure(std::vector<std::uint32_t>& ids)
+{
+    if (m_ofExposure.empty()) {
+        for (const std::uint32_t id : ids) {
+            if (m_before.count(id) == 0 && m_ofExposure.size() < kMostOfAnExposure) {
+                m_ofExposure.insert(id);
+            }
+        }
+    }
+    if (m_onlyExposure) {
+        const auto isOther = [this](std::uint32_t id) { return m_ofExposure.count(id) == 0; };
+        ids.erase(std::remove_if(ids.begin(), ids.end(), isOther), ids.end());
+    }
 }
 
 Acquisition::Outcome Acquisition::acquireItem(const MaidObjectPtr& source, std::int32_t id)
@@ -146,7 +168,7 @@ Acquisition::Outcome Acquisition::acquireItem(const MaidObjectPtr& source, std::
     if (!data) {
         return Outcome::failed;
     }
-    const auto receiver = std::make_shared<DataReceiver>(id, m_tree->driver().signs());
+    const auto receiver = std::make_shared<DataReceiver>(id, m_tree->driver().heartbeat());
     m_written->begin(static_cast<std::uint32_t>(id));
     AcquireData(data, receiver);
     const std::vector<std::string> results = receiver->results();
@@ -210,10 +232,17 @@ bool Acquisition::AcquireData(const MaidObjectPtr& data,
     }
     MaidReference handle = receivers().add(receiver);
     const auto procedure = reinterpret_cast<void (*)()>(receiveData);
-    bool done = SetProcedure(driver, data, kMaidCapDataProc, procedure, handle);
-    if (done) {
-        done = StartCapability(driver, data, kMaidCapAcquire);
-        done = SetProcedure(driver, data, kMaidCapDataProc, nullptr, nullptr) && done;
+    bool done = false;
+    try {
+        // After a start that is refused the procedure stays; it finds no receiver any more.
+        done = SetProcedure(driver, data, kMaidCapDataProc, procedure, handle) &&
+               StartCapability(driver, data, kMaidCapAcquire) &&
+               SetProcedure(driver, data, kMaidCapDataProc, nullptr, nullptr);
+    } catch (const std::bad_alloc&) {
+        receivers().remove(handle);
+        doOrGiveUp("taking a procedure back",
+                   [&] { SetProcedure(driver, data, kMaidCapDataProc, nullptr, nullptr); });
+        throw;
     }
     receivers().remove(handle);
     return done;
@@ -234,7 +263,7 @@ void Acquisition::report(const std::vector<std::string>& results)
 
 bool Acquisition::announcePicture(const std::string& lastFile)
 {
-    if (equalIgnoringCase(lastFile, kLastFileError) || namesFile(lastFile)) {
+    if (equalIgnoringCase(lastFile, kLastFileError) || platform::namesFile(lastFile.c_str())) {
         return m_announce(pictureText(lastFile));
     }
     return true;

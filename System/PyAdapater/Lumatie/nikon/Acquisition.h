@@ -1,6 +1,7 @@
 // Finds the pictures that the camera holds, fetches them and tells the host.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -28,8 +29,8 @@ public:
     // It was written, and counts so unless it was removed or announced anew since `begin`.
     void add();
 
-    // The item was removed or announced anew.
-    void remove(std::uint32_t id);
+    // The item was removed or announced anew. Returns whether it had been written.
+    bool remove(std::uint32_t id);
 
     bool contains(std::uint32_t id) const;
 
@@ -60,6 +61,12 @@ public:
     // nothing more to do, for whatever reason.
     int AcquireNewItems();
 
+    // The camera is about to make a picture.
+    void beginExposure();
+
+    // From now on only what that has brought is fetched, and no other items. Any thread.
+    void keepToExposure() { m_onlyExposure = true; }
+
     // Reads the kinds of data of an item, shows them on standard output, and returns the first
     // (kMaidItem...), 0 when there is none; nothing when they cannot be read.
     std::optional<std::uint32_t> GetItemDataTypes(const MaidObjectPtr& item);
@@ -71,6 +78,7 @@ private:
     enum class Outcome { handled, passedOver, failed };
 
     std::optional<std::uint32_t> nextItemId(const MaidObjectPtr& source);
+    void keepToExposure(std::vector<std::uint32_t>& ids);
     Outcome acquireItem(const MaidObjectPtr& source, std::int32_t id);
     MaidObjectPtr findOrOpen(const MaidObjectPtr& parent, std::int32_t id, const char* name);
     void report(const std::vector<std::string>& results);
@@ -82,10 +90,14 @@ private:
     const Announce m_announce;
     const std::function<bool()> m_goesOn;
     const std::shared_ptr<WrittenItems> m_written = std::make_shared<WrittenItems>();
-    std::set<std::uint32_t> m_handled;  // in this pass
-    std::set<std::uint32_t> m_putOff;   // ended an earlier pass
-    std::string m_lastFile;             // as g_szLastFile was left by this session
-    unsigned m_lastFileClears = 0;      // how often g_szLastFile had been emptied then
+    std::set<std::uint32_t> m_handled;     // in this pass
+    std::set<std::uint32_t> m_putOff;      // ended an earlier pass
+    std::set<std::uint32_t> m_ofExposure;  // what the last exposure has brought
+    std::set<std::uint32_t> m_before;      // known when the last exposure began
+    std::set<std::uint32_t> m_listed;      // when the list was last read
+    std::atomic<bool> m_onlyExposure{false};
+    std::string m_lastFile;         // as g_szLastFile was left by this camera's session
+    unsigned m_lastFileClears = 0;  // how often g_szLastFile had been emptied then
 };
 
 }  // namespace nikon

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <map>
 
-#include "nikon/Maid.h"
+#include "Maid.h"
 
 namespace nikon {
 

@@ -3,7 +3,9 @@
 
 namespace nikon {
 
-// Both write at once, so that lines stay in order with those of other writers. Any thread.
+// Both return when the text was written, so that lines stay in order with those of other writers;
+// but they do not wait for a reader that does not read. Then texts come when it goes on reading,
+// and some are lost, as they are without memory. Any thread.
 class Console
 {
 public:
@@ -12,6 +14,11 @@ public:
 
     // Writes formatted text as it is, as printf does.
     static void print(const char* format, ...);
+
+    // For the end of a program: the thread that writes does not end by itself any more. One that
+    // was ending when Windows ended the process would leave a lock of MinGW's runtime behind, for
+    // which the process would wait for ever.
+    static void keepThread();
 };
 
 }  // namespace nikon

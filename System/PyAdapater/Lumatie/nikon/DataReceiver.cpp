@@ -109,21 +109,25 @@ private:
             return nullptr;
         }
         // NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
-        return static_cast<unsigned char*>(std::malloc(std::max<std::size_t>(bytes, 1)));
+        void* const room = std::malloc(std::max<std::size_t>(bytes, 1));
+        if (room != nullptr) {
+            platform::expectWholeUse(room, bytes);
+        }
+        return static_cast<unsigned char*>(room);
     }
 
     unsigned char* const m_bytes;
 };
 
-DataReceiver::DataReceiver(std::int32_t itemId, std::shared_ptr<LifeSigns> signs)
-    : m_itemId(itemId), m_signs(std::move(signs))
+DataReceiver::DataReceiver(std::int32_t itemId, std::shared_ptr<ModuleHeartbeat> heartbeat)
+    : m_itemId(itemId), m_heartbeat(std::move(heartbeat))
 {}
 
 DataReceiver::~DataReceiver() = default;
 
 MaidResult DataReceiver::take(const void* info, const void* data)
 {
-    m_signs->note();
+    m_heartbeat->note();
     if (info == nullptr) {
         return kMaidFileFailed;
     }
@@ -159,48 +163,63 @@ MaidResult DataReceiver::takePart(const Part& part, const void* data)
     return finish(part);
 }
 
-// The picture is complete. Its file that cannot be made leaves all as it was before the last part,
-// which the module may deliver again.
+// The picture is complete. Refused, all is as it was before the last part, which the module may
+// deliver again: the camera keeps its picture. Once bytes were written that is over, whatever
+// became of them: the data was taken over then.
 MaidResult DataReceiver::finish(const Part& part)
 {
     // An empty folder text never forms a path: it would lie in the root folder.
-    const std::string folder = g_szExportFolder.forPictures();
-    std::string result = kLastFileError;
-    if (!folder.empty()) {
-        const std::string path = newPicturePath(folder, kVendorWord, part.extension);
+    const std::string folder = g_szExportFolder.text();
+    if (folder.empty()) {
+        note(kLastFileError);
+        return kMaidFileFailed;
+    }
+    const auto mayMake = [](const std::string& path) {
         LastFile::check(path);  // before there is a file that nobody can be told of
-        std::FILE* file = platform::createFile(path.c_str());
-        if (file == nullptr) {
+        return true;
+    };
+    NewPicture picture = newPicture(folder, kVendorWord, part.extension, mayMake);
+    if (!picture.file) {
+        return kMaidFileFailed;
+    }
+    const Written written = write(std::move(picture.file));
+    if (part.isFile && written != Written::whole) {
+        platform::removeFile(picture.completePath.c_str());
+        note(kLastFileError);
+        if (written == Written::notClosed) {
             return kMaidFileFailed;
         }
-        if (write(file) || !part.isFile) {
-            result = path;
-        } else {
-            platform::removeFile(path.c_str());
-        }
+    } else {
+        note(picture.path);
+        m_mayRemoveItem = m_mayRemoveItem || part.mayRemoveItem;
     }
     m_buffer = nullptr;
-    g_szLastFile.set(result);
-    m_results.push_back(result);
-    if (part.mayRemoveItem && result != kLastFileError) {
-        m_mayRemoveItem = true;
-    }
     return kMaidOk;
 }
 
-// Writes the picture and closes the file; returns whether all of it, and not nothing, was written.
-bool DataReceiver::write(std::FILE* file)
+// Writes the picture and closes the file. A picture of nothing counts as written in part.
+DataReceiver::Written DataReceiver::write(platform::File file)
 {
     const auto total = static_cast<std::size_t>(m_buffer->total);
     std::size_t done = 0;
     bool good = total > 0;
     while (good && done < total) {
         const std::size_t size = std::min(kWriteSize, total - done);
-        good = std::fwrite(m_buffer->bytes() + done, 1, size, file) == size;
+        good = std::fwrite(m_buffer->bytes() + done, 1, size, file.get()) == size;
         done += size;
-        m_signs->note();
+        m_heartbeat->note();
     }
-    return std::fclose(file) == 0 && good;
+    const bool isClosed = std::fclose(file.release()) == 0;
+    if (!good) {
+        return Written::inPart;
+    }
+    return isClosed ? Written::whole : Written::notClosed;
+}
+
+void DataReceiver::note(const std::string& result)
+{
+    g_szLastFile.set(result);
+    m_results.push_back(result);
 }
 
 std::vector<std::string> DataReceiver::results() const

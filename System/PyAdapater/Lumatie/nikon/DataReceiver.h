@@ -2,15 +2,15 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "Maid.h"
 #include "nikon/Handles.h"
-#include "nikon/Maid.h"
 #include "nikon/MaidDriver.h"
+#include "platform/Platform.h"
 
 namespace nikon {
 
@@ -18,16 +18,17 @@ namespace nikon {
 class DataReceiver
 {
 public:
-    // `itemId`: the item whose data is taken over. `signs` are told of each part.
-    DataReceiver(std::int32_t itemId, std::shared_ptr<LifeSigns> signs);
+    // `itemId`: the item whose data is taken over. `heartbeat` notes each part.
+    DataReceiver(std::int32_t itemId, std::shared_ptr<ModuleHeartbeat> heartbeat);
     DataReceiver(const DataReceiver&) = delete;
     DataReceiver& operator=(const DataReceiver&) = delete;
     ~DataReceiver();
 
     // Takes one part. `info` is a MaidFileInfo or MaidImageInfo as its kind says, `data` the bytes.
     // Parts come in order; with the last one the file is written, and the next part begins another.
-    // Returns what the module is told: 0, kMaidOutOfMemory for a part that there is no room for, or
-    // kMaidFileFailed when the file cannot be made or the sizes contradict each other.
+    // Returns what the module is told: 0, also when the file could not be written; kMaidOutOfMemory
+    // for a part that there is no room for; or kMaidFileFailed when there is no folder, the file
+    // cannot be made or closed, or the sizes contradict each other.
     MaidResult take(const void* info, const void* data);
 
     // What became of each picture that came whole: its path, or kLastFileError.
@@ -42,12 +43,15 @@ private:
     struct Part;
     class Buffer;
 
+    enum class Written { whole, inPart, notClosed };
+
     MaidResult takePart(const Part& part, const void* data);
     MaidResult finish(const Part& part);
-    bool write(std::FILE* file);
+    Written write(platform::File file);
+    void note(const std::string& result);
 
     const std::int32_t m_itemId;
-    const std::shared_ptr<LifeSigns> m_signs;
+    const std::shared_ptr<ModuleHeartbeat> m_heartbeat;
     mutable std::mutex m_lock;         // guards the fields below
     std::unique_ptr<Buffer> m_buffer;  // null until the first part of a picture
     std::vector<std::string> m_results;

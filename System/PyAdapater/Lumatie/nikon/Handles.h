@@ -9,7 +9,7 @@
 #include <memory>
 #include <mutex>
 
-#include "nikon/Maid.h"
+#include "Maid.h"
 
 namespace nikon {
 

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "DebugLog.h"
-#include "SignsOfLife.h"
+#include "ProcessHeartbeat.h"
+#include "PyCallback.h"
 
 namespace nikon {
 
@@ -17,6 +19,16 @@ constexpr unsigned kLockSlice = 50;  // milliseconds between two looks whether t
 bool isGood(MaidResult result)
 {
     return result == kMaidOk || result == kMaidPending;
+}
+
+bool isStart(const MaidCommand& command)
+{
+    return command.command == kMaidCommandCapStart;
+}
+
+bool isCapture(const MaidCommand& command)
+{
+    return isStart(command) && command.parameter == kMaidCapCapture;
 }
 
 unsigned milliseconds(std::chrono::milliseconds time)
@@ -62,19 +74,42 @@ std::shared_ptr<MaidLibrary> MaidLibrary::load(const char* path)
     return shared;
 }
 
-void LifeSigns::note()
+bool MaidLibrary::lockFor(unsigned milliseconds)
 {
-    m_last = Clock::now().time_since_epoch().count();
-    giveSignOfLife();
+    const bool locked = m_lock.lockFor(milliseconds);
+    if (locked) {
+        ++m_depth;
+    }
+    return locked;
+}
+
+void MaidLibrary::unlock()
+{
+    --m_depth;
+    m_lock.unlock();
+}
+
+void ModuleHeartbeat::note()
+{
+    noteSilently();
+    ProcessHeartbeat::note();
 }
 
 // What the module writes to, and what keeps it alive.
 struct MaidDriver::Completion {
     std::atomic<std::uint32_t> count{0};
     std::atomic<MaidResult> result{kMaidOk};
-    std::shared_ptr<LifeSigns> signs;
+    std::shared_ptr<ModuleHeartbeat> heartbeat;
     std::shared_ptr<MaidObject> object;
     std::shared_ptr<void> keep;
+};
+
+// A command that was issued, and not completed as far as we know.
+struct MaidDriver::Outstanding {
+    MaidReference handle;
+    std::shared_ptr<const Completion> completion;
+    bool refused = false;            // and nobody waits for it any more
+    Clock::time_point settled = {};  // since when that is so
 };
 
 Handles<MaidDriver::Completion>& MaidDriver::completions()
@@ -90,7 +125,7 @@ void MAIDAPI MaidDriver::complete(MaidObject* /*object*/, std::uint32_t /*comman
 {
     if (const std::shared_ptr<Completion> completion = completions().find(reference)) {
         completion->result = result;
-        completion->signs->note();
+        completion->heartbeat->note();
         ++completion->count;
     }
 }
@@ -101,23 +136,38 @@ MaidDriver::MaidDriver(std::shared_ptr<MaidLibrary> library, Timing timing)
 
 MaidDriver::~MaidDriver()
 {
-    for (MaidReference handle : m_outstanding) {
-        completions().remove(handle);
+    for (const Outstanding& command : m_outstanding) {
+        completions().remove(command.handle);
     }
 }
 
 MaidDriver::Guard::~Guard()
 {
     if (m_locked) {
-        m_driver.m_library->lock().unlock();
+        m_driver.m_library->unlock();
     }
+}
+
+bool MaidDriver::Guard::rest()
+{
+    const unsigned time = milliseconds(m_driver.m_timing.poll);
+    if (m_driver.m_library->depth() > 1) {
+        platform::sleepFor(time);
+        return true;
+    }
+    m_driver.m_library->unlock();
+    m_locked = false;
+    platform::sleepFor(time);
+    m_locked = m_driver.lock();
+    return m_locked;
 }
 
 bool MaidDriver::lock()
 {
     const auto begun = Clock::now();
-    while (!m_library->lock().lockFor(kLockSlice)) {
-        // Behind a command of this session that hangs for long already nobody waits any longer.
+    while (!m_library->lockFor(kLockSlice)) {
+        // Behind a command of the same camera session that hangs for long already nobody waits any
+        // longer.
         const Clock::time_point commandBegun{Clock::duration(m_commandBegun)};
         if (patienceIsOver(m_inside > 0 ? commandBegun : begun, patience())) {
             return false;
@@ -126,15 +176,24 @@ bool MaidDriver::lock()
     return true;
 }
 
+bool MaidDriver::tryLock()
+{
+    if (!m_library->lockFor(0)) {
+        return false;
+    }
+    if (m_library->isWaitedFor()) {
+        m_library->unlock();
+        return false;
+    }
+    return true;
+}
+
 MaidResult MaidDriver::enterModule(MaidObject* object, const MaidCommand& command,
                                    MaidCompletionProcedure completion, MaidReference reference)
 {
-    ++m_inside;
-    const MaidResult result =
-        m_library->entryPoint()(object, command.command, command.parameter, command.dataType,
-                                command.data, completion, reference);
-    --m_inside;
-    return result;
+    const Counted inside(m_inside);
+    return m_library->entryPoint()(object, command.command, command.parameter, command.dataType,
+                                   command.data, completion, reference);
 }
 
 MaidResult MaidDriver::call(const std::shared_ptr<MaidObject>& object, const MaidCommand& command)
@@ -149,26 +208,62 @@ MaidResult MaidDriver::call(const std::shared_ptr<MaidObject>& object, const Mai
 
 MaidResult MaidDriver::execute(const MaidObjectPtr& ref, const MaidCommand& command)
 {
-    const Guard guard(*this);
+    Guard guard(*this);
     const MaidObjectPtr target = keep(ref);
     if (!guard || m_silent || !target || target->closed) {
         return kMaidNoAnswer;
     }
     const auto completion = std::make_shared<Completion>();
-    completion->signs = m_signs;
+    completion->heartbeat = m_heartbeat;
     completion->object = target->object;
     completion->keep = command.keep;
 
-    m_commandBegun = Clock::now().time_since_epoch().count();
-    MaidReference handle = completions().add(completion);
-    const MaidResult result = enterModule(target->object.get(), command, complete, handle);
-    const bool answered = await(target, *completion, result);
-    if (completion->count > 0) {
-        completions().remove(handle);
-    } else {
-        m_outstanding.push_back(handle);
+    std::optional<MaidLibrary::Exposure> exposure;
+    if (isCapture(command)) {
+        m_library->exposureHeartbeat().noteSilently();
+        exposure.emplace(*m_library);
     }
+    m_commandBegun = Clock::now().time_since_epoch().count();
+    MaidReference handle = remember(completion);
+    const MaidResult result = enterModule(target->object.get(), command, complete, handle);
+    const bool answered =
+        (isStart(command) && !isGood(result)) || await(guard, target, *completion, result);
+    settle(handle, !isGood(result));
     return answered ? result : kMaidNoAnswer;
+}
+
+// Keeps what the module may write to until the command is settled, or the session over.
+MaidReference MaidDriver::remember(const std::shared_ptr<Completion>& completion)
+{
+    const std::lock_guard<std::mutex> guard(m_outstandingLock);
+    m_outstanding.reserve(m_outstanding.size() + 1);
+    MaidReference handle = completions().add(completion);
+    m_outstanding.push_back({handle, completion});
+    return handle;
+}
+
+// Nobody waits for the command any more. What is completed is forgotten, and what was refused so
+// long ago that any other command would be given up: no module writes to that any more, and one
+// that refuses for ever would fill the memory.
+void MaidDriver::settle(MaidReference handle, bool refused)
+{
+    const auto now = Clock::now();
+    const std::lock_guard<std::mutex> guard(m_outstandingLock);
+    const auto isOver = [&](Outstanding& command) {
+        if (command.handle == handle) {
+            command.refused = refused;
+            command.settled = now;
+        }
+        const bool forgotten = command.refused && now - command.settled > m_timing.running;
+        const bool waits = command.settled == Clock::time_point();
+        if (forgotten || (!waits && command.completion->count > 0)) {
+            completions().remove(command.handle);
+            return true;
+        }
+        return false;
+    };
+    m_outstanding.erase(std::remove_if(m_outstanding.begin(), m_outstanding.end(), isOver),
+                        m_outstanding.end());
 }
 
 MaidResult MaidDriver::work(const MaidObjectPtr& ref)
@@ -181,9 +276,12 @@ MaidResult MaidDriver::work(const MaidObjectPtr& ref)
     return enterModule(target->object.get(), MaidCommand{kMaidCommandAsync}, nullptr, nullptr);
 }
 
-// Polls until the completion has come. Returns false when the wait was given up.
-bool MaidDriver::await(const MaidObjectPtr& ref, const Completion& completion, MaidResult result)
+// Polls until the completion has come. Returns false when the wait was given up. Between two polls
+// another thread may have the completion delivered, or the object closed.
+bool MaidDriver::await(Guard& guard, const MaidObjectPtr& ref, const Completion& completion,
+                       MaidResult result)
 {
+    const MaidLibrary::Wait wait(*m_library);
     const auto begun = Clock::now();
     while (completion.count == 0) {
         if (ref->closed) {
@@ -191,14 +289,19 @@ bool MaidDriver::await(const MaidObjectPtr& ref, const Completion& completion, M
         }
         const bool works = isGood(
             enterModule(ref->object.get(), MaidCommand{kMaidCommandAsync}, nullptr, nullptr));
-        platform::sleepFor(milliseconds(m_timing.poll));
+        if (works) {
+            noteAnswer();
+        }
+        const bool regained = guard.rest();
+        // A process that ends takes the module away from under whoever is left behind in it.
+        const bool mayStay = !PyCallback::interpreterIsEnding() || !isExposureTimeOver();
         if (!works) {
             return true;
         }
         if (!isGood(result) && Clock::now() - begun > m_timing.refused) {
             return true;
         }
-        if (completion.count == 0 && patienceIsOver(begun, patience())) {
+        if (completion.count == 0 && (!regained || !mayStay || patienceIsOver(begun, patience()))) {
             m_silent = m_phase != Phase::running;
             return false;
         }
@@ -206,10 +309,29 @@ bool MaidDriver::await(const MaidObjectPtr& ref, const Completion& completion, M
     return true;
 }
 
+// In an exposure an answer is as good as a completion. It keeps the process from ending no longer
+// than the exposure may take.
+void MaidDriver::noteAnswer()
+{
+    if (!m_library->isExposing()) {
+        return;
+    }
+    if (isExposureTimeOver()) {
+        m_library->exposureHeartbeat().noteSilently();
+    } else {
+        m_library->exposureHeartbeat().note();
+    }
+}
+
 bool MaidDriver::patienceIsOver(Clock::time_point begun, std::chrono::milliseconds patience) const
 {
     const Clock::time_point phaseBegun{Clock::duration(m_phaseBegun)};
-    return Clock::now() - std::max({begun, phaseBegun, m_signs->last()}) > patience;
+    return Clock::now() - std::max({begun, phaseBegun, lastSign()}) > patience;
+}
+
+MaidDriver::Clock::time_point MaidDriver::lastSign() const
+{
+    return std::max(m_heartbeat->last(), m_library->exposureHeartbeat().last());
 }
 
 std::chrono::milliseconds MaidDriver::patience() const
@@ -241,10 +363,19 @@ void MaidDriver::noteLeftBehind()
     m_library->noteHanging();
 }
 
-bool MaidDriver::hangs() const
+bool MaidDriver::isExposureTimeOver() const
 {
     const Clock::time_point stopBegun{Clock::duration(m_stopBegun)};
-    return m_inside > 0 && Clock::now() - std::max(stopBegun, m_signs->last()) > m_timing.hanging;
+    return m_stopBegun != 0 && Clock::now() - stopBegun > m_timing.exposure;
+}
+
+bool MaidDriver::hangs() const
+{
+    if (m_library->isExposing() && isExposureTimeOver()) {
+        return true;
+    }
+    const Clock::time_point stopBegun{Clock::duration(m_stopBegun)};
+    return m_inside > 0 && Clock::now() - std::max(stopBegun, lastSign()) > m_timing.hanging;
 }
 
 }  // namespace nikon

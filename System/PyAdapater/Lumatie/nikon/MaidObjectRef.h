@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "nikon/Maid.h"
+#include "Maid.h"
 
 namespace nikon {
 

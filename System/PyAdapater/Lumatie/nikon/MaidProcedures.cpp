@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "Memory.h"
 #include "nikon/Console.h"
 #include "nikon/MaidCommands.h"
 #include "nikon/MaidTree.h"
@@ -60,11 +61,14 @@ void addChild(MaidTree& tree, const MaidObjectPtr& ref, std::uint32_t level, std
         sayNotSupported("Event_AddChild", level);
         return;
     }
-    if (tree.FindChild(ref, id)) {
+    if (tree.driver().phase() != MaidDriver::Phase::running) {
+        // The session ends: what is opened now would only have to be closed again.
         return;
     }
-    if (ref == tree.source()) {
-        tree.tellItemObserver(id);
+    const bool isKnown = ref == tree.source() && tree.tellItemObserver(id);
+    // The picture of before is over; one that was not written yet is only announced once more.
+    if (tree.FindChild(ref, id) && !(isKnown && tree.CloseChild(ref, id))) {
+        return;
     }
     const MaidObjectPtr child = tree.OpenChild(ref, id);
     if (child && level != kMaidLevelItem) {
@@ -129,11 +133,11 @@ void MAIDAPI onEvent(MaidReference reference, std::uint32_t event, MaidData para
     if (!tree) {
         return;
     }
-    tree->driver().signs()->note();
+    tree->driver().heartbeat()->note();
     const EventDepth depth;
     const MaidDriver::Guard guard(tree->driver());
     if (guard && !ref->closed && !EventDepth::isTooDeep()) {
-        react(*tree, ref, level, event, parameter);
+        doOrGiveUp("an event", [&] { react(*tree, ref, level, event, parameter); });
     }
 }
 
@@ -168,8 +172,8 @@ void MAIDAPI showProgress(std::uint32_t /*command*/, std::uint32_t /*parameter*/
     const MaidObjectPtr ref = objectHandles().find(reference);
     const std::shared_ptr<MaidTree> tree = ref ? ref->tree.lock() : nullptr;
     if (tree) {
-        tree->driver().signs()->note();
-        tree->progressBar().show(done, total);
+        tree->driver().heartbeat()->note();
+        doOrGiveUp("the progress", [&] { tree->progressBar().show(done, total); });
     }
 }
 

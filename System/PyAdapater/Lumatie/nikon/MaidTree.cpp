@@ -14,6 +14,19 @@ namespace {
 
 constexpr std::uint32_t kOn = 1;  // what the module's mode and the source's setting are set to
 
+// Sets a flag for a scope.
+class Flagged
+{
+public:
+    explicit Flagged(bool& flag) : m_flag(flag) { flag = true; }
+    Flagged(const Flagged&) = delete;
+    Flagged& operator=(const Flagged&) = delete;
+    ~Flagged() { m_flag = false; }
+
+private:
+    bool& m_flag;
+};
+
 template <typename Procedure>
 void (*plain(Procedure procedure))()
 {
@@ -178,6 +191,18 @@ std::optional<std::vector<std::uint32_t>> MaidTree::ChildIds(const MaidObjectPtr
     return ids;
 }
 
+std::vector<std::uint32_t> MaidTree::OpenChildIds(const MaidObjectPtr& ref)
+{
+    std::vector<std::uint32_t> ids;
+    const MaidDriver::Guard guard(m_driver);
+    if (guard && ref) {
+        for (const MaidObjectPtr& child : ref->children) {
+            ids.push_back(static_cast<std::uint32_t>(child->id));
+        }
+    }
+    return ids;
+}
+
 // What becomes of the setting does not matter.
 void MaidTree::prepareSource(const MaidObjectPtr& source)
 {
@@ -217,6 +242,7 @@ MaidObjectPtr MaidTree::OpenChild(const MaidObjectPtr& parentRef, std::int32_t i
     }
     MaidObjectPtr child;
     try {
+        parent->children.reserve(parent->children.size() + 1);
         child = makeRef(id, parent);
         parent->children.push_back(child);
     } catch (const std::bad_alloc&) {
@@ -295,7 +321,7 @@ bool MaidTree::CloseChild(const MaidObjectPtr& parentRef, std::int32_t id)
     if (!guard || !child || child->opening || child->closing) {
         return false;
     }
-    child->closing = true;
+    const Flagged closing(child->closing);
     bool closed = true;
     while (closed && !child->children.empty()) {
         closed = CloseChild(child, child->children.front()->id);
@@ -304,7 +330,6 @@ bool MaidTree::CloseChild(const MaidObjectPtr& parentRef, std::int32_t id)
         ResetProcs(child);
         closed = closeObject(child);
     }
-    child->closing = false;
     return closed;
 }
 
@@ -345,14 +370,12 @@ bool MaidTree::closeWithChildren(const MaidObjectPtr& refInTree)
     if (ref->opening || ref->closing) {
         return false;
     }
-    ref->closing = true;
+    const Flagged closing(ref->closing);
     bool closed = true;
     while (closed && !ref->children.empty()) {
         closed = closeWithChildren(ref->children.front());
     }
-    closed = closed && ResetProcs(ref) && closeObject(ref);
-    ref->closing = false;
-    return closed;
+    return closed && ResetProcs(ref) && closeObject(ref);
 }
 
 MaidObjectPtr MaidTree::root()
@@ -375,18 +398,16 @@ void MaidTree::forgetSource()
     }
 }
 
-void MaidTree::observeItems(std::function<void(std::int32_t)> observer)
+void MaidTree::observeItems(std::function<bool(std::int32_t)> observer)
 {
     const MaidDriver::Guard guard(m_driver);
     m_itemObserver = std::move(observer);
 }
 
-void MaidTree::tellItemObserver(std::int32_t id)
+bool MaidTree::tellItemObserver(std::int32_t id)
 {
     const MaidDriver::Guard guard(m_driver);
-    if (guard && m_itemObserver) {
-        m_itemObserver(id);
-    }
+    return guard && m_itemObserver && m_itemObserver(id);
 }
 
 }  // namespace nikon

@@ -51,6 +51,9 @@ public:
     // The ids that the object lists as its children; nothing when it cannot be read.
     std::optional<std::vector<std::uint32_t>> ChildIds(const MaidObjectPtr& ref);
 
+    // The ids of the children that are open, for instance because they were announced.
+    std::vector<std::uint32_t> OpenChildIds(const MaidObjectPtr& ref);
+
     bool SetProcs(const MaidObjectPtr& ref);
     bool ResetProcs(const MaidObjectPtr& ref);
 
@@ -62,9 +65,9 @@ public:
     void forgetSource();
 
     // Has `observer` called, under the module's lock, with the id of each item that the camera in
-    // use announces as new or as removed.
-    void observeItems(std::function<void(std::int32_t)> observer);
-    void tellItemObserver(std::int32_t id);
+    // use announces as new or as removed. It returns whether it knew a picture of that id.
+    void observeItems(std::function<bool(std::int32_t)> observer);
+    bool tellItemObserver(std::int32_t id);
 
     MaidDriver& driver() { return m_driver; }
     ProgressBar& progressBar() { return m_progressBar; }
@@ -84,7 +87,7 @@ private:
     ProgressBar m_progressBar;
     MaidObjectPtr m_root;  // these three: guarded by the module's lock
     MaidObjectPtr m_source;
-    std::function<void(std::int32_t)> m_itemObserver;
+    std::function<bool(std::int32_t)> m_itemObserver;
 };
 
 }  // namespace nikon

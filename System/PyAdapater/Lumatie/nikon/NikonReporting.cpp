@@ -5,13 +5,13 @@
 #include <utility>
 
 #include "DebugLog.h"
-#include "nikon/EnumReader.h"
 #include "nikon/MaidCommands.h"
 
 namespace nikon {
 
-// A setting that is reported by its position and its list.
-struct NikonReporting::ListSetting {
+// How a setting is reported that is so by its position and its list.
+struct NikonReporting::ListReport {
+    ListSetting setting;
     std::uint32_t capId;
     TetherType valueType;
     const char* valueLogFormat;
@@ -25,25 +25,26 @@ NikonReporting::NikonReporting(std::shared_ptr<MaidTree> tree, ReportReceiver& r
 
 int NikonReporting::ReportNikonProperties()
 {
-    static const ListSetting lists[] = {
-        {kMaidCapShutterSpeed, TETHER_SHUTTERSPEED, "NIKON TETHER_SHUTTERSPEED=%d",
-         TETHER_SHUTTERSPEED_LIST, "NIKON TETHER_SHUTTERSPEED_LIST=%s"},
-        {kMaidCapAperture, TETHER_APERTURE, "NIKON TETHER_APERTURE=%d", TETHER_APERTURE_LIST,
-         "NIKON TETHER_APERTURE_LIST=%s"},
-        {kMaidCapSensitivity, TETHER_ISO, "NIKON TETHER_ISO=%d", TETHER_ISO_LIST,
-         "NIKON TETHER_ISO_LIST=%s"},
-        {kMaidCapWhiteBalance, TETHER_WB, "NIKON TETHER_WB=%d", TETHER_WB_LIST,
-         "NIKON TETHER_WB_LIST=%s"},
+    static const ListReport lists[] = {
+        {ListSetting::shutterSpeed, kMaidCapShutterSpeed, TETHER_SHUTTERSPEED,
+         "NIKON TETHER_SHUTTERSPEED=%d", TETHER_SHUTTERSPEED_LIST,
+         "NIKON TETHER_SHUTTERSPEED_LIST=%s"},
+        {ListSetting::aperture, kMaidCapAperture, TETHER_APERTURE, "NIKON TETHER_APERTURE=%d",
+         TETHER_APERTURE_LIST, "NIKON TETHER_APERTURE_LIST=%s"},
+        {ListSetting::sensitivity, kMaidCapSensitivity, TETHER_ISO, "NIKON TETHER_ISO=%d",
+         TETHER_ISO_LIST, "NIKON TETHER_ISO_LIST=%s"},
+        {ListSetting::whiteBalance, kMaidCapWhiteBalance, TETHER_WB, "NIKON TETHER_WB=%d",
+         TETHER_WB_LIST, "NIKON TETHER_WB_LIST=%s"},
     };
     const bool reported =
         isAlive() &&
         reportText(kMaidCapExposureMode, TETHER_EXPOSUREMODE, "NIKON TETHER_EXPOSUREMODE=%s",
-                   m_exposureMode) &&
+                   m_readings.exposureMode) &&
         std::all_of(std::begin(lists), std::end(lists),
-                    [&](const ListSetting& setting) { return isAlive() && reportList(setting); }) &&
+                    [&](const ListReport& report) { return isAlive() && reportList(report); }) &&
         isAlive() &&
         reportText(kMaidCapImageQuality, TETHER_IMAGEQUALITY, "NIKON TETHER_IMAGEQUALITY=%s",
-                   m_imageQuality);
+                   m_readings.imageQuality);
     return reported ? 1 : 0;
 }
 
@@ -55,13 +56,9 @@ bool NikonReporting::isAlive()
 }
 
 bool NikonReporting::reportText(std::uint32_t capId, TetherType type, const char* logFormat,
-                                std::string& text)
+                                const std::string& text)
 {
-    EnumReading reading;
-    ReadEnumCapability(*m_tree, capId, std::nullopt, reading);
-    if (reading.text) {
-        text = *reading.text;
-    }
+    ReadEnumCapability(*m_tree, capId, m_readings);
     if (!m_receiver.isWanted()) {
         return false;
     }
@@ -69,24 +66,25 @@ bool NikonReporting::reportText(std::uint32_t capId, TetherType type, const char
     return m_receiver.send(type, text);
 }
 
-bool NikonReporting::reportList(const ListSetting& setting)
+bool NikonReporting::reportList(const ListReport& report)
 {
-    EnumReading reading;
-    ReadEnumCapability(*m_tree, setting.capId, std::nullopt, reading);
+    ListReading& reading = m_readings.of(report.setting);
+    reading = {};
+    ReadEnumCapability(*m_tree, report.capId, m_readings);
     if (!m_receiver.isWanted()) {
         return false;
     }
-    DebugLog(setting.valueLogFormat, reading.index);
-    if (!m_receiver.send(setting.valueType, reading.index)) {
+    DebugLog(report.valueLogFormat, reading.index);
+    if (!m_receiver.send(report.valueType, reading.index)) {
         return false;
     }
     const bool editable =
-        FindCapability(m_tree->driver(), m_tree->source(), setting.capId, kMaidOperationSet)
+        FindCapability(m_tree->driver(), m_tree->source(), report.capId, kMaidOperationSet)
             .has_value();
     reading.list.addFlag(TETHER_NIKON_EDITABLE, editable);
     const std::string list = reading.list.text();
-    DebugLog(setting.listLogFormat, list.c_str());
-    return m_receiver.send(setting.listType, list);
+    DebugLog(report.listLogFormat, list.c_str());
+    return m_receiver.send(report.listType, list);
 }
 
 }  // namespace nikon

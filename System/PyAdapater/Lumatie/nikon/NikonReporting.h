@@ -7,6 +7,7 @@
 #include <string>
 
 #include "TetherEvents.h"
+#include "nikon/EnumSetting.h"
 #include "nikon/MaidTree.h"
 
 namespace nikon {
@@ -36,16 +37,17 @@ public:
     int ReportNikonProperties();
 
 private:
-    struct ListSetting;
+    struct ListReport;
 
     bool isAlive();
-    bool reportText(std::uint32_t capId, TetherType type, const char* logFormat, std::string& text);
-    bool reportList(const ListSetting& setting);
+    bool reportText(std::uint32_t capId, TetherType type, const char* logFormat,
+                    const std::string& text);
+    bool reportList(const ListReport& report);
 
     const std::shared_ptr<MaidTree> m_tree;
     ReportReceiver& m_receiver;
-    std::string m_exposureMode;  // the last ones read: a failed read reports them again
-    std::string m_imageQuality;
+    // A list is cleared before it is read; of a text that cannot be read the last one stays.
+    EnumReadings m_readings;
 };
 
 }  // namespace nikon

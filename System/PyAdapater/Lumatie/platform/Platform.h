@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 
+static_assert(sizeof(void*) == 8, "The module is for 64-bit systems only.");
+
 namespace platform {
 
 // Bits and the failure value of fileAttributes, as GetFileAttributes gives them.
@@ -28,17 +30,36 @@ extern const char kPathSeparator;
 // everything else that exists is "normal". A null path names nothing.
 std::uint32_t fileAttributes(const char* path);
 
+// Whether the attributes of `path` say that a file is there: that it is read-only, archived or
+// normal.
+inline bool namesFile(const char* path)
+{
+    const std::uint32_t attributes = fileAttributes(path);
+    return attributes != kNoAttributes &&
+           (attributes & (kAttributeReadOnly | kAttributeArchive | kAttributeNormal)) != 0;
+}
+
+// `path` seen from the current folder of this moment: it means the same file when the host changes
+// its folder. `path` itself when it is complete already, or has no form that the system takes.
+std::string completePath(const std::string& path);
+
 // Deletes the file at `path`; returns whether it is gone.
 bool removeFile(const char* path);
 
-// Creates an empty file at `path`, or empties the one that is there, for writing bytes; null when
-// that fails. The caller closes it.
-std::FILE* createFile(const char* path);
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+// Creates the file `path`, which must not be there yet, for writing bytes; a process that is
+// started meanwhile does not hold it open. Null when that fails; `isThere` then says whether it is
+// because the name is in use.
+File createFile(const char* path, bool& isThere);
 
 // The text by which a maker's library opens `path`: on Windows it takes the ANSI code page, so a
-// folder with characters of others is given by its short name. `path` itself where there is no way
-// to say it, and always on POSIX.
-std::string libraryPath(const std::string& path);
+// folder with characters of others is given by its short name. Nothing when there is no way to say
+// it. On POSIX always `path` itself.
+std::optional<std::string> libraryPath(const std::string& path);
 
 // Copies the environment variable `name` into `buffer` of `size` bytes, terminator included.
 // Returns false, with an empty buffer, when it is not set or does not fit.
@@ -52,6 +73,10 @@ std::optional<std::uint32_t> dumpMessageSetting();
 // Writes one finished line to the debugger; on POSIX to standard error, in one piece.
 void debuggerOutput(const char* line);
 
+// Writes to the process's standard output, behind what the C library still holds for it. Waits for
+// ever when nobody reads there.
+void standardOutput(const std::string& text);
+
 // Says on standard error that `what` was rejected, and ends the process at once: a text that is
 // missing or does not fit is never cut or skipped.
 [[noreturn]] void rejectText(const char* what);
@@ -63,6 +88,10 @@ int randomNumber();
 // The number of this process. A process that was split off (POSIX only) has another one, and none
 // of the threads that it had.
 unsigned long processNumber();
+
+// Tells the system that all of these bytes, which nobody has touched yet, are about to be filled.
+// Changes nothing but how long that takes.
+void expectWholeUse(void* memory, std::size_t size);
 
 // Blocks the calling thread for at least `milliseconds`.
 void sleepFor(unsigned milliseconds);
@@ -85,6 +114,33 @@ public:
     // Gives up one level of ownership; returns false, and changes nothing, on a thread that does
     // not own the mutex.
     bool unlock();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+// Something that happens once and is waited for, e.g. that a thread is about to end.
+//
+// A wait on a thread that is a single-threaded apartment of COM lets the calls of other apartments
+// through meanwhile: whoever is to set the signal may be waiting for such a call. So the
+// application's objects, and those of a maker's library, may be called inside a wait.
+class Signal
+{
+public:
+    Signal();
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+    ~Signal();
+
+    // It has happened. A waiter that has seen it may destroy the signal.
+    void set();
+
+    // Waits without limit until it has happened.
+    void wait();
+
+    // Waits for at most `milliseconds`; returns whether it has happened.
+    bool waitFor(unsigned milliseconds);
 
 private:
     struct State;

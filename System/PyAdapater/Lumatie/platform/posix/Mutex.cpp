@@ -1,8 +1,6 @@
 // The fair recursive mutex for POSIX: ownership is handed to the longest waiter on release.
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 #include <thread>
 
@@ -15,6 +13,43 @@ namespace {
 struct Waiter {
     std::thread::id thread;
     std::condition_variable granted;
+    Waiter* next = nullptr;  // has waited less long
+};
+
+// The longest waiter comes first. A chain, because waiting must take no memory.
+class Waiters
+{
+public:
+    bool empty() const { return m_first == nullptr; }
+
+    void append(Waiter& waiter)
+    {
+        Waiter** end = &m_first;
+        while (*end != nullptr) {
+            end = &(*end)->next;
+        }
+        *end = &waiter;
+    }
+
+    // Takes out a waiter that is there.
+    void remove(const Waiter& waiter)
+    {
+        Waiter** place = &m_first;
+        while (*place != &waiter) {
+            place = &(*place)->next;
+        }
+        *place = waiter.next;
+    }
+
+    Waiter& takeFirst()
+    {
+        Waiter& first = *m_first;
+        m_first = first.next;
+        return first;
+    }
+
+private:
+    Waiter* m_first = nullptr;
 };
 
 }  // namespace
@@ -23,7 +58,7 @@ struct Mutex::State {
     std::mutex guard;  // guards the fields below; held for a few instructions only
     std::thread::id owner;
     unsigned depth = 0;
-    std::deque<Waiter*> waiters;  // longest first; each lives on its thread's stack
+    Waiters waiters;  // each lives on its thread's stack
 };
 
 Mutex::Mutex() : m_state(std::make_unique<State>()) {}
@@ -39,7 +74,7 @@ bool Mutex::lock()
         m_state->owner = self;
     } else if (m_state->owner != self) {
         Waiter waiter{self, {}};
-        m_state->waiters.push_back(&waiter);
+        m_state->waiters.append(waiter);
         waiter.granted.wait(guard, [&] { return m_state->owner == self; });
         return true;
     }
@@ -56,12 +91,11 @@ bool Mutex::lockFor(unsigned milliseconds)
         m_state->owner = self;
     } else if (m_state->owner != self) {
         Waiter waiter{self, {}};
-        std::deque<Waiter*>& waiters = m_state->waiters;
-        waiters.push_back(&waiter);
+        m_state->waiters.append(waiter);
         const bool granted = waiter.granted.wait_for(guard, std::chrono::milliseconds(milliseconds),
                                                      [&] { return m_state->owner == self; });
         if (!granted) {
-            waiters.erase(std::find(waiters.begin(), waiters.end(), &waiter));
+            m_state->waiters.remove(waiter);
         }
         return granted;
     }
@@ -84,11 +118,10 @@ bool Mutex::unlock()
     }
 
     // The next owner is named before anybody else can come in: that is what makes it fair.
-    Waiter* next = m_state->waiters.front();
-    m_state->waiters.pop_front();
-    m_state->owner = next->thread;
+    Waiter& next = m_state->waiters.takeFirst();
+    m_state->owner = next.thread;
     m_state->depth = 1;
-    next->granted.notify_one();
+    next.granted.notify_one();
     return true;
 }
 

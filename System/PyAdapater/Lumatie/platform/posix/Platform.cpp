@@ -1,24 +1,33 @@
 // The POSIX answers to Platform.h, all but the mutex and the settings file.
 #include "platform/Platform.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
+#include <string_view>
 
 namespace platform {
 
 namespace {
 
-void writeToStandardError(const std::string& text)
+// Takes no memory: what is written may be that there is none.
+void writeTo(int file, std::string_view text)
 {
     std::size_t done = 0;
     while (done < text.size()) {
-        const ssize_t written = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
+        const ssize_t written = ::write(file, text.data() + done, text.size() - done);
         if (written < 0 && errno != EINTR) {
             return;
         }
@@ -46,17 +55,38 @@ std::uint32_t fileAttributes(const char* path)
     return kAttributeArchive | (readOnly ? kAttributeReadOnly : 0);
 }
 
+std::string completePath(const std::string& path)
+{
+    std::array<char, PATH_MAX> folder = {};
+    if (path.empty() || path.front() == kPathSeparator ||
+        ::getcwd(folder.data(), folder.size()) == nullptr) {
+        return path;
+    }
+    std::string complete = std::string(folder.data()) + kPathSeparator + path;
+    return complete.size() < folder.size() ? complete : path;
+}
+
 bool removeFile(const char* path)
 {
     return ::unlink(path) == 0 || errno == ENOENT;
 }
 
-std::FILE* createFile(const char* path)
+File createFile(const char* path, bool& isThere)
 {
-    return std::fopen(path, "wb");
+    const int file = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    isThere = file < 0 && errno == EEXIST;
+    if (file < 0) {
+        return nullptr;
+    }
+    File stream(::fdopen(file, "wb"));
+    if (!stream) {
+        ::close(file);
+        ::unlink(path);
+    }
+    return stream;
 }
 
-std::string libraryPath(const std::string& path)
+std::optional<std::string> libraryPath(const std::string& path)
 {
     return path;
 }
@@ -74,12 +104,19 @@ bool environmentVariable(const char* name, char* buffer, std::size_t size)
 
 void debuggerOutput(const char* line)
 {
-    writeToStandardError(line);
+    writeTo(STDERR_FILENO, line);
+}
+
+void standardOutput(const std::string& text)
+{
+    // Not through the C library: what is stuck there holds up the process's end.
+    std::fflush(stdout);
+    writeTo(STDOUT_FILENO, text);
 }
 
 void rejectText(const char* what)
 {
-    writeToStandardError(std::string("Lumatie: ") + what + "; the process ends.\n");
+    writeTo(STDERR_FILENO, std::string("Lumatie: ") + what + "; the process ends.\n");
     // The exit status that the Windows C runtime's abort() gives. No destructor and no exit
     // function may run: other threads of ours are still at work.
     std::_Exit(3);
@@ -93,7 +130,24 @@ int randomNumber()
 
 unsigned long processNumber()
 {
-    return static_cast<unsigned long>(::getpid());
+    // Kept, because every event asks, and the system takes a while to answer; 0 in a new process.
+    static std::atomic<unsigned long> known{0};
+    static const bool isKept = ::pthread_atfork(nullptr, nullptr, [] { known = 0; }) == 0;
+    unsigned long number = known;
+    if (number == 0) {
+        number = static_cast<unsigned long>(::getpid());
+        known = isKept ? number : 0;
+    }
+    return number;
+}
+
+void expectWholeUse(void* memory, std::size_t size)
+{
+    // Huge pages spare most of the time that touching so much for the first time takes.
+    static const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    if (std::align(page, page, memory, size) != nullptr) {
+        ::madvise(memory, size / page * page, MADV_HUGEPAGE);
+    }
 }
 
 void sleepFor(unsigned milliseconds)

@@ -5,6 +5,12 @@
 #include "platform/windows/WideText.h"
 #include "platform/windows/Windows.h"
 
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
 namespace platform {
 
 namespace {
@@ -58,6 +64,12 @@ std::uint32_t fileAttributes(const char* path)
     return wide ? ::GetFileAttributesW(wide->c_str()) : kNoAttributes;
 }
 
+std::string completePath(const std::string& path)
+{
+    const std::optional<std::wstring> full = fullPath(path.c_str());
+    return full ? toUtf8(*full) : path;
+}
+
 bool removeFile(const char* path)
 {
     const std::optional<std::wstring> wide = toWide(path);
@@ -74,32 +86,45 @@ bool removeFile(const char* path)
     return true;
 }
 
-std::FILE* createFile(const char* path)
+File createFile(const char* path, bool& isThere)
 {
+    isThere = false;
     const std::optional<std::wstring> wide = toWide(path);
-    // "N": a process that the host starts meanwhile does not hold the file open.
-    return wide ? ::_wfopen(wide->c_str(), L"wbN") : nullptr;
+    if (!wide) {
+        return nullptr;
+    }
+    const int file =
+        ::_wopen(wide->c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY | _O_NOINHERIT,
+                 _S_IREAD | _S_IWRITE);
+    isThere = file < 0 && errno == EEXIST;
+    if (file < 0) {
+        return nullptr;
+    }
+    File stream(::_fdopen(file, "wb"));
+    if (!stream) {
+        ::_close(file);
+        ::DeleteFileW(wide->c_str());
+    }
+    return stream;
 }
 
-std::string libraryPath(const std::string& path)
+std::optional<std::string> libraryPath(const std::string& path)
 {
     const std::optional<std::wstring> wide = toWide(path.c_str());
     if (!wide) {
-        return path;
+        return std::nullopt;
     }
-    if (const std::optional<std::string> text = toAnsi(*wide)) {
-        return *text;
+    if (std::optional<std::string> text = toAnsi(*wide)) {
+        return text;
     }
     const std::size_t separator = wide->find_last_of(L"\\/");
     if (separator != std::wstring::npos) {
         const std::optional<std::wstring> folder = shortPath(wide->substr(0, separator));
-        const std::optional<std::string> text =
-            folder ? toAnsi(*folder + wide->substr(separator)) : std::nullopt;
-        if (text) {
-            return *text;
+        if (folder) {
+            return toAnsi(*folder + wide->substr(separator));
         }
     }
-    return path;
+    return std::nullopt;
 }
 
 }  // namespace platform

@@ -30,6 +30,25 @@ void debuggerOutput(const char* line)
     ::OutputDebugStringA(line);
 }
 
+void standardOutput(const std::string& text)
+{
+    std::string lines;
+    for (const char letter : text) {
+        lines += letter == '\n' ? "\r\n" : std::string(1, letter);
+    }
+    // Not through the C library: what is stuck there holds up the process's end.
+    std::fflush(stdout);
+    const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD written = 0;
+    for (std::size_t done = 0; done < lines.size(); done += written) {
+        const auto left = static_cast<DWORD>(lines.size() - done);
+        if (::WriteFile(output, lines.data() + done, left, &written, nullptr) == FALSE ||
+            written == 0) {
+            return;
+        }
+    }
+}
+
 void rejectText(const char* what)
 {
     const std::string message = std::string("Lumatie: ") + what + "; the process ends.\r\n";
@@ -57,6 +76,8 @@ unsigned long processNumber()
 {
     return ::GetCurrentProcessId();
 }
+
+void expectWholeUse(void* /*memory*/, std::size_t /*size*/) {}
 
 void sleepFor(unsigned milliseconds)
 {
