@@ -83,5 +83,5 @@ print_table | tee "$table"
 
 for target in "${targets[@]}"; do
     (($(<"$results/$target.status") == 0)) ||
-        fail "the fuzzer found something; docs/fuzzing.md tells how to go on"
+        fail "the fuzzer found something; docs/testing.md tells how to go on"
 done

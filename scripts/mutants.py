@@ -6,8 +6,9 @@ A mutant first meets the suites that the table names for it; one that passes tho
 C++ suite and the whole Python suites of its maker before it counts as a survivor. A failed test is
 run alone again, up to three times: it counts when it fails once more.
 
-Results are kept in build/results/mutants.json. Ends with 1 when fewer than 95 % of the mutants are
-noticed, or when one does not compile.
+Results are kept in build/results/mutants.json, and as a table in mutants.md there when every mutant
+has its own. Ends with 1 when fewer than 95 % of the mutants are noticed, or when one does not
+compile.
 """
 
 import argparse
@@ -30,7 +31,7 @@ import tomllib
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 TABLE = ROOT / "tests" / "mutants" / "mutants.toml"
 RESULTS = ROOT / "build" / "results" / "mutants.json"
-DOCS = ROOT / "docs" / "mutants.md"
+TABLE_OF_RESULTS = ROOT / "build" / "results" / "mutants.md"
 PLACE = ROOT / "build" / "mutants"
 SOURCE = PLACE / "source"
 BUILD = PLACE / "build"
@@ -109,7 +110,7 @@ def copy_sources():
             relative = original.relative_to(ROOT)
             wanted.add(relative)
             content = original.read_bytes()
-            if original not in (TABLE, DOCS, pathlib.Path(__file__).resolve()):
+            if original not in (TABLE, pathlib.Path(__file__).resolve()):
                 digest.update(str(relative).encode() + b"\0" + content)
             write(SOURCE / relative, content, original.stat().st_mode)
     for path in list(SOURCE.rglob("*")):
@@ -211,7 +212,7 @@ class PythonSuite:
         self.timeout = PYTHON_TIMEOUT
         self.command = [python, "-X", "dev", "-m", "unittest", "--verbose", "--failfast", names]
         folder = SOURCE / "tests" / "python"
-        paths = [BUILD / "python", folder, folder / "alone"]
+        paths = [BUILD / "python", folder, folder / "alone", SOURCE / "host"]
         self.variables = {
             "PYTHONPATH": os.pathsep.join(map(str, paths)),
             "PYTHONDONTWRITEBYTECODE": "1",
@@ -418,9 +419,14 @@ def listed(listing):
             yield group + name.strip()
 
 
+def path_of(mutant):
+    """The file in the copy: the module's, or one of the makers' interfaces."""
+    return (SOURCE if mutant.file.startswith("interfaces/") else MODULE) / mutant.file
+
+
 def judge(mutant, python, is_quick):
     """Builds and runs one mutant; returns its Failure, which may say that there was none."""
-    path = MODULE / mutant.file
+    path = path_of(mutant)
     original = path.read_text()
     path.write_text(apply(mutant, original))
     try:
@@ -448,7 +454,7 @@ def keep(results):
 def run_mutants(mutants, results, options):
     digest = copy_sources()
     for mutant in mutants:
-        apply(mutant, (MODULE / mutant.file).read_text())
+        apply(mutant, (path_of(mutant)).read_text())
     python = find_python()
     configure(python)
     words = build("all")
@@ -497,21 +503,20 @@ def words_of(verdict):
     }.get(kind, kind)
 
 
-def write_docs(mutants, results):
+def write_table(mutants, results):
+    """Writes what came of all mutants for people, when each has its result."""
     verdicts = [results["mutants"].get(identity(mutant)) for mutant in mutants]
-    missing = [str(mutant.number) for mutant, verdict in zip(mutants, verdicts) if not verdict]
-    if missing:
-        sys.exit("error: no result of the mutants " + ", ".join(missing))
+    if not all(verdicts):
+        return
     counts = collections.Counter(verdict[0] for verdict in verdicts)
     noticed = sum(counts[kind] for kind in NOTICED)
     minutes = round(sum(verdict[2] for verdict in verdicts) / 60)
     lines = [
         "# Mutants",
         "",
-        "Written by `scripts/mutants.py --docs`; not by hand. Each mutant is a fault that was put",
-        "into one line of the module's sources, chosen by hand (`tests/mutants/mutants.toml` has",
-        "the lines), to see whether a test notices. Which test that is says the last column: the",
-        "first that failed, and failed again alone, or the first that hung.",
+        "Each mutant is a fault that was put into one line of the module's sources",
+        "(`tests/mutants/mutants.toml` has the lines), to see whether a test notices. The last",
+        "column has the first that failed, and failed again alone, or the first that hung.",
         "",
         "- {} mutants in {} files, {} minutes".format(
             len(mutants), len({mutant.file for mutant in mutants}), minutes
@@ -539,7 +544,7 @@ def write_docs(mutants, results):
     ]
     for one, verdict in zip(mutants, verdicts):
         lines.append(row(one.number, "`{}`".format(one.file), one.what, words_of(verdict)))
-    DOCS.write_text("\n".join(lines) + "\n")
+    TABLE_OF_RESULTS.write_text("\n".join(lines) + "\n")
 
 
 def row(*cells):
@@ -556,7 +561,6 @@ def parse_arguments():
         action="store_true",
         help="leave the whole Python suites out, and what passes the rest without a result",
     )
-    parser.add_argument("--docs", action="store_true", help="write docs/mutants.md and run nothing")
     return parser.parse_args()
 
 
@@ -575,14 +579,12 @@ def main():
     results = {"mutants": {}}
     if RESULTS.exists():
         results = json.loads(RESULTS.read_text())
-    if options.docs:
-        write_docs(mutants, results)
-        return 0
     if not (options.resume or options.only or options.file):
         results["mutants"] = {}
-    mutants = selected(mutants, options)
-    run_mutants(mutants, results, options)
-    return summary(mutants, results)
+    wanted = selected(mutants, options)
+    run_mutants(wanted, results, options)
+    write_table(mutants, results)
+    return summary(wanted, results)
 
 
 if __name__ == "__main__":

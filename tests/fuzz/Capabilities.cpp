@@ -1,5 +1,6 @@
 // Fuzzes what a camera says of its capabilities: the list of descriptors, the enumeration of one of
 // them, and the texts of numbers. What the module makes of it is compared with what it should.
+#include <array>
 #include <limits>
 #include <optional>
 #include <string>
@@ -8,7 +9,7 @@
 #include "Lists.h"
 #include "ScriptedCamera.h"
 #include "nikon/CapabilityTexts.h"
-#include "nikon/EnumReader.h"
+#include "nikon/EnumSetting.h"
 #include "nikon/MaidCommands.h"
 
 namespace {
@@ -88,9 +89,10 @@ MaidEnum takeRecord(Input& input)
 // What the module should make of the camera.
 struct Expected {
     bool done = false;
-    std::optional<std::string> text;
-    fuzz::Entries list;
-    int index = 0;
+    std::string exposureMode;
+    std::string imageQuality;
+    std::array<fuzz::Entries, 4> lists;  // of the settings with the first descriptions
+    std::array<int, 4> indices = {};
     std::optional<std::uint32_t> position;  // that the camera is set to
 };
 
@@ -108,19 +110,19 @@ bool equalInAnyCase(std::string text, const char* name)
 void expectTexts(const std::string& description, const fuzz::Setting& setting,
                  const fuzz::Bytes& array, Expected& expected)
 {
-    bool isList = false;
-    for (int i = 0; i < 4; ++i) {
-        isList = isList || equalInAnyCase(description, kDescriptions[i]);
+    std::size_t list = 0;
+    while (list < 4 && !equalInAnyCase(description, kDescriptions[list])) {
+        ++list;
     }
     const std::vector<std::string> texts = fuzz::splitTexts(array);
-    for (std::size_t i = 0; isList && i < texts.size(); ++i) {
-        expected.list.emplace_back(std::to_string(i + 1), "'" + texts[i] + "'");
+    for (std::size_t i = 0; list < 4 && i < texts.size(); ++i) {
+        expected.lists[list].emplace_back(std::to_string(i + 1), "'" + texts[i] + "'");
     }
     if (setting.record.value < texts.size()) {
-        if (isList) {
-            expected.index = static_cast<int>(setting.record.value) + 1;
+        if (list < 4) {
+            expected.indices[list] = static_cast<int>(setting.record.value) + 1;
         } else if (equalInAnyCase(description, kDescriptions[4])) {
-            expected.text = texts[setting.record.value];
+            expected.imageQuality = texts[setting.record.value];
         }
     }
 }
@@ -156,10 +158,10 @@ Expected expect(const std::optional<MaidCapInfo>& info, const fuzz::Setting& set
     array.resize(static_cast<std::size_t>(size));
     expected.done = true;
     if (!isText) {
-        if (info->id == kMaidCapExposureMode && record.value < record.elements) {
+        if (record.value < record.elements) {
             std::uint32_t number = 0;
             std::memcpy(&number, array.data() + std::size_t{record.value} * 4, sizeof number);
-            expected.text = nikon::CapabilityValueText(info->id, number);
+            expected.exposureMode = nikon::CapabilityValueText(info->id, number);
         }
         return expected;
     }
@@ -217,6 +219,20 @@ void checkValueText(std::uint32_t capId, std::uint32_t value)
     check(!text.empty() && text.size() < 40, "every value has a short text");
 }
 
+void checkReading(nikon::MaidTree& tree, std::uint32_t capId, const Expected& expected)
+{
+    nikon::EnumReadings readings;
+    check(nikon::ReadEnumCapability(tree, capId, readings) == expected.done,
+          "the reading ends as it should");
+    check(readings.exposureMode == expected.exposureMode, "the exposure mode's text");
+    check(readings.imageQuality == expected.imageQuality, "the image quality's text");
+    for (std::size_t i = 0; i < 4; ++i) {
+        check(readings.lists[i].list.text() == fuzz::joinEntries(expected.lists[i]),
+              "the list's text");
+        check(readings.lists[i].index == expected.indices[i], "the current position");
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -268,13 +284,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (capId == kMaidCapChildren) {
         return 0;
     }
-    nikon::EnumReading reading;
     const Expected expected = expect(firstOf(caps, capId), setting, position);
-    check(nikon::ReadEnumCapability(*tree, capId, position, reading) == expected.done,
-          "the reading ends as it should");
-    check(reading.text == expected.text, "the current text");
-    check(reading.list.text() == fuzz::joinEntries(expected.list), "the list's text");
-    check(reading.index == expected.index, "the current position");
+    if (position) {
+        check(nikon::SetEnumPosition(*tree, capId, *position) == expected.done,
+              "the setting ends as it should");
+    } else {
+        checkReading(*tree, capId, expected);
+    }
     check(camera.setPositions.size() == (expected.position ? 1U : 0U) &&
               (!expected.position || camera.setPositions.front() == *expected.position),
           "the position that is set");

@@ -211,9 +211,6 @@ private:
             }
         }
         g_szExportFolder.set(m_folder.c_str());
-        if (choice == 3) {
-            g_szExportFolder.clear();  // the end of a session: the folder counts all the same
-        }
     }
 
     // Returns false when the process would have ended.
@@ -235,6 +232,9 @@ private:
         check(results.size() == m_results.size(), "a whole picture has a result, a part has none");
         if (results.size() > before) {
             checkResult(part, results.back());
+            if (result == kMaidOk) {
+                m_picture = std::nullopt;
+            }
         }
         return true;
     }
@@ -260,11 +260,14 @@ private:
         if (m_picture->bytes.size() < m_picture->total) {
             return kMaidOk;
         }
-        if (!m_folder.empty() && !fs::is_directory(m_folder)) {
+        if (!fs::is_directory(m_folder)) {
             m_picture->bytes.resize(had);
+            if (m_folder.empty()) {
+                m_results.emplace_back(kLastFileError);
+            }
             return kMaidFileFailed;
         }
-        const bool isWritten = !m_folder.empty() && (m_picture->total > 0 || !part.isFile);
+        const bool isWritten = m_picture->total > 0 || !part.isFile;
         m_results.emplace_back(isWritten ? m_folder : kLastFileError);
         m_mayRemove =
             m_mayRemove || (isWritten && part.removes && (part.kind & kMaidDataImage) != 0);
@@ -286,13 +289,12 @@ private:
             expected = result;
         }
         check(result == expected, "the picture's result");
-        m_picture = std::nullopt;
     }
 
     const fuzz::Scratch& m_scratch;
     Input& m_input;
     const std::shared_ptr<nikon::DataReceiver> m_receiver =
-        std::make_shared<nikon::DataReceiver>(1, std::make_shared<nikon::LifeSigns>());
+        std::make_shared<nikon::DataReceiver>(1, std::make_shared<nikon::ModuleHeartbeat>());
     MaidReference m_handle = nullptr;
     std::string m_folder;
     std::optional<Picture> m_picture;

@@ -12,7 +12,7 @@
 #include "StormModule.h"
 #include "TetherTexts.h"
 #include "nikon/Acquisition.h"
-#include "nikon/EnumReader.h"
+#include "nikon/EnumSetting.h"
 #include "nikon/MaidCommands.h"
 #include "nikon/MaidProcedures.h"
 #include "nikon/MaidTree.h"
@@ -99,11 +99,9 @@ private:
             case 2:
                 m_tree->OpenSource();
                 break;
-            case 3: {
-                nikon::EnumReading reading;
-                nikon::ReadEnumCapability(*m_tree, kMaidCapAperture, m_input.byte(), reading);
+            case 3:
+                nikon::SetEnumPosition(*m_tree, kMaidCapAperture, m_input.byte());
                 break;
-            }
             case 4:
             case 5:
                 m_items = kMostItems;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "canon/EdSdk.h"
+#include "EdSdk.h"
 
 namespace fuzz {
 

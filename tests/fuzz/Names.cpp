@@ -117,9 +117,6 @@ void fuzzTexts(Input& input)
     const bool rejected = isRejected([&] { folder.set(text.c_str()); });
     check(rejected == (text.size() >= kExportFolderSize), "a folder of 256 bytes is rejected");
     check(folder.text() == (rejected ? before : text), "a rejected folder changes nothing");
-    folder.clear();
-    check(folder.text().empty() && folder.forPictures() == (rejected ? before : text),
-          "an emptied folder is kept for pictures");
 
     LastFile file;
     file.set(before);
@@ -154,7 +151,7 @@ void fuzzDownload(Input& input)
     const std::string cameraName = fieldText(eds.item.szFileName, sizeof eds.item.szFileName);
     const std::string extension = extensionOf(cameraName);
     g_szExportFolder.set(folder.c_str());
-    const std::string used = g_szExportFolder.forPictures();
+    const std::string used = g_szExportFolder.text();
 
     canon::CameraModel model(fuzz::FakeEds::object());
     Announcements announcements;

@@ -8,7 +8,7 @@
 #include "Lists.h"
 #include "ScriptedCamera.h"
 #include "Seams.h"
-#include "nikon/EnumReader.h"
+#include "nikon/EnumSetting.h"
 #include "nikon/NikonReporting.h"
 
 namespace {
@@ -143,8 +143,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     // Every position that a host may ask for.
     const auto position = head.number<std::uint16_t>();
-    nikon::EnumReading reading;
-    nikon::ReadEnumCapability(*tree, kMaidCapAperture, position, reading);
+    nikon::SetEnumPosition(*tree, kMaidCapAperture, position);
     const std::uint32_t elements = camera.settings.at(kMaidCapAperture).record.elements;
     const bool isSet = isEditable && position != 0 && position != 0xFFFF && position <= elements;
     check(camera.setPositions.size() == (isSet ? 1U : 0U), "positions beyond the list are skipped");

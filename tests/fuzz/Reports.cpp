@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "EdSdkCodes.h"
 #include "FakeEds.h"
 #include "Input.h"
 #include "Lists.h"
@@ -16,7 +17,6 @@
 #include "canon/CameraModel.h"
 #include "canon/CanonReporting.h"
 #include "canon/CanonTables.h"
-#include "canon/EdSdkCodes.h"
 #include "canon/Observer.h"
 
 namespace {

@@ -1,34 +1,12 @@
 #include "ScriptedCamera.h"
 
-#include <algorithm>
 #include <chrono>
-#include <cstring>
-#include <string>
 
 #include "Input.h"
 
 namespace fuzz {
 
-namespace {
-
-constexpr std::uint32_t kCameraId = 1;
-constexpr MaidResult kFailed = -127;
-
-ScriptedCamera* g_camera = nullptr;
-
-}  // namespace
-
-MaidCapInfo capInfo(std::uint32_t id, std::uint32_t type, std::uint32_t operations,
-                    const std::string& description)
-{
-    MaidCapInfo info = {};
-    info.id = id;
-    info.type = type;
-    info.operations = operations;
-    std::memcpy(info.description, description.data(),
-                std::min(description.size(), sizeof info.description));
-    return info;
-}
+using fake::Call;
 
 nikon::Timing noPatience()
 {
@@ -41,14 +19,8 @@ nikon::Timing noPatience()
 
 ScriptedCamera::ScriptedCamera()
 {
-    g_camera = this;
-    m_moduleCaps.push_back(
-        capInfo(kMaidCapChildren, kMaidCapTypeEnum, kMaidOperationGet, "Children"));
-}
-
-ScriptedCamera::~ScriptedCamera()
-{
-    g_camera = nullptr;
+    module.cap(kMaidCapChildren, kMaidCapTypeEnum, kMaidOperationGet, "Children");
+    module.addChild(kMaidLevelSource, 1);
 }
 
 std::shared_ptr<nikon::MaidTree> ScriptedCamera::open()
@@ -65,116 +37,67 @@ void ScriptedCamera::add(std::uint32_t id, std::uint32_t type, std::uint32_t ope
     caps.push_back(capInfo(id, type, operations, description));
 }
 
-MaidResult MAIDAPI ScriptedCamera::enter(MaidObject* object, std::uint32_t command,
-                                         std::uint32_t parameter, std::uint32_t dataType,
-                                         MaidData data, MaidCompletionProcedure completion,
-                                         MaidReference reference)
+MaidResult ScriptedCamera::serve(const Call& call)
 {
-    const MaidResult result =
-        g_camera->serve(object, command, parameter, dataType, reinterpret_cast<void*>(data));
-    if (completion != nullptr) {
-        completion(object, command, parameter, dataType, data, reference, result);
+    if (call.object == nullptr || call.object->level == kMaidLevelModule) {
+        check(call.command != kMaidCommandCapGetArray || fake::roomAt(call.data) == 4,
+              "there is room for the announced elements");
+        return Module::serve(call);
     }
-    return result;
-}
-
-MaidResult ScriptedCamera::serve(const MaidObject* object, std::uint32_t command,
-                                 std::uint32_t parameter, std::uint32_t dataType, void* data)
-{
-    const bool isModule = object != nullptr && object->type == kMaidLevelModule;
-    switch (command) {
-        case kMaidCommandOpen: {
-            auto* record = static_cast<MaidObject*>(data);
-            record->type = object == nullptr ? kMaidLevelModule : kMaidLevelSource;
-            record->id = parameter;
-            return kMaidOk;
-        }
-        case kMaidCommandGetCapCount: {
-            const std::uint32_t real =
-                static_cast<std::uint32_t>(isModule ? m_moduleCaps.size() : caps.size());
-            const std::uint32_t count = isModule ? real : announcedCaps.value_or(real);
-            std::memcpy(data, &count, sizeof count);
-            return isModule ? kMaidOk : countResult;
-        }
+    switch (call.command) {
+        case kMaidCommandGetCapCount:
+            fake::write(call.data, announcedCaps.value_or(static_cast<std::uint32_t>(caps.size())));
+            return countResult;
         case kMaidCommandGetCapInfo:
-            if (isModule) {
-                giveCaps(m_moduleCaps, parameter, data);
-                return kMaidOk;
-            }
-            giveCaps(caps, parameter, data);
-            return ++fetches > refetches ? infoResult : kMaidBufferSize;
+            return giveInfos(call);
         case kMaidCommandCapGet:
-            return giveRecord(parameter, dataType, data);
+            return giveRecord(call);
         case kMaidCommandCapGetArray:
-            return giveArray(parameter, data);
+            return giveArray(call);
         case kMaidCommandCapSet:
-            return set(parameter, dataType, data);
+            return setPosition(call);
         default:
-            return kMaidOk;
+            return Module::serve(call);
     }
 }
 
-MaidResult ScriptedCamera::giveCaps(const std::vector<MaidCapInfo>& given, std::uint32_t room,
-                                    void* data)
+MaidResult ScriptedCamera::giveInfos(const Call& call)
 {
-    const std::size_t count = std::min<std::size_t>(room, given.size());
-    if (count > 0) {
-        std::memcpy(data, given.data(), count * sizeof(MaidCapInfo));
-    }
-    return kMaidOk;
+    fake::writeInfos(call.data, caps, call.parameter);
+    return ++fetches > refetches ? infoResult : kMaidBufferSize;
 }
 
-MaidResult ScriptedCamera::giveRecord(std::uint32_t capId, std::uint32_t dataType, void* data)
+MaidResult ScriptedCamera::giveRecord(const Call& call)
 {
-    if (dataType == kMaidDataTypeUnsignedPtr) {
-        const std::uint32_t value = 1;
-        std::memcpy(data, &value, sizeof value);
+    if (call.dataType == kMaidDataTypeUnsignedPtr) {
+        fake::write(call.data, std::uint32_t{1});
         return kMaidOk;
     }
-    if (capId == kMaidCapChildren) {
-        const MaidEnum record = {kMaidElementUnsigned, 1, 0, 0, sizeof(std::uint32_t), nullptr};
-        std::memcpy(data, &record, sizeof record);
-        return kMaidOk;
-    }
-    const auto found = settings.find(capId);
+    const auto found = settings.find(call.parameter);
     if (found == settings.end()) {
-        return kFailed;
+        return fake::kRefused;
     }
-    std::memcpy(data, &found->second.record, sizeof(MaidEnum));
+    fake::write(call.data, found->second.record);
     return found->second.result;
 }
 
-MaidResult ScriptedCamera::giveArray(std::uint32_t capId, void* data)
+MaidResult ScriptedCamera::giveArray(const Call& call)
 {
-    MaidEnum record = {};
-    std::memcpy(&record, data, sizeof record);
-    const std::size_t room =
-        std::size_t{record.elements} * static_cast<std::size_t>(record.elementSize);
-    if (capId == kMaidCapChildren) {
-        check(room == sizeof kCameraId, "there is room for the announced elements");
-        std::memcpy(record.array, &kCameraId, sizeof kCameraId);
-        return kMaidOk;
-    }
-    const Setting& setting = settings.at(capId);
-    const std::size_t size = std::min(room, setting.array.size());
-    if (size > 0) {
-        std::memcpy(record.array, setting.array.data(), size);
-    }
+    const Setting& setting = settings.at(call.parameter);
+    fake::writeArray(call.data, setting.array);
     if (setting.afterwards) {
-        std::memcpy(data, &*setting.afterwards, sizeof record);
+        fake::write(call.data, *setting.afterwards);
     }
     return setting.arrayResult;
 }
 
-MaidResult ScriptedCamera::set(std::uint32_t capId, std::uint32_t dataType, const void* data)
+MaidResult ScriptedCamera::setPosition(const Call& call)
 {
-    if (dataType != kMaidDataTypeEnumPtr) {
+    if (call.dataType != kMaidDataTypeEnumPtr) {
         return kMaidOk;
     }
-    MaidEnum record = {};
-    std::memcpy(&record, data, sizeof record);
-    setPositions.push_back(record.value);
-    return settings.at(capId).setResult;
+    setPositions.push_back(fake::recordAt<MaidEnum>(call.data).value);
+    return settings.at(call.parameter).setResult;
 }
 
 }  // namespace fuzz

@@ -1,5 +1,4 @@
 // A driver module with one camera whose capabilities and settings are what a fuzz target made them.
-// Every command is completed at once.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +7,14 @@
 #include <optional>
 #include <vector>
 
+#include "fakes/Module.h"
 #include "nikon/MaidDriver.h"
 #include "nikon/MaidTree.h"
 
 namespace fuzz {
 
-using Bytes = std::vector<unsigned char>;
+using fake::Bytes;
+using fake::capInfo;
 
 // An enumeration of the camera, and how its commands end.
 struct Setting {
@@ -25,13 +26,10 @@ struct Setting {
     std::optional<MaidEnum> afterwards;  // what reading the array leaves in the record
 };
 
-class ScriptedCamera
+class ScriptedCamera : public fake::Module
 {
 public:
     ScriptedCamera();
-    ScriptedCamera(const ScriptedCamera&) = delete;
-    ScriptedCamera& operator=(const ScriptedCamera&) = delete;
-    ~ScriptedCamera();
 
     // Opens the module and its camera, with the procedures in this record.
     std::shared_ptr<nikon::MaidTree> open();
@@ -50,23 +48,12 @@ public:
     int fetches = 0;                          // how often the descriptors were asked for
 
 private:
-    static MaidResult MAIDAPI enter(MaidObject* object, std::uint32_t command,
-                                    std::uint32_t parameter, std::uint32_t dataType, MaidData data,
-                                    MaidCompletionProcedure completion, MaidReference reference);
-
-    MaidResult serve(const MaidObject* object, std::uint32_t command, std::uint32_t parameter,
-                     std::uint32_t dataType, void* data);
-    MaidResult giveCaps(const std::vector<MaidCapInfo>& given, std::uint32_t room, void* data);
-    MaidResult giveRecord(std::uint32_t capId, std::uint32_t dataType, void* data);
-    MaidResult giveArray(std::uint32_t capId, void* data);
-    MaidResult set(std::uint32_t capId, std::uint32_t dataType, const void* data);
-
-    std::vector<MaidCapInfo> m_moduleCaps;
+    MaidResult serve(const fake::Call& call) override;
+    MaidResult giveInfos(const fake::Call& call);
+    MaidResult giveRecord(const fake::Call& call);
+    MaidResult giveArray(const fake::Call& call);
+    MaidResult setPosition(const fake::Call& call);
 };
-
-// A descriptor. Of the description at most 256 bytes count; it need not have a terminator.
-MaidCapInfo capInfo(std::uint32_t id, std::uint32_t type, std::uint32_t operations,
-                    const std::string& description);
 
 // Waits are given up almost at once.
 nikon::Timing noPatience();

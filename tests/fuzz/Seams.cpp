@@ -5,6 +5,7 @@
 
 #include "DebugLog.h"
 #include "Input.h"
+#include "PyCallback.h"
 #include "platform/Platform.h"
 
 namespace fuzz {
@@ -15,6 +16,11 @@ void switchDebugLogOn()
 }
 
 }  // namespace fuzz
+
+bool PyCallback::interpreterIsEnding()
+{
+    return false;
+}
 
 namespace platform {
 

@@ -1,5 +1,6 @@
-// What stands for three functions of the operating system in the fuzz targets: texts that do not
-// fit end the input instead of the process, nobody waits, and the debug log is looked at.
+// What stands for three functions of the operating system in the fuzz targets, and for the
+// interpreter: texts that do not fit end the input instead of the process, nobody waits, the debug
+// log is looked at, and no interpreter is ending.
 #pragma once
 
 namespace fuzz {

@@ -1,27 +1,23 @@
 // A driver module that does what the fuzzer's input says: it raises events of any kind inside of
 // commands and events, refuses commands, completes them late, twice or never, and delivers parts of
-// pictures when nobody asked. It checks its caller: no object is opened twice, none is used that is
-// not open, and none is closed before its children.
+// pictures when nobody asked. What the application does wrong ends the run.
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <set>
 #include <vector>
 
 #include "Input.h"
+#include "fakes/Module.h"
 #include "nikon/MaidDriver.h"
 
 namespace fuzz {
 
-class StormModule
+class StormModule : public fake::Module
 {
 public:
-    explicit StormModule(Input& input);
-    StormModule(const StormModule&) = delete;
-    StormModule& operator=(const StormModule&) = delete;
-    ~StormModule();
+    explicit StormModule(Input& input) : m_input(input) {}
 
     std::shared_ptr<nikon::MaidLibrary> library() const;
 
@@ -41,71 +37,36 @@ public:
     void callEverything();
 
 private:
-    struct Node {
-        std::uint32_t level = 0;
-        std::uint32_t id = 0;
-        Node* parent = nullptr;
-        const MaidObject* open = nullptr;
-        std::vector<std::uint32_t> listed;
-        std::vector<MaidCapInfo> caps;
-        std::uint32_t position = 0;  // of its enumerations
-    };
-
-    struct Call {
-        Node* node;  // null for the open of the Module object
-        MaidObject* object;
-        std::uint32_t command;
-        std::uint32_t parameter;
-        std::uint32_t dataType;
-        MaidData data;
-        MaidCompletionProcedure completion;
-        MaidReference reference;
-    };
-
-    // A command that is not completed yet.
-    struct Pending {
-        Call call;
-        int polls;      // 0: never
-        bool isServed;  // its data was written already
-    };
-
     // A procedure of the application's, and the object or acquisition that it is for.
     struct Procedure {
         std::uint32_t capId;
         MaidCallback callback;
     };
 
-    static MaidResult MAIDAPI enter(MaidObject* object, std::uint32_t command,
-                                    std::uint32_t parameter, std::uint32_t dataType, MaidData data,
-                                    MaidCompletionProcedure completion, MaidReference reference);
+    MaidResult handle(fake::Call call) override;
+    MaidResult answer(const fake::Call& call) override;
+    MaidResult work() override;
+    void complete(const fake::Call& made, MaidResult result) override;
+    fake::Object* findToOpen(const fake::Call& call) override;
+    MaidResult openObject(const fake::Call& call) override;
+    MaidResult announceChildren(const fake::Call& call) override;
+    MaidResult set(const fake::Call& call, fake::Cap& cap) override;
+    MaidResult start(const fake::Call& call) override;
 
-    bool isWild();
-    MaidResult handle(const Call& call);
-    MaidResult answer(const Call& call, std::uint32_t action, std::uint32_t detail);
-    MaidResult work();
-    MaidResult serve(const Call& call);
-    MaidResult open(const Call& call);
-    MaidResult close(const Call& call);
-    MaidResult announce(const Call& call);
-    MaidResult giveCount(const Call& call) const;
-    MaidResult giveInfos(const Call& call) const;
-    MaidResult get(const Call& call) const;
-    MaidResult giveArray(const Call& call) const;
-    MaidResult set(const Call& call);
-    MaidResult start();
-    void complete(const Call& made, MaidResult result);
-    void raise(const Procedure& procedure);
+    bool isWild() const;
+    void actOften(std::uint32_t detail);
+    MaidResult refuse(const fake::Call& call, std::uint32_t detail, bool isCompleted);
+    MaidResult postpone(const fake::Call& call, std::uint32_t detail, bool isForEver);
+    MaidResult answerNow(const fake::Call& call, std::uint32_t action, std::uint32_t detail);
+    void completeLate(std::size_t which);
+    void callProcedure(const Procedure& procedure);
+    void raiseAny(const Procedure& procedure);
+    void showAnyProgress(const Procedure& procedure);
     void deliver(const Procedure& procedure);
-    void showProgress(const Procedure& procedure);
-    Node& nodeOf(Node* parent, std::uint32_t id);
-    void addCaps(Node& node);
-    static std::vector<unsigned char> arrayOf(const Node& node, std::uint32_t capId);
+    void describeNew(fake::Object& object);
 
     Input& m_input;
-    std::vector<std::unique_ptr<Node>> m_nodes;
-    std::map<const MaidObject*, Node*> m_open;
-    std::vector<Pending> m_pending;
-    std::vector<Call> m_completed;        // the last ones
+    std::vector<fake::Call> m_completed;  // the last ones
     std::vector<Procedure> m_procedures;  // all that were ever installed
     int m_calls = 0;
     int m_polls = 0;
