@@ -8,7 +8,7 @@ Whatever a host needs of its maker comes in by the prelude's `info` and `shutter
 SLEEPER = """
 def sleep(*arguments):
     called.set()
-    time.sleep(1000)
+    time.sleep(1000)  # for ever, as far as the host can tell
 
 """
 
@@ -60,6 +60,118 @@ tether = Lumatie.Lumatie()
 start(leave, tether)
 time.sleep(1000)
 """
+
+# Tells each time that the exit functions run, and takes its time for that.
+TELL_EXIT_FUNCTIONS = """
+exiting = threading.Event()
+
+def tell():
+    os.write(1, b"exit functions\\n")
+    exiting.set()
+    time.sleep(0.5)
+
+atexit.register(tell)
+"""
+
+# The callable fails, and the host's hook for that ends the program.
+EXIT_IN_HOOK = (
+    TELL_EXIT_FUNCTIONS
+    + """
+sys.excepthook = lambda *error: sys.exit(5)
+
+def fail(*arguments):
+    called.set()
+    raise RuntimeError("host at fault")
+
+"""
+)
+
+EXIT_IN_HOOK_WHILE_MAIN_SLEEPS = EXIT_IN_HOOK + "tether = start(fail); time.sleep(1000)"
+
+EXIT_IN_HOOK_WHILE_MAIN_WORKS = (
+    EXIT_IN_HOOK
+    + """
+tether = start(fail)
+while True:
+    tether.UpdateExportFolder(folder)
+"""
+)
+
+EXIT_IN_HOOK_WHILE_UNINIT_WAITS = (
+    EXIT_IN_HOOK
+    + """
+ending = threading.Event()
+
+def fail_later(*arguments):
+    called.set()
+    ending.wait()
+    raise RuntimeError("host at fault")
+
+tether = start(fail_later)
+wait(called)
+ending.set()
+tether.Uninit()
+time.sleep(1000)
+"""
+)
+
+# Two sessions, of whichever makers, whose callables exit at the same time.
+EXIT_IN_TWO_CALLABLES = (
+    TELL_EXIT_FUNCTIONS
+    + """
+both = threading.Barrier(2)
+met = set()
+
+def leave(*arguments):
+    if threading.get_ident() not in met:
+        met.add(threading.get_ident())
+        both.wait()
+    sys.exit(5)
+
+tethers = [Lumatie.Lumatie(), Lumatie.Lumatie()]
+for tether, own_info in zip(tethers, infos):
+    assert tether.Init(own_info, folder, leave) == 1
+time.sleep(1000)
+"""
+)
+
+# The callable exits, and the main thread when the exit functions run.
+EXIT_IN_MAIN_BEHIND_THE_CALLABLE = (
+    TELL_EXIT_FUNCTIONS
+    + """
+tether = start(lambda *arguments: sys.exit(5))
+wait(exiting)
+sys.exit(7)
+"""
+)
+
+# The main thread exits, and the callable when the exit functions run.
+EXIT_IN_CALLABLE_BEHIND_MAIN = (
+    TELL_EXIT_FUNCTIONS
+    + """
+def leave(*arguments):
+    called.set()
+    wait(exiting)
+    sys.exit(5)
+
+tether = start(leave)
+wait(called)
+sys.exit(7)
+"""
+)
+
+# The main thread has come to its end, but another thread is at work when the callable exits.
+EXIT_BESIDE_A_THREAD = (
+    TELL_EXIT_FUNCTIONS
+    + """
+def leave(*arguments):
+    threading.main_thread().join()
+    sys.exit(5)
+
+threading.Thread(target=time.sleep, args=(1000,)).start()
+tether = start(leave)
+"""
+)
 
 # The callable drops the last reference to the object.
 DELETE_IN_CALLABLE = """
@@ -197,4 +309,100 @@ while os.getppid() == parent:
     time.sleep(0.01)
 atexit._run_exitfuncs()
 os._exit(0)
+"""
+
+# The start of hosts that make processes, each of which has ten seconds.
+FORK = """
+def wait_for_child(child):
+    status = os.waitpid(child, 0)[1]
+    os.write(1, b"child: %d, signal %d\\n" % (status >> 8, status & 127))
+
+own = os.getpid()
+atexit.register(lambda: os.write(1, b"%s exits\\n" % (b"host" if os.getpid() == own else b"child")))
+
+"""
+
+# The callable makes a process, which leaves the callable in the host's own way.
+FORK_IN_CALLABLE = (
+    FORK
+    + """
+forked = threading.Event()
+
+def split(*arguments):
+    if not called.is_set():
+        called.set()
+        child = os.fork()
+        if child == 0:
+            signal.alarm(10)
+            return leave()
+        wait_for_child(child)
+        forked.set()
+
+tether = start(split)
+wait(forked)
+"""
+)
+
+# The same when the session's end waits for the callable.
+FORK_IN_CALLABLE_THAT_UNINIT_WAITS_FOR = (
+    FORK
+    + """
+ending = threading.Event()
+
+def split(*arguments):
+    called.set()
+    wait(ending)
+    time.sleep(0.2)
+    child = os.fork()
+    if child == 0:
+        signal.alarm(10)
+        return leave()
+    wait_for_child(child)
+
+tether = start(split)
+wait(called)
+ending.set()
+tether.Uninit()
+"""
+)
+
+# Another process is made and ends while a daemon thread ends the session.
+FORK_WHILE_UNINIT_WAITS = (
+    FORK
+    + """
+going = threading.Event()
+
+def work(*arguments):
+    called.set()
+    wait(going)
+
+tether = start(work)
+wait(called)
+uninit_on_daemon_thread(tether)
+child = os.fork()
+if child == 0:
+    signal.alarm(8)
+    sys.exit(7)
+wait_for_child(child)
+going.set()
+"""
+)
+
+# The callable starts a process of multiprocessing's.
+START_PROCESS_IN_CALLABLE = """
+import multiprocessing
+
+forked = threading.Event()
+
+def split(*arguments):
+    if not called.is_set():
+        called.set()
+        process = multiprocessing.get_context("fork").Process(target=sys.exit, args=(5,))
+        process.start()
+        process.join()
+        os.write(1, b"child: %d\\n" % process.exitcode)
+        forked.set()
+
+tether = start(split)
+wait(forked)
 """

@@ -9,9 +9,11 @@ import concurrent.futures
 import os
 import re
 import signal
+import sys
 import tempfile
 import time
 import unittest
+import unittest.mock
 
 import exit_hosts as hosts
 from support import CAMERA_NAME, CANON_LIBRARY, NIKON_MODULE, run_host
@@ -33,21 +35,18 @@ SPOILT_MEMORY = {"GLIBC_TUNABLES": "glibc.malloc.tcache_count=0:glibc.malloc.per
 INTERRUPTED = 0xC000013A if ON_WINDOWS else -signal.SIGINT
 TERMINATED = 3 if ON_WINDOWS else -signal.SIGTERM
 
-# A maker: the virtual camera's library, the start of its functions' names, what Init gets, what
-# SetValue gets for another shutter speed, and what the call log says once when a session was
-# closed.
-Maker = collections.namedtuple("Maker", "library prefix info shutter_speed closes")
+# A maker: the virtual camera's library, what Init gets, what SetValue gets for another shutter
+# speed, and what the call log says once when a session was closed.
+Maker = collections.namedtuple("Maker", "library info shutter_speed closes")
 
 CANON = Maker(
     CANON_LIBRARY,
-    "VirtualCamera",
     CAMERA_NAME,
     0x60,
     (" EdsCloseSession(", " EdsTerminateSDK("),
 )
 NIKON = Maker(
     NIKON_MODULE,
-    "VirtualNikon",
     str(NIKON_MODULE),
     2,
     (" Close(source#1, 0x0) = 0 ", " Close(module#0, 0x0) = 0 "),
@@ -58,8 +57,8 @@ import atexit, ctypes, gc, os, signal, sys, threading, time
 {before_import}
 import Lumatie
 
-folder, library, prefix, info = sys.argv[1:5]
-shutter_speed = int(sys.argv[5])
+folder, library, info = sys.argv[1:4]
+shutter_speed = int(sys.argv[4])
 camera = ctypes.CDLL(library)
 called = threading.Event()
 
@@ -71,7 +70,7 @@ def wait(event):
         os._exit(99)
 
 def steer(function, *arguments):
-    return getattr(camera, prefix + function)(*arguments)
+    return getattr(camera, "VirtualCamera" + function)(*arguments)
 
 def wait_for_call(function, count=1):
     if not steer("WaitForCalls", function, count, 20000):
@@ -134,7 +133,7 @@ class End:
                 PRELUDE.format(before_import=before_import) + script,
                 deadline,
                 environment={"LUMATIE_VIRTUAL_LOG": log, **SPOILT_MEMORY},
-                arguments=(folder, *maker[:4]),
+                arguments=(folder, *maker[:3]),
             )
             self.seconds = time.monotonic() - begun
             self.status, self.stdout, self.stderr = run
@@ -188,6 +187,95 @@ class OrphanTests:
 
     def test_a_process_whose_parent_has_ended_still_ends_its_session(self):
         self.assert_closed(self.assert_ends(hosts.LOSE_PARENT, repeats=2))
+
+
+class ForkTests:
+    """Processes that are split off beside a session end as Python's own, and touch no camera."""
+
+    repeats = 3
+
+    def assert_child(self, script, told, stderr=""):
+        """Each run tells this of the process that it has made, and closes its session once."""
+        ends = self.run_parents(script, told, stderr)
+        self.assert_closed(ends)
+
+    def run_parents(self, script, told, stderr=""):
+        """Each run tells this of the process that it has made."""
+        # In its development mode, CPython 3.8 aborts when a forked process ends, and from 3.12 on
+        # each fork beside a thread is worth a warning.
+        how = {"PYTHONMALLOC": "pymalloc", "PYTHONWARNINGS": "ignore"}
+        with unittest.mock.patch.dict(os.environ, how):
+            ends = self.assert_ends(script, stderr=stderr)
+        for end in ends:
+            self.assertEqual(re.findall("child.*", end.stdout), told)
+        return ends
+
+    def test_a_child_of_the_callable_that_returns_ends_without_exit_functions(self):
+        self.assert_child("leave = int" + hosts.FORK_IN_CALLABLE, ["child: 0, signal 0"])
+
+    def test_a_child_of_the_callable_that_raises_ends_behind_its_traceback(self):
+        self.assert_child(
+            "def leave(): raise RuntimeError('child at fault')" + hosts.FORK_IN_CALLABLE,
+            ["child: 0, signal 0"],
+            "RuntimeError: child at fault",
+        )
+
+    def test_a_child_of_the_callable_that_exits_has_its_status_and_the_exit_functions(self):
+        self.assert_child(
+            "def leave(): sys.exit(5)" + hosts.FORK_IN_CALLABLE,
+            ["child exits", "child: 5, signal 0"],
+        )
+
+    def test_a_child_of_the_callable_may_leave_by_os_exit(self):
+        self.assert_child(
+            "def leave(): os._exit(6)" + hosts.FORK_IN_CALLABLE, ["child: 6, signal 0"]
+        )
+
+    def test_a_child_of_the_callable_returns_while_uninit_waits_for_that(self):
+        self.assert_child(
+            "leave = int" + hosts.FORK_IN_CALLABLE_THAT_UNINIT_WAITS_FOR, ["child: 0, signal 0"]
+        )
+
+    def test_a_child_of_the_callable_exits_while_uninit_waits_for_that(self):
+        self.assert_child(
+            "def leave(): sys.exit(5)" + hosts.FORK_IN_CALLABLE_THAT_UNINIT_WAITS_FOR,
+            ["child exits", "child: 5, signal 0"],
+        )
+
+    def test_a_process_that_the_callable_starts_ends_with_its_status(self):
+        self.assert_child(hosts.START_PROCESS_IN_CALLABLE, ["child: 5"])
+
+    def test_a_child_that_exits_does_not_wait_for_an_end_of_the_parents(self):
+        self.assert_child(hosts.FORK_WHILE_UNINIT_WAITS, ["child exits", "child: 7, signal 0"])
+
+
+class ExitInCallableTests:
+    """Whoever ends the program, and how many do: the host's exit functions run once."""
+
+    def assert_ends_once(self, script, status, **how):
+        """Each run ends with this status after one turn of the exit functions."""
+        ends = self.assert_ends(script, status, repeats=4, **how)
+        self.assertEqual({end.stdout.count("exit functions\n") for end in ends}, {1})
+        return ends
+
+    def test_sys_exit_in_the_excepthook_ends_the_process_with_its_status(self):
+        self.assert_closed(self.assert_ends_once(hosts.EXIT_IN_HOOK_WHILE_MAIN_SLEEPS, 5))
+
+    def test_sys_exit_in_the_excepthook_while_the_main_thread_works(self):
+        self.assert_ends_once(hosts.EXIT_IN_HOOK_WHILE_MAIN_WORKS, 5)
+
+    def test_sys_exit_in_the_excepthook_while_uninit_waits_for_the_callable(self):
+        self.assert_ends_once(hosts.EXIT_IN_HOOK_WHILE_UNINIT_WAITS, 5)
+
+    def test_sys_exit_in_the_main_thread_while_a_callable_ends_the_process(self):
+        self.assert_closed(self.assert_ends_once(hosts.EXIT_IN_MAIN_BEHIND_THE_CALLABLE, 5))
+
+    def test_sys_exit_in_a_callable_while_the_main_thread_ends_the_process(self):
+        self.assert_closed(self.assert_ends_once(hosts.EXIT_IN_CALLABLE_BEHIND_MAIN, 7))
+
+    @unittest.skipIf(sys.version_info < (3, 9), "Python 3.8 waits for the thread before it exits")
+    def test_sys_exit_in_a_callable_when_the_main_thread_waits_for_another_one(self):
+        self.assert_closed(self.assert_ends_once(hosts.EXIT_BESIDE_A_THREAD, 5))
 
 
 class StuckTestCase(unittest.TestCase):

@@ -10,7 +10,6 @@ deadline that passes is a failure that says what was there instead.
 
 import ast
 import collections
-import ctypes
 import gc
 import os
 import pathlib
@@ -25,15 +24,20 @@ import unittest
 import weakref
 
 from this_process import ON_WINDOWS, native_threads
+from virtual_cameras import (  # noqa: F401  tests take all of these from here
+    BUILD,
+    CANON_LIBRARY,
+    DEADLINE,
+    NIKON_MODULE,
+    PYTHON_DIR,
+    REPOSITORY,
+    VIRTUAL_DIR,
+    SteeringError,
+    VirtualCanon,
+    VirtualNikon,
+    wait_until,
+)
 
-REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
-BUILD = pathlib.Path(
-    os.environ.get("LUMATIE_BUILD_DIR") or REPOSITORY / "build" / "linux"
-).resolve()
-PYTHON_DIR = BUILD / "python"
-VIRTUAL_DIR = BUILD / "virtual"
-CANON_LIBRARY = VIRTUAL_DIR / ("EDSDK.dll" if ON_WINDOWS else "libEDSDK.so")
-NIKON_MODULE = VIRTUAL_DIR / "VirtualNikon.md3"
 TEST_PYTHON_DIR = BUILD / "test-python"  # the module with settings of its own, see log_support.py
 TEST_CONFIG_DIR = BUILD / "test-config"
 
@@ -46,9 +50,6 @@ if str(PYTHON_DIR) not in sys.path:
 
 import _Lumatie  # noqa: E402, F401  both lie in the build tree; tests take them from here
 import Lumatie  # noqa: E402
-
-# Long enough for a loaded machine; only a failing test ever waits for it.
-DEADLINE = 20.0
 
 CAMERA_NAME = "Virtual EOS"
 
@@ -72,23 +73,6 @@ RAW = 0x0064FF0F
 RAW_AND_JPEG = 0x00640013
 
 
-def wait_until(predicate, what, deadline=DEADLINE):
-    """Polls until `predicate()` is true and returns its value; fails when time runs out.
-
-    For conditions that nobody announces; `what` says in the failure what did not come true: a
-    text, or a function that makes one then.
-    """
-    end = time.monotonic() + deadline
-    while True:
-        value = predicate()
-        if value:
-            return value
-        if time.monotonic() > end:
-            what = what() if callable(what) else what
-            raise AssertionError("not within {:g} s: {}".format(deadline, what))
-        time.sleep(0.002)
-
-
 def folder_names(*names):
     """Those of the names that a folder can have here."""
     if not ON_WINDOWS:
@@ -104,332 +88,12 @@ def make_link(target, link):
         if not ON_WINDOWS:
             raise
     if not os.path.lexists(link):
-        raise unittest.SkipTest("no symbolic link can be made here")
+        raise unittest.SkipTest("Windows lets only the privileged make symbolic links")
 
 
 def name_in_library(name):
     """The name of a file that a maker's library calls by these bytes."""
     return name.decode("mbcs") if ON_WINDOWS else os.fsdecode(name)
-
-
-class SteeringError(Exception):
-    """The virtual camera refused what a test asked of it."""
-
-
-class Steering:
-    """What the steering interfaces of all virtual cameras have in common.
-
-    One world for the whole process: every instance steers the same. Methods about one camera take
-    its number, 0 for the first. A refusal raises SteeringError; a wait whose time runs out fails.
-    """
-
-    def __init__(self, library, prefix):
-        self._library = ctypes.CDLL(str(library))
-        self._prefix = prefix
-        self._function("Clock").restype = ctypes.c_int64
-
-    def _function(self, name):
-        return getattr(self._library, self._prefix + name)
-
-    def _text(self, name, *arguments):
-        """A text that the library gives out; it may grow between the two calls."""
-        capacity = 4096
-        while True:
-            buffer = ctypes.create_string_buffer(capacity)
-            length = self._function(name)(*arguments, buffer, capacity)
-            if length < capacity:
-                return buffer.value.decode("utf-8", "surrogateescape")
-            capacity = length + 4096
-
-    def _do(self, name, *arguments):
-        if not self._function(name)(*arguments):
-            raise SteeringError("{}: {}".format(name, self._text("LastError")))
-
-    def _wait(self, name, *arguments, deadline=DEADLINE):
-        if not self._function(name)(*arguments, int(deadline * 1000)):
-            raise AssertionError(
-                "not within {:g} s: {}{}\n{}".format(deadline, name, arguments, self.story())
-            )
-
-    def reset(self):
-        """Back to the factory: one camera, plugged in, no faults, all logs and counts empty."""
-        self._function("Reset")()
-
-    def configure(self, text):
-        """Applies settings, one "key = value" a line."""
-        text = textwrap.dedent(text)
-        bad = self._function("Configure")(text.encode("utf-8", "surrogateescape"))
-        if bad:
-            raise SteeringError(
-                "{}: {}".format(text.splitlines()[bad - 1], self._text("LastError"))
-            )
-
-    def settings(self):
-        """Every setting with its value now, as a text that configure() takes."""
-        return self._text("Settings")
-
-    def remove(self, camera=0):
-        """Unplugs the camera and forgets it."""
-        self._do("Remove", camera)
-
-    def unplug(self, camera=0):
-        """Pulls the cable: every call on the camera fails from now on."""
-        self._do("Unplug", camera)
-
-    def plug(self, camera=0):
-        """Puts the cable back in."""
-        self._do("Plug", camera)
-
-    def press_shutter(self, camera=0):
-        """Presses the button on the body; does not wait for the picture."""
-        self._do("PressShutter", camera)
-
-    def turn_dial(self, mode, camera=0):
-        """Turns the mode dial; what depends on it changes and is announced."""
-        self._do("TurnDial", camera, ctypes.c_uint32(mode))
-
-    def fault(self, rule):
-        """Makes calls misbehave, e.g. "EdsSendCommand code=0x60 command=4 parameter=3"."""
-        self._do("Fault", rule.encode())
-
-    def event_rule(self, rule):
-        """Makes events misbehave, e.g. "0x208 lose"."""
-        self._do("EventRule", rule.encode())
-
-    def clear_faults(self):
-        """Forgets all faults and event rules."""
-        self._function("ClearFaults")()
-
-    def release_hangs(self):
-        """Lets every hanging call go on; returns how many there were."""
-        return self._function("ReleaseHangs")()
-
-    def wait_for_hang(self, function="*", deadline=DEADLINE):
-        """Waits until a call of the function hangs."""
-        self._wait("WaitForHang", function.encode(), deadline=deadline)
-
-    def calls(self, function="*"):
-        """How many calls of the function were answered."""
-        return self._function("CallCount")(function.encode())
-
-    def wait_for_calls(self, function, count=1, deadline=DEADLINE):
-        """Waits until at least `count` calls of the function were answered since the reset."""
-        self._wait("WaitForCalls", function.encode(), count, deadline=deadline)
-
-    def wait_until_idle(self, deadline=DEADLINE):
-        """Waits until no call, exposure, event or handler is under way.
-
-        The module's own queue may still hold commands.
-        """
-        self._wait("WaitUntilIdle", deadline=deadline)
-
-    def log(self):
-        """The call log, a line for each answered call and delivered event."""
-        return self._text("Log").splitlines()
-
-    def clock(self):
-        """What the call log's clock shows now: seconds since the library was loaded."""
-        return self._function("Clock")() / 1e6
-
-    def clear_log(self):
-        """Empties the log; counts stay."""
-        self._function("ClearLog")()
-
-    def misuse(self):
-        """How the application broke the rules of the interface, a line each."""
-        return self._text("Misuse").splitlines()
-
-    def clear_misuse(self):
-        """Forgets the misuses."""
-        self._function("ClearMisuse")()
-
-    def story(self):
-        """The end of the call log, for the message of a failure."""
-        return "\n".join(self.log()[-30:])
-
-    def wait_for_pictures(self, count=1, deadline=DEADLINE):
-        """Waits until at least `count` picture files were made."""
-        self._wait("WaitForPictures", count, deadline=deadline)
-
-    def picture_fields(self, *fields):
-        """The files made since the reset: dicts of their name and these fields."""
-        found = []
-        for index in range(self._function("PictureCount")()):
-            value = self._function("PictureValue")
-            picture = {field: value(index, field.encode()) for field in fields}
-            picture["name"] = self._text("PictureName", index)
-            found.append(picture)
-        return found
-
-    def picture_bytes(self, index):
-        """The bytes of one file, as they lie on the camera."""
-        size = self._function("PictureBytes")(index, None, 0)
-        if size < 0:
-            raise SteeringError("picture {} is not kept".format(index))
-        buffer = ctypes.create_string_buffer(max(size, 1))
-        self._function("PictureBytes")(index, buffer, size)
-        return buffer.raw[:size]
-
-
-class VirtualCamera(Steering):
-    """The steering interface of the virtual Canon library (virtual/VirtualCamera.h)."""
-
-    def __init__(self):
-        super().__init__(CANON_LIBRARY, "VirtualCamera")
-        for name in ("Property", "PictureValue", "PictureBytes", "StreamBytes"):
-            self._function(name).restype = ctypes.c_int64
-        self._function("PictureBytes").argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_int64]
-        self._function("NewItem").restype = ctypes.c_void_p
-        self._function("SendObjectEvent").argtypes = [
-            ctypes.c_int,
-            ctypes.c_uint32,
-            ctypes.c_void_p,
-        ]
-        self._markers = 0
-
-    # Settings.
-
-    # Cameras.
-
-    def add(self, name, sub_type=1):
-        """Plugs in another camera; returns its number."""
-        number = self._function("Add")(name.encode(), ctypes.c_uint32(sub_type))
-        if number < 0:
-            raise SteeringError("Add: " + self._text("LastError"))
-        return number
-
-    def set_name(self, name, camera=0):
-        """Names the camera with exactly these bytes; 256 of them leave no terminator."""
-        self._do("SetName", camera, name, len(name))
-
-    def sleep(self, asleep=True, camera=0):
-        """Lets the camera fall asleep, or wakes it."""
-        self._do("Sleep", camera, int(asleep))
-
-    def session_open(self, camera=0):
-        """Whether a session is open with the camera."""
-        return bool(self._function("SessionOpen")(camera))
-
-    # Properties.
-
-    def set_property(self, identifier, value, camera=0):
-        """Changes a 32-bit setting on the body, allowed or not; makes the property if need be."""
-        code = ctypes.c_uint32(identifier)
-        self._do("SetProperty", camera, code, ctypes.c_uint32(value & 0xFFFFFFFF))
-
-    def set_property_bytes(self, identifier, kind, data, camera=0):
-        """The same for a property of any type and size."""
-        code = ctypes.c_uint32(identifier)
-        self._do("SetPropertyBytes", camera, code, ctypes.c_uint32(kind), data, len(data))
-
-    def remove_property(self, identifier, camera=0):
-        """Takes a property away: reading it fails from now on."""
-        self._do("RemoveProperty", camera, ctypes.c_uint32(identifier))
-
-    def set_allowed(self, identifier, values, camera=0):
-        """Replaces the list of allowed values and announces it; None gives the own one back."""
-        count = -1 if values is None else len(values)
-        array = (ctypes.c_int32 * max(count, 1))(*(values or ()))
-        self._do("SetAllowed", camera, ctypes.c_uint32(identifier), array, count)
-
-    def property(self, identifier, camera=0):
-        """The property's value, unsigned; None when there is none."""
-        value = self._function("Property")(camera, ctypes.c_uint32(identifier))
-        return None if value < 0 else value
-
-    def allowed(self, identifier, camera=0):
-        """The allowed values now; None when the property has no list."""
-        array = (ctypes.c_int32 * 128)()
-        count = self._function("Allowed")(camera, ctypes.c_uint32(identifier), array, len(array))
-        return None if count < 0 else list(array[:count])
-
-    # Faults.
-
-    def fail_next(self, function, code, calls=1):
-        """The next `calls` calls of the function answer `code` and do nothing."""
-        self._do("FailNext", function.encode(), ctypes.c_uint32(code), calls)
-
-    # Events.
-
-    def send_property_event(self, event, identifier, parameter=0, camera=0):
-        """Raises a property event; the camera's event thread delivers it."""
-        codes = [ctypes.c_uint32(value) for value in (event, identifier, parameter)]
-        self._do("SendPropertyEvent", camera, *codes)
-
-    def send_object_event(self, event, reference=None, camera=0):
-        """Raises an object event; the reference goes to the handler as it is."""
-        self._do("SendObjectEvent", camera, event, reference)
-
-    def send_state_event(self, event, parameter=0, camera=0):
-        """Raises a state event."""
-        self._do("SendStateEvent", camera, ctypes.c_uint32(event), ctypes.c_uint32(parameter))
-
-    def new_item(self, file=-1, camera=0):
-        """A fresh reference on a file of the picture list, on a folder for -1; the caller's."""
-        reference = self._function("NewItem")(camera, file)
-        if not reference:
-            raise SteeringError("NewItem: " + self._text("LastError"))
-        return reference
-
-    def event_count(self, event=0):
-        """How many events of this code (0: of all) handlers were called with."""
-        return self._function("EventCount")(ctypes.c_uint32(event))
-
-    def wait_for_events(self, event, count=1, deadline=DEADLINE):
-        """Waits until handlers were called at least `count` times with this code (0: any)."""
-        self._wait("WaitForEvents", ctypes.c_uint32(event), count, deadline=deadline)
-
-    # What the application did.
-
-    def settle(self, camera=0, deadline=DEADLINE):
-        """Waits until everything that was asked for or raised so far has been dealt with, also
-        what came of it in turn, the calls of the host included. Needs a session that opens.
-
-        A marker goes through the camera's events and the module's queue: a property that nobody
-        reports. When its value has been read, the worker has done all that was queued before. Two
-        markers in a row with nothing else around them say that nothing is left, not even a
-        command that waits to be tried again.
-        """
-        end = time.monotonic() + deadline
-        wait_until(lambda: self.session_open(camera), "the session is open", deadline)
-        quiet_rounds = 0
-        while quiet_rounds < 2:
-            self.wait_until_idle(deadline)
-            before = self.calls(), self.event_count()
-            self._pass_marker(camera, end - time.monotonic())
-            self.wait_until_idle(deadline)
-            # The marker itself takes one event and two calls.
-            is_quiet = (self.calls(), self.event_count()) == (before[0] + 2, before[1] + 1)
-            quiet_rounds = quiet_rounds + 1 if is_quiet else 0
-
-    def _pass_marker(self, camera, deadline):
-        self._markers += 1
-        marker = 0x0F000000 + self._markers
-        self.set_property(marker, 0, camera)
-        read = re.compile(r"EdsGetPropertyData\(camera#\d+, 0x{:X},".format(marker))
-        wait_until(
-            lambda: read.search(self._text("Log")),
-            lambda: "the module has worked off its queue\n" + self.story(),
-            deadline,
-        )
-        self.remove_property(marker, camera)
-
-    def references(self, kind=""):
-        """How many objects of a kind (list, camera, item, stream, image) the application holds."""
-        return self._function("ReferenceCount")(kind.encode())
-
-    # Pictures.
-
-    def set_picture_name(self, name, camera=0):
-        """Names the files to come with exactly these bytes; b"" goes back to IMG_0001.JPG."""
-        self._do("SetPictureName", camera, name, len(name))
-
-    def pictures(self):
-        """The files made since the reset: dicts of name, size, shot, camera, origin, to_host,
-        announced, downloaded and complete (see VirtualCamera.h)."""
-        return self.picture_fields(
-            *"shot camera origin size to_host announced downloaded complete".split()
-        )
 
 
 class Event(collections.namedtuple("Event", "code values thread time")):
@@ -561,7 +225,7 @@ class TetherTestCase(unittest.TestCase):
     """
 
     def setUp(self):
-        self.camera = VirtualCamera()
+        self.camera = VirtualCanon()
         self.assertEqual(self.camera.references(), 0, "an earlier test left references behind")
         self.camera.reset()
         folder = tempfile.TemporaryDirectory(prefix="lumatie-")

@@ -3,13 +3,14 @@
 import ctypes
 import gc
 import os
+import pathlib
 import sys
 import unittest
 import weakref
 
 import swig_runtime
 from support import DEADLINE, Host, Lumatie, TetherTestCase, _Lumatie, run_host, wait_until
-from this_process import resident_bytes
+from this_process import ON_WINDOWS, resident_bytes
 
 SELF_ERRORS = [
     ("Lumatie_Init", ("x", "d", None)),
@@ -121,8 +122,104 @@ class SelfTest(BindingTestCase):
         self.assertEqual(run, (0, "1 b'_p_Derived'\nb'_p_Lumatie'\n", ""))
 
 
+class EndlessAttributesTest(BindingTestCase):
+    """Objects whose attributes `this` never end, in place of each argument."""
+
+    # In a process of its own, which has little room to follow them for ever.
+    SCRIPT = """
+        import sys, time
+        import support, Lumatie, _Lumatie
+        from unittest.mock import MagicMock
+
+        class Circle:
+            pass
+
+        circle = Circle()
+        circle.this = circle
+        tether, wrapper = Lumatie.Lumatie(), _Lumatie.new_Lumatie()
+        if sys.platform != "win32":
+            import resource
+            # Beside what the interpreter and the module have reserved already.
+            with open("/proc/self/statm") as sizes:
+                room = int(sizes.read().split()[0]) * resource.getpagesize() + (256 << 20)
+            resource.setrlimit(resource.RLIMIT_AS, (room, room))
+        calls = {calls}
+        for endless in (circle, MagicMock()):
+            for function, *arguments in calls:
+                arguments = [endless if one is ... else one for one in arguments]
+                begun = time.monotonic()
+                try:
+                    function(*arguments)
+                except TypeError as error:
+                    print(error)
+                assert time.monotonic() - begun < 5, function
+    """
+
+    def said_of(self, calls):
+        """What is raised by calls whose argument `...` is one such object, and then another."""
+        deadline = 30 if ON_WINDOWS else 10
+        run = run_host(self.SCRIPT.replace("{calls}", calls), deadline=deadline)
+        self.assertEqual((run.status, run.stderr), (0, ""))
+        lines = run.stdout.splitlines()
+        half = len(lines) // 2
+        self.assertEqual(lines[:half], lines[half:])
+        return lines[:half]
+
+    def test_they_are_no_self_for_any_function(self):
+        said = self.said_of(
+            """[
+                (_Lumatie.Lumatie_Init, ..., "x", "d", None),
+                (_Lumatie.Lumatie_UpdateExportFolder, ..., "d"),
+                (_Lumatie.Lumatie_Uninit, ...),
+                (_Lumatie.Lumatie_Shoot, ...),
+                (_Lumatie.Lumatie_SetValue, ..., 3, 1),
+                (_Lumatie.delete_Lumatie, ...),
+            ]"""
+        )
+        texts = [argument_text(name, 1, "Lumatie *") for name, _ in SELF_ERRORS]
+        self.assertEqual(said, texts)
+
+    def test_they_are_no_text(self):
+        said = self.said_of(
+            """[
+                (tether.Init, ..., "d", None),
+                (tether.Init, "x", ..., None),
+                (tether.UpdateExportFolder, ...),
+            ]"""
+        )
+        texts = [
+            argument_text("Lumatie_Init", 2, "char const *"),
+            argument_text("Lumatie_Init", 3, "char const *"),
+            argument_text("Lumatie_UpdateExportFolder", 2, "char const *"),
+        ]
+        self.assertEqual(said, texts)
+
+    def test_they_are_no_number(self):
+        said = self.said_of("[(tether.SetValue, ..., 1), (tether.SetValue, 3, ...)]")
+        texts = [argument_text("Lumatie_SetValue", number, "int") for number in (2, 3)]
+        self.assertEqual(said, texts)
+
+    def test_they_are_neither_a_proxy_to_initialise_nor_a_wrapper_to_add(self):
+        said = self.said_of(
+            "[(_Lumatie.Lumatie_swiginit, ..., wrapper), (_Lumatie.Lumatie_swiginit, tether, ...)]"
+        )
+        texts = ["the attributes 'this' of an argument do not end"]
+        texts.append("Attempt to append a non SwigPyObject")
+        self.assertEqual(said, texts)
+
+    def test_a_wrapper_behind_some_objects_is_found(self):
+        class Holder:
+            def __init__(self, this):
+                self.this = this
+
+        holder = self.tether
+        for _ in range(20):
+            holder = Holder(holder)
+        self.assertEqual(_Lumatie.Lumatie_Shoot(holder), 1)
+
+
 class TextTest(BindingTestCase):
-    NO_TEXTS = (b"x", bytearray(b"x"), 3, 1.5, ["x"], object(), memoryview(b"x"))
+    NO_TEXTS = (b"x", bytearray(b"x"), 3, 1.5, ["x"], object(), memoryview(b"x"), pathlib.Path("x"))
 
     def test_an_info_that_is_no_text_is_refused(self):
         text = argument_text("Lumatie_Init", 2, "char const *")

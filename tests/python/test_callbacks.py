@@ -24,6 +24,7 @@ from support import (
     picture_path,
     wait_until,
 )
+from timing import timed, within
 
 SHUTTER_CODE = 0x60  # 1/30
 OTHER_CAMERA = "Virtual EOS II"
@@ -117,6 +118,53 @@ class RaisingAndOddCallables(CallbackTestCase):
             host.wait_for_picture()
         self.assertEqual(errors.getvalue().count("Traceback"), len(raised))
 
+    def print_with_hook(self, hook):
+        """What is printed when the callable fails once, for this `sys.excepthook`."""
+        self.addCleanup(setattr, sys, "excepthook", sys.excepthook)
+        left = [RuntimeError("host at fault")]
+
+        def fail(_event):
+            if left:
+                raise left.pop()
+
+        with printed() as errors:
+            sys.excepthook = hook
+            if hook is None:
+                del sys.excepthook
+            tether, host = self.start(Host(fail))
+            tether.Shoot()
+            host.wait_for_picture()
+        return errors.getvalue()
+
+    def test_the_hosts_excepthook_gets_what_the_callable_raises_and_finds_it_in_sys(self):
+        seen = []
+
+        def hook(*error):
+            seen.append(error)
+            seen.append((sys.last_type, sys.last_value, sys.last_traceback))
+
+        self.assertEqual(self.print_with_hook(hook), "")
+        (error_type, error, trace), last = seen
+        self.assertEqual((error_type, error, trace), last)
+        self.assertEqual((error_type, error.__traceback__), (RuntimeError, trace))
+        self.assertEqual(trace.tb_frame.f_code.co_name, "__call__")
+
+    def test_an_excepthook_that_fails_is_printed_with_the_original_error(self):
+        def hook(*_error):
+            raise ValueError("hook at fault")
+
+        self.assertRegex(
+            self.print_with_hook(hook),
+            r"(?s)\AError in sys\.excepthook:\nTraceback .*\nValueError: hook at fault\n"
+            r"\nOriginal exception was:\nTraceback .*\nRuntimeError: host at fault\n\Z",
+        )
+
+    def test_without_an_excepthook_the_error_is_printed_all_the_same(self):
+        self.assertRegex(
+            self.print_with_hook(None),
+            r"(?s)\Asys\.excepthook is missing\nTraceback .*\nRuntimeError: host at fault\n\Z",
+        )
+
     def test_an_object_that_is_no_callable_is_printed_as_an_error_for_each_event(self):
         with printed() as errors:
             tether, _ = self.start(42)
@@ -147,6 +195,22 @@ class RaisingAndOddCallables(CallbackTestCase):
         self.assertEqual(host.calls(), [(None,)])
         self.assertEqual(errors.getvalue().count("UnicodeDecodeError"), 1)
         self.assertTrue(self.files()[0].endswith(name_in_library(b".\xff\xfe")))
+
+    def test_the_error_of_a_text_that_is_no_utf8_is_printed_after_the_call(self):
+        printed_by_then = []
+
+        def look(event):
+            if event.code is None:
+                printed_by_then.append(errors.getvalue())
+
+        with printed() as errors:
+            tether, host = self.start(Host(look))
+            self.camera.set_picture_name(b"IMG.\xff\xfe")
+            tether.Shoot()
+            host.wait_for(lambda _: printed_by_then)
+            self.camera.settle()
+        self.assertEqual(printed_by_then, [""])
+        self.assertEqual(errors.getvalue().count("UnicodeDecodeError"), 1)
 
     def test_a_callable_of_the_wrong_signature_prints_a_type_error_and_the_session_goes_on(self):
         with printed() as errors:
@@ -185,14 +249,14 @@ class BlockingCallable(CallbackTestCase):
         self.inside.set()
         self.gate.wait()
 
+    @timed
     def test_a_blocked_callable_does_not_hold_the_host_and_loses_nothing(self):
         tether, host = self.start(Host(self.block), wait=False)
         self.assertTrue(self.inside.wait(DEADLINE))
-        begun = time.monotonic()
-        tether.SetValue(Lumatie.TETHER_SHUTTERSPEED, SHUTTER_CODE)
-        tether.Shoot()
-        tether.UpdateExportFolder(self.folder)
-        self.assertLess(time.monotonic() - begun, 1)
+        with within(1):
+            tether.SetValue(Lumatie.TETHER_SHUTTERSPEED, SHUTTER_CODE)
+            tether.Shoot()
+            tether.UpdateExportFolder(self.folder)
         self.gate.set()
         self.assertTrue(os.path.exists(host.wait_for_picture()))
         self.assertEqual(self.camera.property(SHUTTER_SPEED), SHUTTER_CODE)
@@ -304,6 +368,32 @@ class OperationsInsideTheCallable(CallbackTestCase):
         del host
         self.wait_for_end()
         wait_until(lambda: gone() is None, "the callable is freed")
+
+    def assert_goes_with_its_method(self, receive):
+        """An owner whose method is the callable and lets its session go goes when that returns."""
+        owners = []
+
+        class Owner:
+            def __init__(self):
+                self.tether = Lumatie.Lumatie()
+
+            def receive(self, *event):
+                if owners:
+                    owners.clear()
+                    receive(self.tether)
+
+        owners.append(Owner())
+        gone = weakref.ref(owners[0].tether)
+        owners[0].tether.Init(CAMERA_NAME, self.folder, owners[0].receive)
+        self.wait_for_end()
+        wait_until(lambda: gone() is None, "the tether object is freed")
+
+    def test_an_owner_whose_method_ends_the_session_goes_when_the_method_returns(self):
+        self.assert_goes_with_its_method(lambda tether: tether.Uninit())
+
+    def test_an_owner_whose_method_is_replaced_while_it_runs_goes_when_the_method_returns(self):
+        # The second start finds no camera, but has replaced the callable.
+        self.assert_goes_with_its_method(lambda tether: tether.Init("none", self.folder, None))
 
     def test_uninit_and_init_inside_the_callable_start_a_session_that_works(self):
         second = Host()

@@ -139,7 +139,7 @@ class StartTest(EventsTestCase):
 class OtherStartsTest(TetherTestCase):
     def test_an_older_body_reports_the_same_settings(self):
         self.camera.remove(0)
-        number = self.camera.add("Older EOS", sub_type=0)
+        number = self.camera.add("Older EOS", identifier=0)
         _, host = self.start(name="Older EOS", wait=False)
         self.camera.wait_for_calls("EdsSetCapacity")
         self.camera.settle(number)

@@ -12,8 +12,11 @@ from exit_support import (
     INTERRUPTED,
     PATIENCE,
     SLOW_TAKING_DOWN,
+    TELL_END,
     TERMINATED,
+    ExitInCallableTests,
     ExitTestCase,
+    ForkTests,
     OrphanTests,
     StuckTestCase,
 )
@@ -38,7 +41,7 @@ class QuickEnds(ExitTestCase):
     def test_a_download_under_way_is_finished(self):
         ends = self.assert_ends(
             """
-configure(b"picture.size = 300000\\ndownload.rate = 1")
+configure(b"picture.size = 300000\\ntransfer.rate = 1")
 tether = start()
 wait(called)
 tether.Shoot()
@@ -53,7 +56,7 @@ wait_for_call(b"EdsSetProgressCallback")
         size = int(1000000 * (PATIENCE + 3))
         ends = self.assert_ends(
             """
-configure(b"picture.size = {}\\ndownload.rate = 1")
+configure(b"picture.size = {}\\ntransfer.rate = 1")
 tether = start()
 wait(called)
 tether.Shoot()
@@ -101,14 +104,15 @@ wait(called)
 
     def test_the_pause_before_a_retry_ends_with_the_process(self):
         ends = self.assert_ends(
-            """
+            TELL_END
+            + """
 configure(b"fault = EdsOpenSession code=0x81 calls=0")
 tether = start()
 wait_for_call(b"EdsOpenSession")
 """,
             repeats=8,
         )
-        self.assertLess(min(end.seconds for end in ends), 3)
+        self.assertLess(min(end.ending for end in ends), 3)
 
     def test_a_camera_without_cable_does_not_hold_the_end_up(self):
         self.assert_ends(
@@ -237,6 +241,20 @@ time.sleep(1000)
                 hosts.EXIT_IN_HANDLER,
                 3,
             )
+        )
+
+
+class ExitsInCallables(ExitInCallableTests, ExitTestCase):
+    """The callable ends the program, or what is called when it fails."""
+
+    def test_sys_exit_in_the_callables_of_two_sessions_at_once(self):
+        self.assert_ends_once(
+            """
+configure(b"[camera 1]\\ncamera.name = Second")
+infos = info, "Second"
+"""
+            + hosts.EXIT_IN_TWO_CALLABLES,
+            5,
         )
 
 
@@ -534,9 +552,69 @@ configure(b"fault = EdsRelease hang calls=0")
 }
 
 
-@unittest.skipIf(ON_WINDOWS, "no process is split off there")
+@unittest.skipIf(ON_WINDOWS, "Windows splits off no process")
 class Orphans(OrphanTests, ExitTestCase):
     """A session whose process was split off from one that ends."""
+
+
+# The callable has ended its session, which goes on until it returns.
+PUT_OFF = """
+going = threading.Event()
+
+def work(*arguments):
+    tether.Uninit()
+    called.set()
+    wait(going)
+
+tether = Lumatie.Lumatie()
+start(work, tether)
+wait(called)
+"""
+
+
+@unittest.skipIf(ON_WINDOWS, "Windows splits off no process")
+class Forks(ForkTests, ExitTestCase):
+    """Processes that are made beside the session, and inside its callable."""
+
+    def test_a_process_that_drops_an_object_whose_end_is_put_off_does_not_wait_for_that(self):
+        self.assert_child(
+            PUT_OFF
+            + """
+import multiprocessing
+
+def drop():
+    global tether
+    signal.alarm(8)
+    tether = None
+    sys.exit(7)
+
+process = multiprocessing.get_context("fork").Process(target=drop)
+process.start()
+process.join()
+os.write(1, b"child: %d\\n" % process.exitcode)
+going.set()
+""",
+            ["child: 7"],
+        )
+
+    def test_a_child_with_a_session_of_its_own_does_not_wait_for_an_end_of_the_parents(self):
+        # The library is still the parent's, too: the child does not terminate it.
+        self.run_parents(
+            hosts.FORK
+            + PUT_OFF
+            + """
+child = os.fork()
+if child == 0:
+    signal.alarm(8)
+    own = start()
+    wait_for_call(b"EdsOpenSession", 2)
+    own.Uninit()
+    os._exit(40 + steer("CallCount", b"EdsTerminateSDK"))
+wait_for_child(child)
+going.set()
+""",
+            ["child: 40, signal 0"],
+        )
 
 
 class StuckSessions(StuckTestCase):

@@ -264,9 +264,9 @@ class ImportTest(unittest.TestCase):
         run = run_host(
             """
             import threading, _Lumatie
-            from support import VirtualCamera
+            from support import VirtualCanon
             from this_process import native_threads
-            print(native_threads(), VirtualCamera().calls("*"))
+            print(native_threads(), VirtualCanon().calls("*"))
             """
         )
         self.assertEqual(run, (0, "1 0\n", ""))

@@ -29,12 +29,15 @@ from support import (
     CANON_LIBRARY,
     Host,
     Lumatie,
+    decode_output,
     folder_names,
     picture_path,
     run_host,
+    start_host,
     wait_until,
 )
 from this_process import ON_WINDOWS, native_threads
+from timing import timed, within
 
 # One cycle's events: code and format.
 CYCLE = [
@@ -210,13 +213,20 @@ class Reports(NikonTestCase):
         self.assertGreater(host.of(Lumatie.TETHER_SHUTTERSPEED)[0].values[0], 0)
         self.assertEqual(host.of(Lumatie.TETHER_APERTURE)[0].values, (0,))
 
+    def test_texts_belong_to_the_setting_that_the_description_names(self):
+        self.nikon.configure("corrupt.source.0x8112.description = Aperture")
+        _, host = self.start(wait=True)
+        self.assertEqual(host.of(3)[0].values, (0,))
+        self.assertEqual(host.of(4)[0].values, ("{'NIKON_EDITABLE':1,}",))
+        self.assertEqual(list(host.of(6)[0].parsed().values())[:-1], self.nikon.texts(APERTURE))
+
+    @timed
     def test_a_camera_that_is_not_alive_reports_nothing_and_ends_at_once(self):
         self.nikon.fault("CapGet code=-1 capability=0x81D7 calls=0")
         tether, host = self.start()
         self.nikon.wait_for_calls("CapGet")
-        begun = time.monotonic()
-        self.assertEqual(tether.Uninit(), 1)
-        self.assertLess(time.monotonic() - begun, 5)
+        with within(5):
+            self.assertEqual(tether.Uninit(), 1)
         self.assertEqual(host.events, [])
 
     def test_a_pulled_cable_ends_the_reports(self):
@@ -338,6 +348,25 @@ class Pictures(NikonTestCase):
         self.nikon.wait_for_delivered(1)
         self.assert_written(host, self.nikon.picture_bytes(0), ".jpg")
 
+    def test_a_pair_of_files_of_ones_own_arrives_unchanged(self):
+        own = os.path.join(self.base, "own files")
+        os.mkdir(own)
+        pair = {".nef": os.urandom(600000), ".jpg": os.urandom(300000)}
+        for extension, content in pair.items():
+            with open(os.path.join(own, "holiday" + extension.upper()), "wb") as file:
+                file.write(content)
+        self.nikon.configure("value.0x8110 = 6\npicture.folder = " + own)
+        tether, host = self.start(wait=True)
+        self.shoot(tether)
+        host.wait_for_picture(2)
+        written = {os.path.splitext(name)[1]: name for name in self.files()}
+        self.assertEqual(sorted(written), [".jpg", ".nef"])
+        for extension, name in written.items():
+            with open(os.path.join(self.folder, name), "rb") as file:
+                self.assertTrue(file.read() == pair[extension], name)
+        names = [picture["name"] for picture in self.nikon.pictures()]
+        self.assertEqual(names, ["holiday.NEF", "holiday.JPG"])
+
     def test_two_requests_within_a_cycle_make_one_capture(self):
         asked = []
 
@@ -353,6 +382,21 @@ class Pictures(NikonTestCase):
         host.clear()
         host.wait_for_event(13, count=2)
         self.assertEqual(asked, [1, 1])
+        self.assertEqual(len(self.nikon.pictures()), 1)
+
+    def test_a_request_inside_the_callback_that_announces_a_picture_is_dropped(self):
+        asked = []
+
+        def ask_again(event):
+            if event.code == Lumatie.TETHER_GENERAL:
+                asked.append(tether.Shoot())
+
+        tether, host = self.start(Host(ask_again), wait=True)
+        self.shoot(tether)
+        host.wait_for_picture()
+        host.clear()
+        host.wait_for_event(13, count=2)
+        self.assertEqual(asked, [1])
         self.assertEqual(len(self.nikon.pictures()), 1)
 
     def test_each_file_type_has_its_extension(self):
@@ -413,6 +457,32 @@ class Pictures(NikonTestCase):
         host.wait_for_event(13, count=3)
         self.assertEqual(len(self.files()), 1)
 
+    def test_each_session_fetches_what_the_card_still_holds(self):
+        self.nikon.configure("items.remove = 0")
+        for number in range(5):
+            self.nikon.add_item(b"picture %d" % number)
+        for files in (5, 10, 15):
+            tether, host = self.start()
+            host.wait_for_picture(5)
+            tether.Uninit()
+            self.assertEqual(len(self.files()), files)
+
+    def test_no_event_comes_while_a_picture_is_fetched(self):
+        _, host = self.start(wait=True)
+        self.nikon.configure("picture.size = 2000000\ntransfer.rate = 1")
+        self.nikon.configure("transfer.chunk = 10000\ntransfer.per_call = 1")
+        self.nikon.press_shutter()
+        wait_until(
+            lambda: any(picture["started"] for picture in self.nikon.pictures()),
+            "its transfer has begun",
+        )
+        host.clear()
+        begun = time.monotonic()
+        host.wait_for_picture()
+        self.assertEqual(host.codes()[0], Lumatie.TETHER_GENERAL)
+        # Without the transfer a report would have come within a second.
+        self.assertGreater(time.monotonic() - begun, 1.5)
+
     def test_a_folder_that_does_not_exist_makes_no_event_and_loses_no_picture(self):
         tether, host = self.start(folder=os.path.join(self.base, "missing"), wait=True)
         self.nikon.press_shutter()
@@ -432,6 +502,17 @@ class Pictures(NikonTestCase):
         self.assertEqual(self.files(), [])
         self.assertEqual([name for name in os.listdir(os.sep) if name.startswith("Nikon_")], [])
 
+    def test_a_camera_that_lets_go_of_what_was_taken_over_keeps_its_picture_without_a_folder(self):
+        self.nikon.configure("items.remove = 1")
+        tether, host = self.start(wait=True)
+        tether.UpdateExportFolder("")
+        self.nikon.press_shutter()
+        host.wait_for_failure(2)  # it is tried again
+        self.assertEqual(self.nikon.listed(), 1)
+        tether.UpdateExportFolder(self.folder)
+        host.wait_for_picture()
+        self.assertEqual(list(self.contents().values()), [self.nikon.picture_bytes(0)])
+
     def test_folders_with_quotes_blanks_and_other_alphabets(self):
         for name in folder_names("with blank", "it's", 'a "quote"', "übung", "写真"):
             with self.subTest(folder=name):
@@ -446,7 +527,68 @@ class Pictures(NikonTestCase):
                     self.assertEqual(file.read(), self.nikon.picture_bytes(picture))
                 tether.Uninit()
 
-    @unittest.skipIf(ON_WINDOWS, "no limit of a file's size there")
+    FULL_DISK = """
+import resource, signal, sys
+from nikon_support import MODULE, VirtualNikon
+from support import Host, Lumatie
+
+nikon, host, tether = VirtualNikon(), Host(), Lumatie.Lumatie()
+nikon.configure("picture.size = 100000\\nitems.remove = " + sys.argv[2])
+signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+resource.setrlimit(resource.RLIMIT_FSIZE, (50000, resource.RLIM_INFINITY))
+nikon.press_shutter()
+assert tether.Init(MODULE, sys.argv[1], host) == 1
+host.wait_for_failure()
+resource.setrlimit(resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+"""
+
+    def run_with_a_full_disk(self, remove, rest):
+        run = run_host(self.FULL_DISK + rest, arguments=(self.folder, remove))
+        self.assertEqual((run.status, run.stderr), (0, ""))
+
+    @unittest.skipIf(ON_WINDOWS, "Windows has no limit of a file's size to run into")
+    def test_a_picture_that_stays_listed_is_written_once_the_disk_has_room(self):
+        self.run_with_a_full_disk(0, "host.wait_for_picture()\ntether.Uninit()")
+        self.assertEqual([len(content) for content in self.contents().values()], [100000])
+
+    @unittest.skipIf(ON_WINDOWS, "Windows has no limit of a file's size to run into")
+    def test_a_picture_that_the_camera_lets_go_of_is_lost_with_its_write(self):
+        self.run_with_a_full_disk(
+            1,
+            """
+assert nikon.listed() == 0
+cycles = len(host.of(13))
+host.wait_for_event(13, cycles + 2)
+tether.Uninit()
+assert len(host.of(Lumatie.TETHER_GENERAL)) == 1, host.calls()
+""",
+        )
+        self.assertEqual(self.files(), [])
+
+    @unittest.skipIf(ON_WINDOWS, "Windows has no limit of a file's size to run into")
+    def test_rows_of_an_image_that_a_full_disk_cuts_off_are_announced_as_a_picture(self):
+        run = run_host(
+            """
+import resource, signal, sys
+from nikon_support import MODULE, VirtualNikon
+from support import Host, Lumatie
+
+nikon, host, tether = VirtualNikon(), Host(), Lumatie.Lumatie()
+nikon.configure("picture.raw_size = 100000\\npicture.file_type = -1\\nitems.remove = 1")
+signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+resource.setrlimit(resource.RLIMIT_FSIZE, (50000, resource.RLIM_INFINITY))
+nikon.press_shutter()
+assert tether.Init(MODULE, sys.argv[1], host) == 1
+host.wait_for_picture()
+tether.Uninit()
+assert nikon.listed() == 0
+""",
+            arguments=(self.folder,),
+        )
+        self.assertEqual((run.status, run.stderr), (0, ""))
+        self.assertEqual([len(content) for content in self.contents().values()], [50000])
+
+    @unittest.skipIf(ON_WINDOWS, "Windows has no limit of a file's size to run into")
     def test_a_full_disk_is_a_write_failure_and_nothing_is_left(self):
         script = """
 import resource, sys
@@ -545,6 +687,43 @@ tether.Uninit()
             "\n---------+---------+---------+---------+---------+\n" + "]" * 50 + "\n",
         )
 
+    UNREAD = """
+import os
+import sys
+import threading
+import time
+from nikon_support import MODULE, VirtualNikon
+from support import Host, Lumatie
+
+# Somebody has written more than the pipe takes, and waits for a reader.
+threading.Thread(target=os.write, args=(1, b"x" * 2**22), daemon=True).start()
+nikon, host, tether = VirtualNikon(), Host(), Lumatie.Lumatie()
+took = []
+
+def timed(operation, *arguments):
+    start = time.monotonic()
+    assert operation(*arguments) == 1
+    took.append(time.monotonic() - start)
+
+timed(tether.Init, MODULE, sys.argv[1], host)
+host.wait_for_event(13)
+nikon.press_shutter()
+host.wait_for_picture()
+host.clear()
+timed(tether.SetValue, Lumatie.TETHER_SHUTTERSPEED, 1)
+host.wait_for_call(Lumatie.TETHER_SHUTTERSPEED, 1)
+timed(tether.Shoot)
+timed(tether.Uninit)
+print("done", max(took) < 5, file=sys.stderr)
+"""
+
+    def test_nothing_waits_for_a_standard_output_that_nobody_reads(self):
+        host = start_host(self.UNREAD, arguments=(self.folder,))
+        self.addCleanup(host.communicate)
+        self.addCleanup(host.kill)
+        self.assertEqual(host.wait(60), 0)
+        self.assertEqual(decode_output(host.stderr.read()), "done True\n")
+
     def test_failed_starts_say_why(self):
         texts = {
             "fault = Open code=-1": "Module object can't be opened.\n\n",
@@ -575,11 +754,11 @@ tether.Uninit()
 class End(NikonTestCase):
     """How a session ends."""
 
+    @timed
     def test_uninit_returns_within_a_second_and_nothing_comes_after_it(self):
         tether, host = self.start(wait=True)
-        begun = time.monotonic()
-        self.assertEqual(tether.Uninit(), 1)
-        self.assertLess(time.monotonic() - begun, 1)
+        with within(1):
+            self.assertEqual(tether.Uninit(), 1)
         count = len(host.events)
         time.sleep(1.2)
         self.assertEqual(len(host.events), count)
@@ -595,21 +774,21 @@ class End(NikonTestCase):
         self.assertEqual(tether.Uninit(), 1)
         self.assertEqual(list(self.contents().values()), [self.nikon.picture_bytes(0)])
 
+    @timed
     def test_uninit_comes_back_from_a_command_that_never_completes(self):
         tether, _ = self.start(wait=True)
         self.nikon.fault("CapGet never")
-        self.nikon.wait_for_calls("CapGet", self.nikon.calls("CapGet") + 1)
-        begun = time.monotonic()
-        self.assertEqual(tether.Uninit(), 1)
-        self.assertLess(time.monotonic() - begun, 10)
+        wait_until(self.nikon.pending, "a command that does not complete")
+        with within(10):
+            self.assertEqual(tether.Uninit(), 1)
         self.nikon.release_completions()
 
     def test_uninit_comes_back_from_a_command_that_hangs(self):
-        # In a process of its own: the module stays loaded for ever.
+        # In a process of its own: the module stays loaded until the thread comes back.
         script = """
 import sys, time
 from nikon_support import MODULE, VirtualNikon
-from support import Host, Lumatie
+from support import Host, Lumatie, wait_until
 
 nikon, host, tether = VirtualNikon(), Host(), Lumatie.Lumatie()
 assert tether.Init(MODULE, sys.argv[1], host) == 1
@@ -622,13 +801,15 @@ taken = time.monotonic() - begun
 assert taken < 10, taken
 count = len(host.events)
 nikon.release_hangs()
-time.sleep(0.3)
+wait_until(lambda: nikon.open_objects() == [], "the session is collected")
 assert len(host.events) == count
 assert tether.Uninit() == 0
+assert tether.Init(MODULE, sys.argv[1], host) == 1
+host.wait_for_event(13)
+assert tether.Uninit() == 1
 """
         run = run_host(script, arguments=(self.folder,))
-        left_behind = "virtual camera: unloaded with open objects: module#0 source#1\n"
-        self.assertEqual((run.status, run.stderr), (0, left_behind))
+        self.assertEqual((run.status, run.stderr), (0, ""))
 
     def test_a_hundred_sessions_leave_nothing_behind(self):
         script = """
@@ -674,7 +855,8 @@ def sessions(count):
 sessions(20)
 handles, memory = open_handles(), resident_bytes()
 sessions(100)
-assert open_handles() <= handles, (handles, open_handles())
+# What the system makes once, at some time, is none of theirs.
+assert open_handles() <= handles + 5, (handles, open_handles())
 assert resident_bytes() - memory < 500 * 1024, (memory, resident_bytes())
 """
         run = run_host(script, arguments=(self.folder,))

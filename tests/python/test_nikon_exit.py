@@ -14,7 +14,9 @@ from exit_support import (
     NIKON,
     SLOW_TAKING_DOWN,
     TELL_END,
+    ExitInCallableTests,
     ExitTestCase,
+    ForkTests,
     OrphanTests,
     StuckTestCase,
 )
@@ -255,6 +257,15 @@ class Statuses(NikonExitTestCase):
         )
 
 
+class ExitsInCallables(ExitInCallableTests, NikonExitTestCase):
+    """The callable ends the program, or what is called when it fails."""
+
+    def test_sys_exit_in_the_callables_of_two_makers_sessions_at_once(self):
+        self.assert_ends_once(
+            "infos = {!r}, info".format(CAMERA_NAME) + hosts.EXIT_IN_TWO_CALLABLES, 5
+        )
+
+
 class Owners(NikonExitTestCase):
     """Where the object lives, and who uses it, when the interpreter ends."""
 
@@ -390,9 +401,9 @@ wait(called)
         """
 tether = start()
 wait(called)
-count = steer("CallCount", b"CapGet")
 configure(b"fault = CapGet never calls=0")
-wait_for_call(b"CapGet", count + 1)
+while not camera.VirtualNikonPending():
+    time.sleep(0.01)
 sys.exit(7)
 """,
         7,
@@ -401,9 +412,9 @@ sys.exit(7)
         """
 tether = start()
 wait(called)
-count = steer("CallCount", b"CapGet")
 configure(b"fault = Command never calls=0")
-wait_for_call(b"CapGet", count + 1)
+while not camera.VirtualNikonPending():
+    time.sleep(0.01)
 """,
         0,
     ),
@@ -413,7 +424,7 @@ configure(b"fault = CapStart never capability=20")
 tether = start()
 wait(called)
 steer("PressShutter", 0)
-assert steer("WaitForDelivered", 1, 20000)
+assert camera.VirtualNikonWaitForDelivered(1, 20000)
 """,
         0,
     ),
@@ -495,9 +506,14 @@ wait_for_hang(b"Close")
 }
 
 
-@unittest.skipIf(ON_WINDOWS, "no process is split off there")
+@unittest.skipIf(ON_WINDOWS, "Windows splits off no process")
 class Orphans(OrphanTests, NikonExitTestCase):
     """A session whose process was split off from one that ends."""
+
+
+@unittest.skipIf(ON_WINDOWS, "Windows splits off no process")
+class Forks(ForkTests, NikonExitTestCase):
+    """Processes that are made beside the session, and inside its callable."""
 
 
 class StuckSessions(StuckTestCase):

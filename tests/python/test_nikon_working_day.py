@@ -41,7 +41,7 @@ if not ON_WINDOWS:
 SEED = int(os.environ.get("LUMATIE_SEED", "20261121"))
 SHOTS = 200
 CABLE_PULL = 110  # the shot in whose transfer it happens
-LONGEST = 60.0  # seconds; a machine without other work needs 35
+LONGEST = 120.0  # seconds; a machine without other work needs 35
 
 IMAGE_QUALITY = 0x8110
 FROM_HOST = 0  # origin of a picture
@@ -260,7 +260,8 @@ class NikonWorkingDay(NikonTestCase):
     def full_disk(self):
         """Lets no file of this process grow beyond a few bytes.
 
-        On Windows, where a process has no such limit, the host takes the folder away instead.
+        On Windows, where a process has no such limit, the host takes the folder away instead, and
+        no picture is lost.
         """
         if ON_WINDOWS:
             self.tether.UpdateExportFolder("")
@@ -280,10 +281,16 @@ class NikonWorkingDay(NikonTestCase):
         self.nikon.clear_faults()
         # Of image data in rows nobody asks whether they were written.
         self.nikon.configure("picture.file_type = {}".format(self.random.choice([JPEG, NEF])))
+        # What is so small that it is written with the close alone stays on the camera.
+        self.nikon.configure("picture.size = 20000\npicture.raw_size = 20000")
         made, announced = len(self.nikon.pictures()), len(self.failure_events())
         with self.full_disk():
             self.press_on_body()
             self.press_on_body()
+            self.nikon.configure("picture.size = 0\npicture.raw_size = 0")
+            if ON_WINDOWS:
+                self.host.wait_for_failure(announced + 1)
+                return
             self.wait_for_delivery()
             made = len(self.nikon.pictures()) - made
             self.host.wait_for_failure(announced + made)
@@ -383,7 +390,7 @@ class NikonWorkingDay(NikonTestCase):
         self.assertEqual(set(paths), self.announced())
         self.assertEqual({picture["delivered"] for picture in pictures}, {1})
 
-        self.assertGreater(self.failures, 0)
+        self.assertGreater(len(self.failure_events()), 0)
         # An acquisition that brings nothing repeats the last announcement.
         self.assertGreaterEqual(len(self.failure_events()), self.failures)
         self.assertFalse(os.path.exists(os.path.join(self.base, "missing")))

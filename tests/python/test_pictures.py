@@ -208,6 +208,26 @@ class PictureTest(PicturesTestCase):
         self.assert_same_bytes(self.shoot(2), 1)
 
 
+class OwnFilesTest(PicturesTestCase):
+    def test_a_pair_of_files_of_ones_own_arrives_unchanged_and_begins_anew(self):
+        own = self.subfolder("own files")
+        pair = {}
+        for extension in (".CR2", ".jpg"):
+            pair[extension] = os.urandom(300000)
+            with open(os.path.join(own, "holiday" + extension), "wb") as file:
+                file.write(pair[extension])
+        self.quality(RAW_AND_JPEG)
+        self.camera.configure("picture.folder = " + own)
+        for count in (1, 3):
+            for path in self.shoot(count), self.host.wait_for_picture(count + 1):
+                self.assertTrue(self.content(path) == pair[os.path.splitext(path)[1]], path)
+        names = [picture["name"] for picture in self.camera.pictures()]
+        self.assertEqual(names, 2 * ["holiday.CR2", "holiday.jpg"])
+        self.assertEqual(
+            [os.path.splitext(name)[1] for name in self.files()].count(".CR2"), 2, self.files()
+        )
+
+
 class FolderTest(PicturesTestCase):
     def test_an_updated_folder_takes_the_next_picture(self):
         first = self.shoot()
@@ -261,7 +281,7 @@ class FolderTest(PicturesTestCase):
         with self.assertRaises(SyntaxError):
             ast.literal_eval(text)
 
-    @unittest.skipIf(ON_WINDOWS, "a folder's name holds no newline there")
+    @unittest.skipIf(ON_WINDOWS, "on Windows no folder's name holds a newline")
     def test_a_folder_with_a_newline_is_sent_unchanged(self):
         folder = self.subfolder("two\nlines")
         self.tether.UpdateExportFolder(folder)
@@ -315,7 +335,7 @@ class FolderTest(PicturesTestCase):
         self.tether.UpdateExportFolder(self.folder)
         self.assert_same_bytes(self.shoot(2), 1)
 
-    @unittest.skipIf(ON_WINDOWS, "a folder with an open file in it does not vanish there")
+    @unittest.skipIf(ON_WINDOWS, "Windows removes no folder that holds an open file")
     def test_a_folder_that_vanishes_during_a_download_loses_the_picture_only(self):
         self.camera.fault("EdsDownload hang")
         self.tether.Shoot()
@@ -353,7 +373,6 @@ class FolderTest(PicturesTestCase):
         self.camera.wait_for_hang("EdsGetDirectoryItemInfo")
         end = threading.Thread(target=self.tether.Uninit)
         end.start()
-        # Uninit empties the folder before it lets go of the callable.
         wait_until(lambda: gone() is None, "the end has begun")
         self.camera.release_hangs()
         end.join(DEADLINE)
@@ -419,12 +438,25 @@ class CameraNameTest(PicturesTestCase):
         self.assertEqual(self.host.calls(), [(None,)])
         self.assertTrue(self.files()[0].endswith(name_in_library(b".\xff\xfe")), self.files())
 
+    def test_an_extension_that_the_library_cannot_be_told_leaves_no_empty_file(self):
+        # No code page has letters of both alphabets, so on Windows the library takes the bytes for
+        # others.
+        extension = ".写ש"
+        self.camera.set_picture_name(b"IMG_0001" + extension.encode())
+        self.tether.Shoot()
+        path = self.host.wait_for_picture()
+        self.camera.settle()
+        self.assertRegex(os.path.basename(path), r"^Canon_\d+_\d+" + extension + "$")
+        [file] = self.files()
+        self.assertTrue(file.endswith(name_in_library(extension.encode())), file)
+        self.assert_same_bytes(os.path.join(self.folder, file), 0)
+
     def test_an_extension_that_makes_the_path_too_long_ends_the_process(self):
         run = run_host(
             """
             import sys
-            from support import VirtualCamera, Host, Lumatie
-            camera, host, tether = VirtualCamera(), Host(), Lumatie.Lumatie()
+            from support import VirtualCanon, Host, Lumatie
+            camera, host, tether = VirtualCanon(), Host(), Lumatie.Lumatie()
             camera.set_picture_name(b"." + b"x" * 254)
             tether.Init("Virtual EOS", sys.argv[1], host)
             tether.Shoot()
@@ -445,7 +477,7 @@ class FailedDownloadTest(PicturesTestCase):
         self.assertEqual(self.host.wait_for_text("GENERAL_").text, WRITE_FAILURE)
         self.assertEqual(self.files(), [])
         self.camera.clear_faults()
-        self.camera.configure("download.disk_full_after = -1")
+        self.camera.configure("transfer.disk_full_after = -1")
         self.assert_same_bytes(self.shoot(), 1)
         self.assertEqual(len(self.host.of(Lumatie.TETHER_GENERAL)), 2)
 
@@ -462,7 +494,7 @@ class FailedDownloadTest(PicturesTestCase):
         self.assert_write_failure()
 
     def test_a_full_disk_is_a_write_failure(self):
-        self.camera.configure("download.disk_full_after = 1000")
+        self.camera.configure("transfer.disk_full_after = 1000")
         self.assert_write_failure()
 
     def test_a_busy_camera_during_a_download_is_a_write_failure_without_another_try(self):
@@ -485,6 +517,31 @@ class FailedDownloadTest(PicturesTestCase):
         self.tether.Shoot()
         self.host.wait_for_failure()
         self.assertEqual(self.files(), ["Canon_1_1.JPG"])
+
+    def test_a_host_that_changes_its_folder_meanwhile_finds_no_partial_file(self):
+        shots = os.path.join(self.folder, "shots")
+        os.mkdir(shots)
+        run = run_host(
+            """
+            import os, sys
+            from support import Host, Lumatie, VirtualCanon, WRITE_FAILURE
+            camera, host, tether = VirtualCanon(), Host(), Lumatie.Lumatie()
+            os.chdir(sys.argv[1])
+            assert tether.Init("Virtual EOS", "shots", host) == 1
+            camera.wait_for_calls("EdsSetCapacity")
+            camera.fault("EdsDownload hang code=0x2A percent=50")
+            tether.Shoot()
+            camera.wait_for_hang("EdsDownload")
+            assert len(os.listdir("shots")) == 1
+            os.chdir(os.path.dirname(sys.argv[1]))
+            camera.release_hangs()
+            assert host.wait_for_text("GENERAL_").text == WRITE_FAILURE
+            tether.Uninit()
+            """,
+            arguments=[self.folder],
+        )
+        self.assertEqual((run.status, run.stderr), (0, ""))
+        self.assertEqual(os.listdir(shots), [])
 
     def test_every_failure_is_announced(self):
         self.camera.fail_next("EdsDownload", 0x02, 3)

@@ -78,6 +78,27 @@ class TypeTableTest(unittest.TestCase):
         )
         self.assertEqual(run, (0, "True 13\nTrue\n1\n", ""))
 
+    def test_a_ctrl_c_while_the_module_is_imported_is_not_swallowed(self):
+        run = run_host(
+            """
+            import signal, sys
+
+            class PressesCtrlC:
+                def find_spec(self, name, path=None, target=None):
+                    if name.startswith("swig_runtime_data"):
+                        signal.raise_signal(signal.SIGINT)
+
+            sys.meta_path.insert(0, PressesCtrlC())
+            presses = []
+            signal.signal(signal.SIGINT, lambda *_: presses.append(1) or sys.exit(130))
+            import Lumatie
+            print(len(presses))
+            """
+        )
+        # The module looks for nothing, so there is no moment to lose it in; were it to look, the
+        # end that was asked for would have to come.
+        self.assertIn((run.status, run.stdout), ((0, "0\n"), (130, "")), run)
+
 
 def address(thing):
     """A Python object's address as the interpreter prints it; the systems differ in it."""
@@ -182,7 +203,7 @@ class ReleaseTest(unittest.TestCase):
             calls = []
             print(tether.Init("Virtual EOS", ".", lambda *arguments: calls.append(arguments)))
             del tether
-            print(support.VirtualCamera().calls("EdsTerminateSDK"))
+            print(support.VirtualCanon().calls("EdsTerminateSDK"))
             """
         )
         self.assertEqual(run, (0, "1\n1\n", ""))

@@ -12,7 +12,7 @@ import subprocess
 import tempfile
 import unittest
 
-from support import PYTHON_DIR
+from support import BUILD, PYTHON_DIR
 from this_process import ON_WINDOWS
 
 COMMAND = shlex.split(os.environ.get("LUMATIE_STUBTEST", ""))
@@ -31,7 +31,9 @@ class StubsTest(unittest.TestCase):
 
     def stubtest(self, *modules):
         """Compares copies of the stubs with the modules; returns the exit status and the text."""
-        variables = dict(os.environ, PYTHONPATH=str(PYTHON_DIR), MYPYPATH=str(self.folder))
+        # A wheel has the module for one interpreter, which need not be the tool's.
+        modules_in = os.pathsep.join((str(PYTHON_DIR), str(BUILD / "python")))
+        variables = dict(os.environ, PYTHONPATH=modules_in, MYPYPATH=str(self.folder))
         done = subprocess.run(
             COMMAND + list(modules),
             cwd=str(self.folder),
@@ -46,7 +48,10 @@ class StubsTest(unittest.TestCase):
         return done.returncode, done.stdout
 
     def copy(self, name):
-        return pathlib.Path(shutil.copy(str(PYTHON_DIR / name), str(self.folder)))
+        stub = PYTHON_DIR / name
+        if not stub.exists():  # a wheel has a package of each
+            stub = PYTHON_DIR / name.replace(".pyi", "-stubs") / "__init__.pyi"
+        return pathlib.Path(shutil.copy(str(stub), str(self.folder / name)))
 
     def test_the_stubs_agree_with_the_modules(self):
         self.copy("_Lumatie.pyi")

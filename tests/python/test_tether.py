@@ -135,11 +135,11 @@ class VendorChoiceTest(TetherObjectTestCase):
             import os, sys, support, Lumatie
             os.chdir(sys.argv[1])
             open("Virtual EOS", "w").close()
-            print(Lumatie.Lumatie().Init("Virtual EOS", ".", None), support.VirtualCamera().calls())
+            print(Lumatie.Lumatie().Init("Virtual EOS", ".", None), support.VirtualCanon().calls())
             """,
             arguments=[self.folder],
         )
-        self.assertEqual(run, (0, "0 0\n", ""))
+        self.assertEqual(run, (0, "Module object can't be opened.\n\n0 0\n", ""))
 
     def test_after_a_failed_nikon_start_the_operations_return_1_and_reach_no_camera(self):
         self.init(self.path("Type0001.md3", b"no module"))

@@ -11,6 +11,7 @@ import time
 import unittest
 from ctypes import wintypes
 
+from lumatie_host import __version__
 from nikon_support import MODULE, NikonTestCase
 from support import (
     CANON_LIBRARY,
@@ -110,7 +111,7 @@ class Attributes(WindowsTestCase):
         self.addCleanup(kernel.SetFileAttributesW, path, NORMAL)
         found = kernel.GetFileAttributesW(path)
         if bool(found & DRIVER_ATTRIBUTES) != bool(attributes & DRIVER_ATTRIBUTES):
-            self.skipTest("a file has the attributes {:#x} here".format(found))
+            self.skipTest("this disk keeps others than were set, {:#x}".format(found))
         tether = Lumatie.Lumatie()
         self.assertEqual(tether.Init(path, self.folder, None), 0)
         tether.Uninit()
@@ -136,7 +137,7 @@ class Attributes(WindowsTestCase):
                 self.assertEqual(self.camera.calls(), 0)
 
 
-@unittest.skipUnless(ON_WINDOWS, "the forms of Windows' paths")
+@unittest.skipUnless(ON_WINDOWS, "only Windows has paths of these forms")
 class Folders(WindowsTestCase):
     """Export folders of every form."""
 
@@ -147,13 +148,13 @@ class Folders(WindowsTestCase):
 
     def test_a_name_of_the_code_page_reaches_the_library_as_it_is(self):
         if not is_in_code_page(WESTERN):
-            self.skipTest("the code page is no western one")
+            self.skipTest("this system's code page lacks letters of the name")
         path = self.assert_arrives(self.make_folder(WESTERN))
         self.assertEqual(self.path_in_library(), path)
 
     def test_a_name_of_another_alphabet_reaches_the_library_as_its_short_name(self):
         if is_in_code_page(FOREIGN):
-            self.skipTest("the code page holds every test name")
+            self.skipTest("this system's code page has every letter of the name")
         path = self.assert_arrives(self.make_folder(os.path.join("a b", WESTERN, FOREIGN)))
         told = self.path_in_library()
         self.assertNotEqual(told, path)
@@ -184,7 +185,7 @@ class Folders(WindowsTestCase):
         drive, rest = os.path.splitdrive(self.folder)
         share = "\\\\localhost\\{}${}".format(drive[0], rest)
         if not os.path.isdir(share):
-            self.skipTest("no share of this computer can be reached")
+            self.skipTest("this system does not share its drive with itself")
         self.assert_arrives(share)
 
     def test_slashes_for_backslashes(self):
@@ -235,8 +236,8 @@ class Folders(WindowsTestCase):
             """
             import sys
             from nikon_support import MODULE, VirtualNikon
-            from support import VirtualCamera, Host, Lumatie
-            camera, nikon = VirtualCamera(), VirtualNikon()
+            from support import VirtualCanon, Host, Lumatie
+            camera, nikon = VirtualCanon(), VirtualNikon()
             nikon.press_shutter()
             host, tether = Host(), Lumatie.Lumatie()
             assert tether.Init(sys.argv[2], sys.argv[1], host) == 1
@@ -302,7 +303,7 @@ class OpenFiles(WindowsTestCase):
         self.assertEqual(self.files(), [os.path.basename(path)])
 
 
-@unittest.skipUnless(ON_WINDOWS, "names of libraries on Windows")
+@unittest.skipUnless(ON_WINDOWS, "only Windows finds libraries by names of these forms")
 class Libraries(NikonTestCase, WindowsTestCase):
     """Driver modules and the module itself in folders of any name."""
 
@@ -387,7 +388,7 @@ class Libraries(NikonTestCase, WindowsTestCase):
         self.run_copy("Programme " + WESTERN, FOREIGN + " 1")
 
 
-@unittest.skipUnless(ON_WINDOWS, "version information of DLLs")
+@unittest.skipUnless(ON_WINDOWS, "only libraries of Windows tell their version")
 class Versions(unittest.TestCase):
     """What the Explorer shows of each DLL."""
 
@@ -413,7 +414,8 @@ class Versions(unittest.TestCase):
             with self.subTest(path):
                 self.assertEqual(self.version_text(path, "FileDescription"), what)
                 self.assertEqual(self.version_text(path, "ProductName"), "Lumatie")
-                self.assertRegex(self.version_text(path, "FileVersion"), r"^\d+\.\d+\.\d+$")
+                self.assertEqual(self.version_text(path, "FileVersion"), __version__)
+                self.assertEqual(self.version_text(path, "ProductVersion"), __version__)
 
 
 if __name__ == "__main__":

@@ -42,7 +42,7 @@ class Shoot:
     def __init__(self, cell):
         self._cell = cell
         self._is_nikon = cell["maker"] == "nikon"
-        self._camera = nikon_support.VirtualNikon() if self._is_nikon else support.VirtualCamera()
+        self._camera = nikon_support.VirtualNikon() if self._is_nikon else support.VirtualCanon()
         self._camera.configure("picture.width = 64\npicture.height = 48")
         self._host = support.Host()
         self._tether = support.Lumatie.Lumatie()

@@ -9,7 +9,7 @@ announced once; nothing else lies in the folders. Then it is deleted, the virtua
 and the process is measured.
 
 The exit status is 1 when a picture was not as it should be, the camera's interface was misused or
-something was left over, or when memory, threads or open handles grew: docs/endurance.md says by
+something was left over, or when memory, threads or open handles grew: docs/testing.md says by
 how much they may.
 """
 
@@ -332,7 +332,7 @@ class CanonSoak(Soak):
     burst_shots = 5
 
     def __init__(self, *arguments):
-        super().__init__(support.VirtualCamera(), *arguments)
+        super().__init__(support.VirtualCanon(), *arguments)
         self.files = 1  # of each shot
 
     def connection(self):
@@ -506,8 +506,9 @@ def compare(samples, pictures):
             "memory grew by {} kB, {:.0f} are allowed".format(last.rss_kb - first.rss_kb, bound)
         )
     for what in ("threads", "handles"):
-        before, after = getattr(first, what), getattr(last, what)
-        if abs(after - before) > GROWTH * before:
+        before = getattr(first, what)
+        after = min(getattr(one, what) for one in samples[-3:])  # one may be on its way out
+        if after - before > GROWTH * before:
             grown.append("{}: {} became {}".format(what, before, after))
     return grown, first, last
 

@@ -26,13 +26,13 @@ if ON_WINDOWS:
 HOST = """
 import sys
 import log_support
-from support import VirtualCamera, Host, Lumatie
+from support import VirtualCanon, Host, Lumatie
 
 def note(event):
     if "noted" in sys.argv:
         log_support.write_line("host %d" % event.code)
 
-camera, host, tether = VirtualCamera(), Host(note), Lumatie.Lumatie()
+camera, host, tether = VirtualCanon(), Host(note), Lumatie.Lumatie()
 tether.Init("Virtual EOS", sys.argv[1], host)
 camera.wait_for_calls("EdsSetCapacity")
 camera.settle()
@@ -208,7 +208,7 @@ class DebugLogTest(DebugLogTestCase):
         self.assertEqual(iso, ["400", "100", "200", "800", "1600"])
 
 
-@unittest.skipIf(ON_WINDOWS, "there the switch is in the registry")
+@unittest.skipIf(ON_WINDOWS, "on Windows the switch is in the registry")
 class SettingsFileTest(DebugLogTestCase):
     """What the settings file may hold."""
 
