@@ -1,0 +1,1 @@
+"""The command `lumatie`: shooting tethered from a terminal or another program."""

@@ -1,0 +1,295 @@
+"""The parts of the check that need no camera: files of libraries, codes, what is sent away."""
+
+import functools
+import io
+import json
+import os
+import pathlib
+import platform
+import struct
+import tempfile
+import threading
+import unittest
+from unittest import mock
+
+import canon_tables
+from lumatie_host.check import binary, children, ends, heard, known, records, report
+from lumatie_host.check.points import NO, POINTS, UNSEEN, YES
+from lumatie_host.check.teller import Crashed, No, Stopped, Teller, Unseen, answered
+from lumatie_host.libraries import CANON_FUNCTIONS, NIKON_ENTRY
+from support import NIKON_MODULE, ON_WINDOWS
+from virtual_cameras import CANON_LIBRARY
+
+
+def pe_library(bits=64):
+    """The smallest library of Windows that has what is read: an export, an import, a version."""
+    head = bytearray(0x200)
+    head[:2] = b"MZ"
+    struct.pack_into("<I", head, 60, 0x40)
+    head[0x40:0x44] = b"PE\0\0"
+    machine, magic, tables = (0x8664, 0x20B, 112) if bits == 64 else (0x14C, 0x10B, 96)
+    struct.pack_into("<HHIIIHH", head, 0x44, machine, 1, 0, 0, 0, tables + 128, 0x2000)
+    struct.pack_into("<H", head, 0x58, magic)
+    struct.pack_into("<I", head, 0x58 + tables - 4, 16)
+    for index, (address, length) in enumerate(((0x1000, 40), (0x1100, 40), (0x1200, 0x100))):
+        struct.pack_into("<II", head, 0x58 + tables + 8 * index, address, length)
+    section = 0x58 + tables + 128
+    struct.pack_into("<IIII", head, section + 8, 0x400, 0x1000, 0x400, 0x200)
+    body = bytearray(0x400)
+    struct.pack_into("<I", body, 24, 1)
+    struct.pack_into("<I", body, 32, 0x1040)
+    struct.pack_into("<I", body, 0x40, 0x1050)
+    body[0x50:0x5F] = b"MAIDEntryPoint\0"
+    struct.pack_into("<I", body, 0x100 + 12, 0x1180)
+    body[0x180:0x18D] = b"missing.dll\0\0"
+    for at, key, place in ((0x200, 16, 0x80000020), (0x220, 1, 0x80000040), (0x240, 9, 0x60)):
+        struct.pack_into("<HHII", body, at + 12, 0, 1, key, place)
+    version = b"\xbd\x04\xef\xfe" + struct.pack("<III", 0x10000, 0x30011, 0x5000A)
+    texts = "FileVersion\0".encode("utf-16-le") + b"\0\0" + "3.17\0".encode("utf-16-le")
+    struct.pack_into("<II", body, 0x260, 0x1280, len(version + texts))
+    body[0x280 : 0x280 + len(version + texts)] = version + texts
+    return bytes(head + body)
+
+
+class Files(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.path = pathlib.Path(folder.name, "library")
+
+    def _read(self, data):
+        self.path.write_bytes(data)
+        return binary.read(str(self.path))
+
+    def test_what_the_virtual_libraries_are_and_have_is_read(self):
+        for path, names in ((CANON_LIBRARY, CANON_FUNCTIONS), (NIKON_MODULE, (NIKON_ENTRY,))):
+            with self.subTest(path=path):
+                library = binary.read(str(path))
+                self.assertEqual(library.kind, "PE" if ON_WINDOWS else "ELF")
+                self.assertEqual((library.bits, library.machine), (64, "x86-64"))
+                self.assertEqual(set(names) - set(library.exports), set())
+                self.assertIn("msvcrt.dll" if ON_WINDOWS else "libc.so.6", library.needs)
+                # On Linux a driver module of ours says nothing: only its bytes tell it apart.
+                self.assertEqual(bool(library.versions), ON_WINDOWS or path == CANON_LIBRARY)
+
+    def test_a_library_of_windows_tells_its_functions_needs_and_versions(self):
+        for bits, machine in ((64, "x86-64"), (32, "i386")):
+            with self.subTest(bits=bits):
+                library = self._read(pe_library(bits))
+                self.assertEqual((library.bits, library.machine), (bits, machine))
+                self.assertEqual(library.exports, ("MAIDEntryPoint",))
+                self.assertEqual(library.needs, ("missing.dll",))
+                self.assertEqual(
+                    library.versions, {"file version": "3.17.5.10", "FileVersion": "3.17"}
+                )
+
+    def test_a_library_that_is_cut_off_anywhere_or_damaged_is_refused_or_read_but_never_crashes(
+        self,
+    ):
+        elf = CANON_LIBRARY.read_bytes()[:4096]
+        refused = 0
+        for data in (elf, pe_library()):
+            for length in list(range(0, 0x300, 7)) + [len(data) - 1]:
+                try:
+                    self._read(data[:length])
+                except binary.NoLibrary:
+                    refused += 1
+            # Under Wine it takes ten times as long to write a file and read it.
+            for at in range(0, min(len(data), 0x400), 9 if ON_WINDOWS else 1):
+                try:
+                    self._read(data[:at] + b"\xff" + data[at + 1 :])
+                except binary.NoLibrary:
+                    refused += 1
+        self.assertGreater(refused, 50)
+
+    def test_what_is_no_library_is_refused_with_the_reason(self):
+        for data, why in (
+            (b"", "empty"),
+            (b"hello", "no library"),
+            (b"\x7fELF\x02\x01" + bytes(100), "no shared library"),
+        ):
+            with self.subTest(why=why), self.assertRaisesRegex(binary.NoLibrary, why):
+                self._read(data)
+        with self.assertRaisesRegex(binary.NoLibrary, "no file"):
+            binary.read(os.path.dirname(str(self.path)))
+
+
+class Codes(unittest.TestCase):
+    def test_the_codes_that_have_a_text_are_those_of_the_module(self):
+        for name, table in (
+            ("MODES", canon_tables.EXPOSURE_MODES),
+            ("SHUTTER_SPEEDS", canon_tables.SHUTTER_SPEEDS),
+            ("APERTURES", canon_tables.APERTURES),
+            ("ISO", canon_tables.ISO_SPEEDS),
+            ("WHITE_BALANCES", canon_tables.WHITE_BALANCES),
+            ("QUALITIES", canon_tables.IMAGE_QUALITIES),
+        ):
+            with self.subTest(table=name):
+                self.assertEqual(getattr(known, name), set(table) - {0xFFFFFFFF})
+
+
+class Watching(unittest.TestCase):
+    def test_bytes_behind_a_record_are_counted_whatever_they_are(self):
+        for byte in (0x00, 0x5C, 0xC3, 0xFF):
+            with self.subTest(byte=byte):
+                overruns = records.Overruns()
+
+                def fill(memory, byte=byte):
+                    memory[10] = byte
+                    return 0
+
+                overruns.fill("a record", 8, fill)
+                self.assertEqual(overruns.findings, ["a record: 3 bytes"])
+
+    def test_a_record_that_is_filled_to_its_end_is_none_too_many(self):
+        overruns = records.Overruns()
+
+        def fill(memory):
+            memory[7] = 1
+            return 0
+
+        _, data = overruns.fill("a record", 8, fill)
+        self.assertEqual((overruns.findings, data[7]), ([], 1))
+
+
+class Telling(unittest.TestCase):
+    def _lines(self, *questions):
+        file = io.StringIO()
+        tell = Teller(file)
+        for question in questions:
+            tell.ask("session.opens", question)
+        return [json.loads(line) for line in file.getvalue().splitlines()]
+
+    def test_a_question_is_told_of_before_it_is_asked_and_its_answer_after_it(self):
+        def refuse():
+            raise No("why", code=7)
+
+        def skip():
+            raise Unseen("why not")
+
+        lines = self._lines(lambda: "fine", refuse, skip, lambda: 1 // 0)
+        self.assertEqual([line.get("begin") for line in lines[::2]], ["session.opens"] * 4)
+        told = [(line["answer"], line["evidence"]) for line in lines[1::2]]
+        self.assertEqual(told[:3], [(YES, "fine"), (NO, "why"), (UNSEEN, "why not")])
+        self.assertEqual(told[3][0], UNSEEN)
+        self.assertIn("ZeroDivisionError", told[3][1])
+        self.assertEqual(lines[3]["facts"], {"code": 7})
+
+    def test_a_process_that_does_not_begin_is_ended_and_told(self):
+        person = children.Person(print, lambda text, until: None)
+        part = children.Part({}, person, lambda: False, starting=0.0)
+        self.assertEqual(list(part.run()), [])
+        self.assertEqual(part.trouble, "it did not go on in time; its process was ended")
+
+    def test_a_crash_that_windows_made_an_error_is_none_of_the_errors_that_leave_a_point_open(self):
+        class OfWindows(OSError):
+            """One that has the system's status."""
+
+            def __init__(self, status):
+                super().__init__("Windows Error %#x" % (status & 0xFFFFFFFF))
+                self.winerror = status
+
+        def raising(error):
+            def question():
+                raise error
+
+            return question
+
+        for crash in (OSError("exception: access violation"), OfWindows(0xC000001D - 2**32)):
+            with self.subTest(crash=crash), self.assertRaises(Crashed):
+                answered(raising(crash))
+        for error in (OSError("no such file"), OfWindows(2), ValueError("exception: none")):
+            with self.subTest(error=error):
+                self.assertEqual(answered(raising(error))[0], UNSEEN)
+
+    def test_who_waits_for_a_person_hears_what_was_done(self):
+        for line, expected in (("done\n", True), ("not done\n", False)):
+            read, write = os.pipe()
+            with open(read) as answers, open(write, "w") as person:
+                file = io.StringIO()
+                tell = Teller(file)
+                tell.listen(answers)
+                threading.Timer(0.05, lambda: (person.write(line), person.flush())).start()  # noqa: B023
+                self.assertEqual(tell.wait_for_person("Pull.", 20), expected)
+                self.assertEqual(json.loads(file.getvalue())["ask"], "Pull.")
+                person.close()
+
+    def test_nobody_is_waited_for_longer_than_was_said(self):
+        tell = Teller(io.StringIO())
+        self.assertFalse(tell.wait_for_person("Pull.", 0.05))
+
+    def test_nothing_more_is_asked_when_who_started_it_is_gone(self):
+        tell = Teller(io.StringIO())
+        tell.listen(io.StringIO(""))
+        tell.wait_for_person("Pull.", 20)  # ends with the end of the lines
+        with self.assertRaises(Stopped):
+            tell.ask("session.opens", lambda: "fine")
+
+
+class Ending(unittest.TestCase):
+    def test_what_a_camera_told_before_init_returned_is_heard(self):
+        class Module:
+            """A camera that tells nothing more once it is open."""
+
+            class Lumatie:
+                def Init(self, info, folder, receive):
+                    receive(0, 0, 0)
+                    return 1
+
+                def Uninit(self):
+                    return 1
+
+        file = io.StringIO()
+        target = heard.Target("canon", "Virtual EOS", None, "")
+        with mock.patch.multiple(
+            heard,
+            libraries=mock.DEFAULT,
+            CameraThread=functools.partial(heard.CameraThread, module=Module),
+            go_on=lambda: None,  # other tests have ended the questions of this process
+        ):
+            ends.again(Teller(file), target)
+        self.assertEqual(json.loads(file.getvalue().splitlines()[1])["answer"], YES)
+
+
+class Sending(unittest.TestCase):
+    def _finding(self, evidence, answer=YES, point="session.camera", **facts):
+        return report.Finding(POINTS[point], answer, evidence, 0.5, facts)
+
+    def test_the_first_no_decides_the_exit_status(self):
+        findings = [
+            self._finding("", UNSEEN, "library.found"),
+            self._finding("", NO, "setting.refused"),
+            self._finding("", NO, "shoot.file"),
+        ]
+        self.assertEqual(report.status_of(findings), 6)
+        self.assertEqual(report.status_of(findings[:1]), 0)
+        self.assertEqual(report.summary(findings)["no"], ["setting.refused", "shoot.file"])
+
+    def test_names_and_serial_numbers_are_left_out_of_the_file_that_is_sent(self):
+        home = os.path.expanduser("~")
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, "report.json")
+            evidence = (
+                "%s/library on %s, body 0123456789012, lens F2Z8842017, 1/8000 0x0064ff0f"
+                % (
+                    home,
+                    platform.node(),
+                )
+            )
+            hashed = "ab" * 32
+            finding = self._finding(evidence, cameras=["EOS 80D no 41287733612"], sha256=hashed)
+            report.write(path, [finding], {})
+            with self.assertRaises(FileExistsError):
+                report.write(path, [finding], {})
+            text = pathlib.Path(path).read_text(encoding="utf-8")
+        for word in (home + "/", "0123456789012", "F2Z8842017", "41287733612"):
+            self.assertNotIn(word, text)
+        if len(platform.node()) > 1:
+            self.assertNotIn(" %s," % platform.node(), text)
+        for word in ("1/8000", "0x0064ff0f", "EOS 80D", hashed):
+            self.assertIn(word, text)
+        self.assertEqual(json.loads(text)["points"][0]["point"], "session.camera")
+
+
+if __name__ == "__main__":
+    unittest.main()
