@@ -1,0 +1,82 @@
+// <lumatie-notices>: alarms, what did not work, and what a camera that came back offers.
+
+import {sentence} from "../api.js";
+import {h, icon} from "../dom.js";
+import {on} from "../store.js";
+
+/** @typedef {import("../types.js").Notice} Notice */
+
+const MOST = 4;
+const DISMISSED = "lumatie-dismissed"; // time of the newest record that was put away
+
+class LumatieNotices extends HTMLElement {
+    #list = h("div", {"aria-live": "assertive", "aria-relevant": "additions"});
+    #offer = h("div", {"aria-live": "polite"});
+    /** @type {Set<string>} */
+    #told = new Set();
+
+    connectedCallback() {
+        this.append(this.#offer, this.#list);
+        addEventListener("lumatie-notice", (event) => {
+            this.#add(/** @type {CustomEvent<Notice>} */ (event).detail);
+        });
+        on(["alarms"], ({alarms}) => {
+            this.#drop(new Set(alarms.map(({n, time}) => `${n} ${time}`)));
+            for (const {n, time, what, text, advice, kind} of [...alarms].sort((one, other) => one.n - other.n)) {
+                const key = `${n} ${time}`;
+                if (time > (sessionStorage.getItem(DISMISSED) ?? "") && !this.#told.has(key)) {
+                    this.#told.add(key);
+                    const words = what || text || (kind === "failed" ? "No picture came." : "Something is wrong.");
+                    this.#add({text: words, advice}, time, key);
+                }
+            }
+        });
+        on(["offer", "may"], async ({offer}) => {
+            if (offer || this.#offer.firstChild) {
+                const {offerBack} = await import("./offer.js");
+                offerBack(this.#offer, offer);
+            }
+        });
+    }
+
+    /** @param {Set<string>} alarms what stands; an alarm that is over is not shown any more */
+    #drop(alarms) {
+        for (const notice of [...this.#list.children]) {
+            const key = /** @type {HTMLElement} */ (notice).dataset.key;
+            if (key && !alarms.has(key)) {
+                notice.remove();
+            }
+        }
+    }
+
+    /**
+     * @param {Notice} notice
+     * @param {string} [time] of its record
+     * @param {string} [key] of its alarm
+     */
+    #add({text, advice}, time = "", key = "") {
+        const words = sentence(text);
+        const same = [...this.#list.children].find((other) => other.firstElementChild?.textContent === words);
+        same?.remove();
+        const close = h("button", {type: "button", class: "plain", "aria-label": "Dismiss"}, icon("close"));
+        const notice = h(
+            "div",
+            {class: "notice", "data-key": key || null},
+            h("strong", {text: words}),
+            advice ? h("span", {text: advice}) : null,
+            close,
+        );
+        close.addEventListener("click", () => {
+            notice.remove();
+            if (time > (sessionStorage.getItem(DISMISSED) ?? "")) {
+                sessionStorage.setItem(DISMISSED, time);
+            }
+        });
+        this.#list.prepend(notice);
+        while (this.#list.children.length > MOST) {
+            this.#list.lastElementChild?.remove();
+        }
+    }
+}
+
+customElements.define("lumatie-notices", LumatieNotices);

@@ -1,0 +1,166 @@
+/** What a page stands while it is open: sleep, losses, restarts, a slow network, a long day. */
+
+import assert from "node:assert/strict";
+import { appendFileSync, linkSync } from "node:fs";
+import { join } from "node:path";
+import { after, before, test } from "node:test";
+import { setTimeout as sleep } from "node:timers/promises";
+
+import { Visitor, launch } from "./browsers.mjs";
+import { Station, stopAll } from "./station.mjs";
+import { LONG, until } from "./tools.mjs";
+
+/** @type {import("puppeteer-core").Browser} */
+let browser;
+/** @type {Station} */
+let station;
+before(async () => {
+    browser = await launch();
+    station = await Station.start({ args: ["--name", "{job}_{n:04}", "--job", "day"] });
+    await station.open();
+});
+after(async () => {
+    await browser?.close();
+    await stopAll();
+});
+
+test("five tabs of one browser all show the newest picture", async () => {
+    const first = await Visitor.open(browser, station);
+    const tabs = [first];
+    while (tabs.length < 5) {
+        const tab = new Visitor(station, first.context, await first.context.newPage());
+        await tab.go(station.url);
+        tabs.push(tab);
+    }
+    const picture = await station.press();
+    for (const tab of tabs) {
+        await tab.page.bringToFront();
+        await tab.shown(picture.n);
+    }
+    await first.leave();
+});
+
+test("a tab that slept shows what was taken meanwhile", async () => {
+    const operator = await Visitor.open(browser, station);
+    const tools = await operator.page.createCDPSession();
+    await tools.send("Page.setWebLifecycleState", { state: "frozen" });
+    const pictures = [];
+    for (let number = 0; number < 3; number++) {
+        pictures.push(await station.press());
+    }
+    await sleep(LONG ? 60000 : 500);
+    await tools.send("Page.setWebLifecycleState", { state: "active" });
+    await operator.shown(pictures[2].n);
+    const names = (await operator.strip()).slice(-pictures.length);
+    pictures.forEach(({ file }, index) => assert.ok(names[index].includes(file), `${names}`));
+    operator.complaints = operator.complaints.filter((text) => !text.includes("Back-Forward"));
+    await operator.leave();
+});
+
+test("a text that is being typed stays, and so does the cursor, while events arrive", async () => {
+    const operator = await Visitor.open(browser, station);
+    const field = await operator.control("Tag", "textbox");
+    await field.focus();
+    await operator.page.keyboard.type("4711-");
+    for (let number = 0; number < 3; number++) {
+        await station.steer("configure", `value.0x402 = ${number % 2 ? 0x60 : 0x68}`);
+        const picture = await station.press();
+        await operator.shown(picture.n);
+        await operator.page.keyboard.type(String(number));
+    }
+    assert.deepEqual(
+        await field.evaluate((element) => {
+            const input = /** @type {HTMLInputElement} */ (element);
+            return [input.value, document.activeElement === input, input.selectionStart];
+        }),
+        ["4711-012", true, 8],
+    );
+    await operator.leave();
+});
+
+test("a slow network delays the picture, not the words, and does not undo the one before", async () => {
+    const operator = await Visitor.open(browser, station);
+    const before = await station.press();
+    await operator.shown(before.n);
+    const tools = await operator.page.createCDPSession();
+    await tools.send("Network.enable");
+    await tools.send("Network.emulateNetworkConditions", {
+        offline: false,
+        latency: 300,
+        downloadThroughput: 40000,
+        uploadThroughput: 40000,
+    });
+    const picture = await station.press();
+    await operator.says(picture.file);
+    await operator.shown(picture.n);
+    await operator.leave();
+});
+
+test("a page goes on when the program was started again; with new links, it says that it needs one", async () => {
+    const own = await Station.start();
+    await own.open();
+    const operator = await Visitor.open(browser, own);
+    const first = await own.press();
+    await operator.shown(first.n);
+    const port = Number(new URL(own.url).port);
+    await own.stop({ keep: true });
+    await operator.page.waitForFunction(
+        () => !document.body.innerText.includes("Virtual EOS is ready."),
+    );
+    await operator.shown(first.n);
+    const same = await Station.start({ base: own.base, port });
+    await same.open();
+    assert.equal(same.link("viewer"), own.link("viewer"));
+    await operator.says("Virtual EOS is ready.");
+    const second = await same.press();
+    await operator.shown(second.n);
+    await same.stop({ keep: true });
+    const again = await Station.start({ base: own.base, port, args: ["--new-links"] });
+    await again.open();
+    await operator.says("This link is not valid any more.");
+    // What the browser writes of the server that was away.
+    operator.complaints = [];
+    await operator.page.goto("about:blank");
+    await operator.go(again.link("operator"));
+    await operator.says("Virtual EOS is ready.");
+    await operator.shown(second.n);
+    const picture = await again.press();
+    await operator.shown(picture.n);
+    await operator.leave();
+    await again.stop();
+});
+
+test("a day's pictures are in the strip, the oldest one within reach and the next one shown", async () => {
+    const count = LONG ? 2000 : 500;
+    const earlier = await Station.start();
+    await earlier.open();
+    const first = await earlier.press();
+    await earlier.stop({ keep: true });
+    let { n } = earlier.records[earlier.records.length - 1];
+    const lines = [];
+    for (let number = 1; number < count; number++) {
+        const file = `many-${String(number).padStart(4, "0")}.JPG`;
+        linkSync(join(earlier.folder, first.file), join(earlier.folder, file));
+        n += 1;
+        lines.push(JSON.stringify({ ...first, n, file, shot: 1 + number }));
+    }
+    appendFileSync(join(earlier.folder, ".lumatie/ledger.jsonl"), `${lines.join("\n")}\n`);
+
+    const own = await Station.start({ base: earlier.base });
+    await own.open();
+    const operator = await Visitor.open(browser, own);
+    await operator.shown(n);
+    await until(async () => (await operator.strip()).length === count, "all of them");
+    await operator.page.$eval("[role=listbox]", (list) => list.scrollTo(0, 0));
+    await operator.page.waitForFunction(() => {
+        const image = document.querySelector("[role=listbox] [role=option] img");
+        return image instanceof HTMLImageElement && image.complete && image.naturalWidth > 0;
+    });
+    const next = await own.press();
+    await operator.shown(next.n);
+    const names = await operator.strip();
+    assert.equal(names.length, count + 1);
+    assert.ok(names[0].includes(first.file) && names[count].includes(next.file));
+    await operator.leave();
+    await own.stop();
+});
