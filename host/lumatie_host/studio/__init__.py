@@ -1,0 +1,1 @@
+"""Several stations and one studio: records over an MQTT broker, pictures over HTTP."""
