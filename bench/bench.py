@@ -15,13 +15,19 @@ import subprocess
 import sys
 import time
 
+import page
 import roads
+import studio
 
+roads.ROADS += page.ROADS + studio.ROADS
 HERE = pathlib.Path(__file__).resolve().parent
-SESSIONS = (
-    "canon_pictures canon_set_value nikon_set_value canon_shoot nikon_shoot canon_idle nikon_idle "
-    "nikon_memory"
-).split()
+# The measurements of each program.
+SESSIONS = {
+    "sessions.py": (
+        "canon_pictures canon_set_value nikon_set_value canon_shoot nikon_shoot nikon_memory"
+    ).split(),
+    "host_sessions.py": "host_pictures host_set host_events canon_idle nikon_idle".split(),
+}
 # Groups of the C++ program: a pattern of names, and how often each of them takes its turn, in a
 # full and in a short run.
 PROGRAM = {
@@ -34,6 +40,12 @@ PROGRAM = {
 SECONDS_OF_A_TURN = 0.001
 # A load that the measurements do not make themselves.
 BUSY = 1.5
+IMPORT_HOST = """
+import sys, time
+begin = time.monotonic()
+import lumatie_host
+open(sys.argv[1], "w").write(str(time.monotonic() - begin))
+"""
 
 
 def note(text):
@@ -104,10 +116,10 @@ class Bench:
                 self.add(what.key, times[what.key]["module"], times[what.key]["floor"])
 
     def measure_sessions(self):
-        for name in SESSIONS:
+        for program, name in ((one, name) for one, names in SESSIONS.items() for name in names):
             note(name.replace("_", " "))
             output = self.folder / (name + ".json")
-            command = [sys.executable, HERE / "sessions.py", name, output]
+            command = [sys.executable, HERE / program, name, output]
             run(
                 command + ["--short"] * self.short,
                 cwd=str(self.folder),
@@ -118,16 +130,21 @@ class Bench:
             self.add(name, result["samples"], result.get("floor", ()))
             if "until_call" in result:
                 self.add(name + "_call", result["until_call"])
+            if "hosted" in result:
+                self.add(name + "_hosted", result["hosted"], result["samples"])
 
     def measure_starts(self):
         note("starts and ends")
         floor = []
+        host = []
         taken = {"canon": [], "nikon": []}
         output = self.folder / "start.json"
+        self.import_host(output)  # which compiles it
         for _ in range(3 if self.short else 20):
             begin = time.monotonic()
             run([sys.executable, "-c", "pass"])
             floor.append(time.monotonic() - begin)
+            host.append(self.import_host(output))
             for maker, results in taken.items():
                 run(
                     [sys.executable, HERE / "start.py", maker, self.build, output],
@@ -139,10 +156,22 @@ class Bench:
         output.unlink()
         imports = [one["import"] for results in taken.values() for one in results]
         self.add("import", imports, floor)
+        self.add("host_import", host, floor)
         for step in ("init", "uninit"):
             for maker, results in taken.items():
                 own = [one[step + "_inside"] for one in results]
                 self.add("{}_{}".format(maker, step), [one[step] for one in results], own)
+
+    def import_host(self, output):
+        """Seconds that the import of the host package takes, with its bytecode kept, as usual."""
+        environment = dict(
+            self.environment,
+            PYTHONPATH=str(HERE.parent / "host"),
+            PYTHONPYCACHEPREFIX=str(self.folder / "bytecode"),
+            PYTHONDONTWRITEBYTECODE="",
+        )
+        run([sys.executable, "-c", IMPORT_HOST, output], env=environment, timeout=60)
+        return float(output.read_text())
 
     def machine(self):
         """What the figures were measured on."""
@@ -173,6 +202,9 @@ class Bench:
         self.measure_program()
         self.measure_sessions()
         self.measure_starts()
+        page.measure(self)
+        note("events to a page, and to a studio of 100 stations")
+        studio.measure(self)
         order = [what.key for what in roads.ROADS]
         self.found.sort(key=lambda found: order.index(found["key"]))
         result = {
@@ -202,9 +234,9 @@ def describe(machine):
     )
 
 
-def write_document(path, result):
-    """Puts the machine and the table between the marks of the page."""
-    lines = [describe(result["machine"]) + "."]
+def write_page(path, result):
+    """Writes the machine and the table for people."""
+    lines = ["# Speed", "", describe(result["machine"]) + "."]
     if max(result["machine"]["load"]) > BUSY:
         lines.append(
             "The machine did other things meanwhile: what is missed here by little, or by a "
@@ -214,11 +246,7 @@ def write_document(path, result):
     lines.append("| " + " | ".join(roads.HEADINGS) + " |")
     lines.append("|" + "---|" * len(roads.HEADINGS))
     lines += ["| " + " | ".join(roads.row(one)) + " |" for one in result["roads"]]
-    page = path.read_text(encoding="utf-8")
-    start, end = "<!-- figures -->\n", "<!-- end of figures -->"
-    head, rest = page.split(start)
-    tail = rest.split(end)[1]
-    path.write_text(head + start + "\n".join(lines) + "\n" + end + tail, encoding="utf-8")
+    path.write_text("\n".join(lines) + "\n", encoding="utf-8")
 
 
 def verdict(result):
@@ -237,13 +265,11 @@ def main():
     parser.add_argument("--build", required=True, help="the build tree")
     parser.add_argument("--results", required=True, help="the folder for the JSON files")
     parser.add_argument("--short", action="store_true", help="few repetitions")
-    parser.add_argument("--document", type=pathlib.Path, help="the page to put the table into")
     options = parser.parse_args()
     result = Bench(options).measure()
     print(describe(result["machine"]))
     show_table(result["roads"])
-    if options.document:
-        write_document(options.document, result)
+    write_page(pathlib.Path(options.results) / "speed.md", result)
     return verdict(result)
 
 

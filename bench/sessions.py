@@ -14,7 +14,8 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "python"))
+REPOSITORY = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(REPOSITORY / "tests" / "python"))
 
 from calls import clock_offset, parse, time_inside  # noqa: E402
 from nikon_support import MODULE, VirtualNikon  # noqa: E402
@@ -23,7 +24,7 @@ from support import (  # noqa: E402
     ISO,
     Host,
     Lumatie,
-    VirtualCamera,
+    VirtualCanon,
     picture_path,
     wait_until,
 )
@@ -71,7 +72,7 @@ class Session:
 
 
 def canon(settings=""):
-    session = Session(VirtualCamera(), CAMERA_NAME, settings)
+    session = Session(VirtualCanon(), CAMERA_NAME, settings)
     session.camera.wait_for_calls("EdsSetCapacity")
     session.camera.settle()
     return session
@@ -198,26 +199,6 @@ def _shoot_nikon(session):
     raise SystemExit("no picture was taken")
 
 
-def _idle(session, short):
-    """The share of one core that the whole process takes while nothing happens."""
-    length = 2.0 if short else 60.0
-    time.sleep(0.5)
-    begin, used = time.monotonic(), time.process_time()
-    time.sleep(length)
-    used = time.process_time() - used
-    return {"samples": [used / (time.monotonic() - begin)]}
-
-
-def canon_idle(short):
-    with canon() as session:
-        return _idle(session, short)
-
-
-def nikon_idle(short):
-    with nikon() as session:
-        return _idle(session, short)
-
-
 def _memory(field):
     with open("/proc/self/status", encoding="ascii") as file:
         for line in file:
@@ -249,31 +230,27 @@ def nikon_memory(short):
     return {"samples": samples, "floor": [PICTURE_SIZE]}
 
 
-MEASUREMENTS = {
-    function.__name__: function
-    for function in (
-        canon_pictures,
-        canon_set_value,
-        nikon_set_value,
-        canon_shoot,
-        nikon_shoot,
-        canon_idle,
-        nikon_idle,
-        nikon_memory,
-    )
-}
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("name", choices=sorted(MEASUREMENTS))
+def main(measurements):
+    """Runs the one of these functions that the command line names."""
+    known = {function.__name__: function for function in measurements}
+    parser = argparse.ArgumentParser()
+    parser.add_argument("name", choices=sorted(known))
     parser.add_argument("result", help="the file for the JSON object")
     parser.add_argument("--short", action="store_true", help="few repetitions")
     options = parser.parse_args()
-    result = MEASUREMENTS[options.name](options.short)
+    result = known[options.name](options.short)
     with open(options.result, "w", encoding="ascii") as file:
         json.dump(result, file)
 
 
 if __name__ == "__main__":
-    main()
+    main(
+        (
+            canon_pictures,
+            canon_set_value,
+            nikon_set_value,
+            canon_shoot,
+            nikon_shoot,
+            nikon_memory,
+        )
+    )

@@ -12,8 +12,8 @@ import tempfile
 import time
 
 
-def log_of(library, prefix):
-    function = getattr(library, prefix + "Log")
+def log_of(library):
+    function = library.VirtualCameraLog
     buffer = ctypes.create_string_buffer(function(None, 0) + 10000)
     function(buffer, len(buffer))
     return buffer.value.decode("utf-8", "replace").splitlines()
@@ -33,13 +33,11 @@ def main():
 
     if maker == "nikon":
         path = name = os.path.join(build, "virtual", "VirtualNikon.md3")
-        prefix = "VirtualNikon"
     else:
         path = os.path.join(build, "virtual", "libEDSDK.so")
         name = "Virtual EOS"
-        prefix = "VirtualCamera"
     camera = ctypes.CDLL(path)
-    clock = getattr(camera, prefix + "Clock")
+    clock = camera.VirtualCameraClock
     clock.restype = ctypes.c_int64
     first = []
     came = threading.Event()
@@ -58,7 +56,7 @@ def main():
         ending = time.monotonic()
         tether.Uninit()
         ended = time.monotonic()
-    calls = parse(log_of(camera, prefix), clock_offset(lambda: clock() / 1e6))
+    calls = parse(log_of(camera), clock_offset(lambda: clock() / 1e6))
     with open(result, "w", encoding="ascii") as file:
         json.dump(
             {

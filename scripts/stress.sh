@@ -2,8 +2,16 @@
 # stress.sh [--short] [PART...] [-- ARGUMENT...]: what nobody does on purpose, and all that at once.
 #
 #   matrix    every call of the makers' libraries, misbehaving in every way, during a shoot
+#   check     lumatie check, with all that during the check
 #   hosts     hosts that raise, block, exit, fork, are interrupted
 #   soak      10,000 pictures with each maker
+#   kills     programs on the host package that are killed in a burst, 200 with each maker
+#   host      the host package's promises: cameras that go and come, closes, busy cameras, names,
+#             mishaps, 10,000 pictures, the calls that each takes (its arguments: parts, --maker,
+#             --count, --seed, --beside)
+#   studio    eight stations with cameras and 92 simulated ones, with all that goes wrong at once; an
+#             hour's events; 10,000 pictures (its arguments: parts, --seed)
+#   page      long forms of the page's tests: 100 arrivals, a minute's sleep, 2,000 pictures
 #   threads   all operations from four threads while events storm, under the thread sanitizer
 #   fuzz      what cameras and driver modules send, made up by a fuzzer
 #   mutants   defects put into the module, which the tests have to notice (not unless it is named)
@@ -13,7 +21,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 # What the parts take: in the long form, in the short one.
 declare -A pictures=([long]=10000 [short]=500) sample=([long]=1 [short]=8)
-declare -A hammered=([long]=600 [short]=10) fuzzed=([long]=600 [short]=20)
+declare -A hammered=([long]=600 [short]=10) fuzzed=([long]=600 [short]=12)
 
 form=long
 if [[ ${1-} == --short ]]; then
@@ -27,8 +35,9 @@ while (($#)) && [[ $1 != -- ]]; do
 done
 (($# == 0)) || shift
 if ((${#parts[@]} == 0)); then
-    parts=(matrix hosts soak threads fuzz)
-    [[ $form == long ]] || parts=(matrix soak threads fuzz)  # the hosts are among the tests
+    parts=(matrix check hosts soak kills host studio page threads fuzz)
+    # The others are among the tests.
+    [[ $form == long ]] || parts=(matrix check soak host studio threads fuzz)
 fi
 
 readonly results=$PWD/build/results/stress
@@ -48,6 +57,12 @@ run_part() {
             find_python || return
             "$python" tests/stress/fault_matrix.py --sample "${sample[$form]}" "${@:2}"
             ;;
+        check)
+            find_python || return
+            local short=()
+            [[ $form == long ]] || short=(--short --sample 19)
+            "$python" tests/stress/check_matrix.py "${short[@]}" "${@:2}"
+            ;;
         hosts)
             find_python || return
             LUMATIE_EXIT_REPEATS=20 "$python" -X dev -m unittest "${@:2}" \
@@ -62,10 +77,37 @@ run_part() {
             done
             return "$status"
             ;;
+        kills)
+            find_python || return
+            PYTHONPATH+=:$PWD/host LUMATIE_KILLS=200 "$python" -X dev -m unittest discover \
+                -s tests/host -t tests/host -p test_killed.py "${@:2}"
+            ;;
+        host)
+            find_python || return
+            local short=()
+            [[ $form == long ]] || short=(--short)
+            "$python" tests/stress/host "${short[@]}" "${@:2}"
+            ;;
+        studio)
+            scripts/build.sh linux || return
+            need_packages mosquitto
+            need_page_python
+            local short=()
+            [[ $form == long ]] || short=(--short)
+            LUMATIE_BUILD_DIR=$PWD/build/linux PYTHONPATH=$PWD/build/linux/python \
+                "$tools/page/bin/python" tests/stress/studio "${short[@]}" "${@:2}"
+            ;;
+        page)
+            scripts/build.sh linux || return
+            LUMATIE_PAGE_LONG=1 scripts/page.sh chrome "${@:2}"
+            ;;
         threads) scripts/hammer.sh "${hammered[$form]}" "${@:2}" ;;
         fuzz) scripts/fuzz.sh "${fuzzed[$form]}" "${@:2}" ;;
         mutants) "$system_python" scripts/mutants.py "${@:2}" ;;
-        *) usage_error "./run stress [--short] [matrix|hosts|soak|threads|fuzz|mutants]..." ;;
+        *)
+            usage_error \
+                "./run stress [--short] [matrix|check|hosts|soak|kills|host|studio|page|threads|fuzz|mutants]..."
+            ;;
     esac
 }
 
