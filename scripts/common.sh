@@ -9,6 +9,7 @@ readonly system_python=/usr/bin/python3
 readonly tools=$PWD/build/tools
 # A CPython 3.8 for Windows x64: an installation's folder, or the one that need_windows_python makes.
 readonly windows_python=${LUMATIE_WINDOWS_PYTHON:-$tools/windows-python}
+readonly windows_page=$tools/windows-page
 
 note() { printf '== %s\n' "$*"; }
 
@@ -60,20 +61,28 @@ install() {
         fail "apt-get could not install $*"
 }
 
-# need_python_tool COMMAND: installs the pinned wheel of scripts/COMMAND.txt in an environment of
-# its own. A tree that was moved has environments that no longer start: they are made anew. Scripts
-# that run side by side do so one after the other.
+# need_python_tool NAME [CHECK...]: installs the pinned wheels of scripts/NAME.txt in an environment
+# of its own. CHECK is a command of the environment that shows that it works: by default the one of
+# that name, asked for its help. A tree that was moved has environments that no longer start: they
+# are made anew. Scripts that run side by side do so one after the other.
 need_python_tool() {
-    local turn
+    local turn check=("${@:2}")
+    ((${#check[@]})) || check=("$1" --help)
     mkdir -p "$tools"
     exec {turn}>"$tools/$1.lock"
     flock "$turn"
     if ! cmp -s "scripts/$1.txt" "$tools/$1/installed.txt" ||
-        ! "$tools/$1/bin/$1" --help >/dev/null 2>&1; then
+        ! "$tools/$1/bin/${check[0]}" "${check[@]:1}" >/dev/null 2>&1; then
         install_python_tool "$1"
     fi
     exec {turn}>&-
 }
+
+# need_page_python: the environment that serves the tether page and joins a studio, and tests both.
+need_page_python() { need_python_tool page python -c 'import aiohttp, paho.mqtt, PIL, rawpy, segno'; }
+
+# need_wheel_tools: what makes the wheels and looks into them.
+need_wheel_tools() { need_python_tool wheels python -c 'import scikit_build_core, auditwheel, elftools, pefile'; }
 
 install_python_tool() {
     local name=$1 requirements=scripts/$1.txt environment=$tools/$1
@@ -85,6 +94,27 @@ install_python_tool() {
         --only-binary :all: --require-hashes --requirement "$requirements" ||
         fail "$name could not be downloaded; $(head -1 "$requirements" | sed 's/^# *//')"
     cp "$requirements" "$environment/installed.txt"
+}
+
+# need_node_tools: installs what tests/page/package.json names in build/tools/node, and Debian's Node.js
+# where there is none or one before 18.
+need_node_tools() {
+    local lock=tests/page/package-lock.json turn
+    if ! node --eval 'process.exit(parseInt(process.versions.node) < 18)' 2>/dev/null; then
+        need_packages nodejs
+    fi
+    command -v npm >/dev/null || need_packages npm
+    mkdir -p "$tools/node"
+    exec {turn}>"$tools/node.lock"
+    flock "$turn"
+    if ! cmp -s "$lock" "$tools/node/installed.json"; then
+        note "installing what tests/page/package.json names in $tools/node"
+        cp tests/page/package.json "$lock" "$tools/node"
+        npm ci --prefix "$tools/node" --ignore-scripts --no-audit --no-fund --loglevel=error ||
+            fail "the tools of tests/page/package.json could not be downloaded"
+        cp "$lock" "$tools/node/installed.json"
+    fi
+    exec {turn}>&-
 }
 
 # need_windows_python: makes the interpreter that the Windows build is for, unless one was named.
@@ -100,13 +130,42 @@ need_windows_python() {
     [[ -n $python ]] || fail "the Windows interpreter is made with the modules and headers of a \
 CPython 3.8 on this machine, and there is none; have one installed, or name an official CPython 3.8 \
 for Windows x64 (the folder that holds python.exe) in LUMATIE_WINDOWS_PYTHON"
-    need_packages python3-venv ca-certificates
     note "making a Windows interpreter in $windows_python"
-    [[ -x $tools/pip/bin/pip ]] || "$system_python" -m venv "$tools/pip"
+    need_pip
     rm -rf "$windows_python"
     "$system_python" scripts/windows_python.py --pip "$tools/pip/bin/pip" \
         --python "${python%%$'\n'*}" "$windows_python"
     cp scripts/windows.txt "$windows_python/installed.txt"
+}
+
+need_pip() {
+    need_packages python3-venv ca-certificates
+    [[ -x $tools/pip/bin/pip ]] || "$system_python" -m venv "$tools/pip"
+}
+
+# need_windows_page: what serves the tether page and joins a studio in the Windows interpreter. It
+# finds it there, as a user's own packages, when PYTHONUSERBASE is $windows_page.
+need_windows_page() {
+    local requirements=scripts/windows_page.txt packages=$windows_page/Python38/site-packages
+    cmp -s "$requirements" "$windows_page/installed.txt" && return
+    note "installing what $requirements names in $windows_page"
+    need_pip
+    rm -rf "$windows_page"
+    "$tools/pip/bin/pip" install --quiet --disable-pip-version-check --no-input --no-deps \
+        --only-binary :all: --platform win_amd64 --implementation cp --python-version 3.8 \
+        --require-hashes --requirement "$requirements" --no-compile --target "$packages" ||
+        fail "the page's libraries for Windows could not be downloaded"
+    compile_for_windows "$packages"
+    cp "$requirements" "$windows_page/installed.txt"
+}
+
+# compile_for_windows FOLDER: what a CPython 3.8 of this machine makes of modules is the same there.
+# Each process would do it again where PYTHONDONTWRITEBYTECODE is set.
+compile_for_windows() {
+    local python
+    python=$("$system_python" scripts/find_pythons.py --version 3.8)
+    [[ -z $python ]] || "${python%%$'\n'*}" -m compileall -q -j 0 "$1" >/dev/null ||
+        note "some of the modules in $1 cannot be compiled"
 }
 
 # set_up_sanitizers asan|tsan: sets the sanitizers' options, and in `sanitized` what a program has to
@@ -131,8 +190,8 @@ windows_path() {
 }
 
 # The hand-written files, one a line; whatever is generated lies in build/.
-cpp_files() { find System virtual tests bench scripts -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort; }
+cpp_files() { find System interfaces virtual tests bench scripts -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort; }
 windows_files() { cpp_files | grep '/windows/.*\.cpp$' | grep -v '^scripts/'; }
 # The module's sources for Windows, but for those that know the interpreter.
-microsoft_files() { cpp_files | grep '^System/.*\.cpp$' | grep -v -e /posix/ -e /PyCallback.cpp; }
+microsoft_files() { cpp_files | grep '^System/.*\.cpp$' | grep -v -e /posix/ -e /PyCallback.cpp -e /PyErrors.cpp; }
 shell_files() { printf '%s\n' run .ci/run scripts/*.sh; }

@@ -23,15 +23,6 @@ def last(pattern, text):
     return matches[-1] if matches else None
 
 
-def ctest_totals(text):
-    match = last(r"^\d+% tests passed, (\d+) tests failed out of (\d+)$", text)
-    if not match:
-        return None
-    failed, total = map(int, match.groups())
-    skipped = len(re.findall(r"^\s+\d+ - .* \(Skipped\)$", text, re.MULTILINE))
-    return Totals([match.group()], total - failed - skipped, failed, skipped)
-
-
 def gtest_totals(text):
     ran = last(r"^\[=+\] (\d+) tests? from \d+ test suites? ran\..*$", text)
     if not ran:
@@ -59,12 +50,44 @@ def unittest_totals(text):
     return Totals([ran.group(), end.group()], passed, failed, skipped)
 
 
+def node_totals(text):
+    counts = {
+        word: last(r"^(?:#|ℹ) %s (\d+)$" % word, text)
+        for word in ("tests", "pass", "fail", "cancelled", "skipped", "todo")
+    }
+    if not all(counts.values()):
+        return None
+    closing = [counts[word].group() for word in ("tests", "pass", "fail")]
+    number = {word: int(match.group(1)) for word, match in counts.items()}
+    failed, skipped = number["fail"] + number["cancelled"], number["skipped"] + number["todo"]
+    return Totals(closing, number["pass"], failed, skipped)
+
+
+def unfinished(text):
+    """The C++ test in which its program crashed or was stopped, if it was in one."""
+    _, begun, rest = text.rpartition("[ RUN      ] ")
+    name = rest.partition("\n")[0]
+    if not begun or re.search(r"\] %s[ ,]" % re.escape(name), rest):
+        return []
+    return [name + ", which did not finish"]
+
+
+def failures(text):
+    """The names of failed tests, as each of the runners lists them."""
+    gtest = r"^\[  FAILED  \] ([\w./]+)$"
+    unittest = r"^(?:FAIL|ERROR): (.+)$"
+    node = r"^\s*✖ (.+) \([\d.]+ms\)$"
+    found = re.findall(gtest, text, re.MULTILINE) + unfinished(text)
+    found += re.findall(unittest, text, re.MULTILINE)
+    return found + re.findall(node, text.partition("\n✖ failing tests:\n")[2], re.MULTILINE)
+
+
 def totals_of(log):
     """One runner's totals; one that failed without failing a test counts as one failure."""
-    text = log.read_text(errors="replace")
+    text = log.read_text(encoding="utf-8", errors="replace")
     status = log.with_suffix(".status")
     ended_well = status.exists() and status.read_text().strip() == "0"
-    found = ctest_totals(text) or gtest_totals(text) or unittest_totals(text)
+    found = gtest_totals(text) or unittest_totals(text) or node_totals(text)
     if found is None:
         return Totals(["did not finish"], 0, 1, 0)
     if not ended_well and not found.failed:
@@ -82,6 +105,8 @@ def main(folders):
         print("%s, %s:" % (log.parent.name, log.stem))
         for line in found.closing:
             print(line)
+        for name in failures(log.read_text(encoding="utf-8", errors="replace")):
+            print("failed: %s" % name)
         passed += found.passed
         failed += found.failed
         skipped += found.skipped
