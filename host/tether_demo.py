@@ -113,7 +113,6 @@ def parse_arguments():
 
 def main():
     options = parse_arguments()
-    print("Camera:   %s\nPictures: %s" % (options.camera, options.folder), flush=True)
     ending = []
 
     def interrupt(*_):
@@ -125,6 +124,7 @@ def main():
     try:
         with contextlib.ExitStack() as stack:
             stack.callback(print, "\nThe session has ended.", flush=True)
+            print("Camera:   %s\nPictures: %s" % (options.camera, options.folder), flush=True)
             if options.exposure is not None:
                 stack.enter_context(real_time())
             which = "module" if os.path.isfile(options.camera) else "camera"

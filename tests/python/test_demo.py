@@ -52,6 +52,18 @@ sys.path.insert(0, os.path.dirname(sys.argv[0]))
 runpy.run_path(sys.argv[0], run_name="__main__")
 """
 
+# Presses Ctrl-C as soon as somebody can read that the demo has begun.
+PRESS_AT_THE_FIRST_LINE = """
+import builtins, signal, sys
+
+def print_and_press(*texts, **options):
+    builtins.print(*texts, **options)
+    if texts[0].startswith("Camera:"):
+        signal.raise_signal(signal.SIGINT)
+
+tether_demo.print = print_and_press
+"""
+
 JPEG_START = b"\xff\xd8\xff"
 RAW_START = b"II*\0"
 
@@ -164,23 +176,27 @@ class DemoTestCase(unittest.TestCase):
         process = self.start(*arguments, **options)
         return process.finish(), process.log()
 
-    def run_impatiently(self, settings, patience, seconds=0.3):
-        """Runs the demo with one of its patiences cut short."""
+    def run_changed(self, change, settings=""):
+        """Runs the demo after a program of Python has changed something in `tether_demo`."""
         configuration = pathlib.Path(self.base, "camera.txt")
         configuration.write_text(settings)
         script = """
             import sys
             sys.path.insert(0, {!r})
             import tether_demo
-            tether_demo.{} = {}
+            exec({!r})
             sys.argv = {!r}
             sys.exit(tether_demo.main())
         """
         arguments = ["tether_demo.py", "--folder", self.folder] + list(self.camera)
         return run_host(
-            script.format(str(DEMO.parent), patience, seconds, arguments),
+            script.format(str(DEMO.parent), change, arguments),
             environment={self.variable: configuration},
         )
+
+    def run_impatiently(self, settings, patience, seconds=0.3):
+        """Runs the demo with one of its patiences cut short."""
+        return self.run_changed("tether_demo.{} = {}".format(patience, seconds), settings)
 
     def pictures(self, folder=None):
         folder = pathlib.Path(self.folder if folder is None else folder)
@@ -441,6 +457,11 @@ class InterruptTest(InterruptTestCase):
 
     def test_ctrl_c_at_any_moment_ends_the_session(self):
         self.interrupt_at_any_moment()
+
+    def test_ctrl_c_at_the_first_line_ends_the_session(self):
+        run = self.run_changed(PRESS_AT_THE_FIRST_LINE)
+        self.assertEqual((run.status, run.stderr), (130, "Interrupted.\n"), run)
+        self.assertTrue(run.stdout.endswith("\nThe session has ended.\n"), run.stdout)
 
     def test_ctrl_c_inside_the_start_ends_the_session(self):
         self.interrupt_at("EdsGetCameraList", "fault = EdsGetChildCount delay_ms=500")
