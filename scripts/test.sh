@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # test.sh [windows|windows-long|asan|tsan|wheels|wheels-long]: builds, runs every test runner to its
-# end, and fails when one of them did. windows-long is all of the page's and the studio's tests there;
+# end, and fails when one of them did; a few failed tests are run once more, alone. windows-long is all of the page's and the studio's tests there;
 # wheels-long is what takes a network, and another compilation.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -28,11 +28,12 @@ trap stop_runners EXIT
 
 declare -A runners=()
 
-# start NAME COMMAND...: starts a test runner, whose output is kept. One that hangs is aborted, so
-# that it can say where it was.
+# start NAME COMMAND...: starts a test runner, whose output is kept, and so is what starts it once more.
+# One that hangs is aborted, so that it can say where it was.
 start() {
     local name=$1
     shift
+    { declare -px && printf 'exec' && printf ' %q' "$@" && printf ' "$@"\n'; } >"$results/$name.command"
     : >"$results/$name.log"
     timeout --signal=ABRT --kill-after=20 1500 "$@" >"$results/$name.log" 2>&1 </dev/null &
     runners[$name]=$!
@@ -51,6 +52,16 @@ finish() {
         wait "${runners[$name]}" || status=$?
         echo "$status" >"$results/$name.status"
     done
+}
+
+# run_again: runs the few tests that failed once more, with nothing beside them.
+run_again() {
+    local name arguments
+    while IFS=$'\t' read -r name arguments; do
+        IFS=$'\t' read -ra arguments <<<"$arguments"
+        start "$name.again" bash "$results/$name.command" "${arguments[@]}"
+        finish "$name.again"
+    done < <("$system_python" scripts/again.py "$results")
 }
 
 # run_cpp_tests [COMMAND...]: starts the test programs, with that command. All tests of a program share
@@ -303,4 +314,5 @@ case $variant in
         run_cpp_tests "${sanitized[@]}"
         ;;
 esac
+run_again
 "$system_python" scripts/totals.py "$results"

@@ -1,13 +1,18 @@
 """Repeats the closing lines of test runners and adds their totals up: N passed, N failed.
 
 Each folder that is named holds NAME.log and NAME.status (the exit status) of each runner that ran
-there. Ends with 1 when a runner failed, did not finish or ran nothing, or when there was none.
+there, and NAME.again.log of one whose failed tests were run once more, alone. Those that passed then
+are named and count as passed. Ends with 1 when a runner failed, did not finish or ran nothing, or
+when there was none.
 """
 
 import pathlib
 import re
 import sys
 from typing import List, NamedTuple
+
+
+AGAIN = ".again"
 
 
 class Totals(NamedTuple):
@@ -82,12 +87,37 @@ def failures(text):
     return found + re.findall(node, text.partition("\n✖ failing tests:\n")[2], re.MULTILINE)
 
 
+def read(log):
+    return log.read_text(encoding="utf-8", errors="replace")
+
+
+def counted(text):
+    """What a runner's closing lines say, or None where there are none."""
+    return gtest_totals(text) or unittest_totals(text) or node_totals(text)
+
+
+def has_named_its_failures(text):
+    """Whether the runner came to its end, and all that is wrong is tests that it names."""
+    found = counted(text)
+    return bool(found and found.failed and failures(text)) and not unfinished(text)
+
+
+def reasons(text):
+    """What failed tests of Python and C++ say of themselves: a line or two of each."""
+    raised = re.compile(r"^\w[\w.]*(?::.*)?$", re.MULTILINE)
+    for header in re.finditer(r"^(?:FAIL|ERROR): .+\n-+$", text, re.MULTILINE):
+        found = raised.search(text, header.end())
+        if found:
+            yield found.group()
+    yield from re.findall(r"^\S+: (?:Failure|error: .*)\n.*$", text, re.MULTILINE)
+
+
 def totals_of(log):
     """One runner's totals; one that failed without failing a test counts as one failure."""
-    text = log.read_text(encoding="utf-8", errors="replace")
+    text = read(log)
     status = log.with_suffix(".status")
     ended_well = status.exists() and status.read_text().strip() == "0"
-    found = gtest_totals(text) or unittest_totals(text) or node_totals(text)
+    found = counted(text)
     if found is None:
         return Totals(["did not finish"], 0, 1, 0)
     if not ended_well and not found.failed:
@@ -97,19 +127,36 @@ def totals_of(log):
     return found
 
 
+def passed_alone(log):
+    """Whether the tests that failed in this log were run again, and all of them passed."""
+    again = log.with_name(log.stem + AGAIN + log.suffix)
+    if not again.exists():
+        return False
+    second = totals_of(again)
+    return bool(second.passed) and not second.failed
+
+
+def report(log):
+    """Prints what came of one runner; returns its totals."""
+    found, text = totals_of(log), read(log)
+    outcome = "failed"
+    if found.failed and passed_alone(log):
+        outcome = "failed beside the others, passed alone"
+        found = found._replace(passed=found.passed + found.failed, failed=0)
+    print("%s, %s:" % (log.parent.name, log.stem))
+    for line in found.closing:
+        print(line)
+    for name in failures(text):
+        print("%s: %s" % (outcome, name))
+    for reason in reasons(text):
+        print(reason)
+    return found
+
+
 def main(folders):
     logs = [log for folder in folders for log in sorted(pathlib.Path(folder).glob("*.log"))]
-    passed = failed = skipped = 0
-    for log in logs:
-        found = totals_of(log)
-        print("%s, %s:" % (log.parent.name, log.stem))
-        for line in found.closing:
-            print(line)
-        for name in failures(log.read_text(encoding="utf-8", errors="replace")):
-            print("failed: %s" % name)
-        passed += found.passed
-        failed += found.failed
-        skipped += found.skipped
+    found = [report(log) for log in logs if not log.stem.endswith(AGAIN)]
+    passed, failed, skipped = (sum(part) for part in list(zip(*found))[1:]) if found else (0, 0, 0)
     print("%d passed, %d failed" % (passed, failed) + (", %d skipped" % skipped if skipped else ""))
     return 0 if passed and not failed else 1
 

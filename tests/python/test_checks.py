@@ -1,12 +1,17 @@
-"""The checks of ./run lint that are the project's own find what they are for."""
+"""The project's own checks, of ./run lint and of what test runners say, find what they are for."""
 
+import contextlib
 import importlib.util
+import io
 import pathlib
 import sys
 import tempfile
 import unittest
 
 SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts"
+
+
+sys.path.insert(0, str(SCRIPTS))  # some use each other
 
 
 def load(name):
@@ -132,6 +137,127 @@ class Types(unittest.TestCase):
         program = "import sys; print('inside out'); sys.exit(2)"
         with self.assertRaisesRegex(RuntimeError, "inside out"):
             self.check.run(sys.executable, "-c", program)
+
+
+UNITTEST = """
+======================================================================
+FAIL: test_it (test_x.Some) (delay=0.1)
+----------------------------------------------------------------------
+Traceback (most recent call last):
+  File "test_x.py", line 1, in test_it
+AssertionError: 9 not less than 8
+
+----------------------------------------------------------------------
+Ran 5 tests in 1.0s
+
+FAILED (failures=1, skipped=1)
+"""
+GTEST = """
+[ RUN      ] Some.Test
+a.cpp:1: Failure
+Expected: it
+[  FAILED  ] Some.Test (1 ms)
+[==========] 4 tests from 2 test suites ran. (5 ms total)
+[  PASSED  ] 3 tests.
+[  FAILED  ] 1 test, listed below:
+[  FAILED  ] Some.Test
+"""
+NODE = """
+✖ it goes on (12.5ms)
+ℹ tests 3
+ℹ pass 2
+ℹ fail 1
+ℹ cancelled 0
+ℹ skipped 0
+ℹ todo 0
+
+✖ failing tests:
+
+test at tests/page/live.test.mjs:27:1
+✖ it goes on (12.5ms)
+"""
+
+
+class OnceMore(unittest.TestCase):
+    """What scripts/again.py has run again, and what scripts/totals.py makes of that."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def write(self, name, text, status=1):
+        (self.folder / (name + ".log")).write_text(text, encoding="utf-8")
+        (self.folder / (name + ".status")).write_text(str(status))
+
+    def again(self):
+        return load("again").worth_it(self.folder)
+
+    def totals(self):
+        printed = io.StringIO()
+        with contextlib.redirect_stdout(printed):
+            status = load("totals").main([str(self.folder)])
+        return status, printed.getvalue()
+
+    def test_each_runner_is_asked_for_its_failed_tests_alone(self):
+        self.write("a", UNITTEST)
+        self.write("b", GTEST)
+        self.write("c", NODE)
+        self.write("d", UNITTEST.replace("FAILED (failures=1", "OK (").partition("FAIL:")[2], 0)
+        self.assertEqual(
+            self.again(),
+            {
+                "a": ["-k", "*test_x.Some.test_it"],
+                "b": ["--gtest_filter=Some.Test"],
+                "c": ["tests/page/live.test.mjs"],
+            },
+        )
+
+    def test_names_as_newer_interpreters_list_them_and_set_ups_are_found(self):
+        pattern = load("again").unittest_pattern
+        self.assertEqual(pattern("test_it (test_x.Some.test_it)"), "*test_x.Some.test_it")
+        self.assertEqual(pattern("setUpClass (test_x.Some)"), "*test_x.Some.*")
+
+    def test_what_no_busy_machine_does_is_not_run_again(self):
+        crash = GTEST.partition("[==")[0] + "[ RUN      ] Some.Other\n"
+        for why, text in {
+            "a crash": crash,
+            "a crash behind a failure": GTEST + crash,
+            "a report": "WARNING: ThreadSanitizer: data race\n" + GTEST,
+            "a file that cannot be loaded": UNITTEST.replace(
+                "test_it (test_x.Some) (delay=0.1)", "test_x (unittest.loader._FailedTest)"
+            ),
+            "a program that failed as a whole": GTEST.partition("[  FAILED")[0]
+            + "[==========] 4 tests from 2 test suites ran.\n[  PASSED  ] 4 tests.\n",
+            "more than a few": UNITTEST.replace("failures=1", "failures=4"),
+        }.items():
+            with self.subTest(why):
+                self.write("a", text)
+                self.write("b", GTEST)
+                self.assertEqual(self.again(), {})
+
+    def test_what_passes_alone_is_named_and_counts_as_passed(self):
+        self.write("a", UNITTEST)
+        self.write("a.again", "Ran 1 test in 0.1s\n\nOK\n", 0)
+        status, printed = self.totals()
+        self.assertEqual(status, 0, printed)
+        self.assertIn("failed beside the others, passed alone: test_it (test_x.Some)", printed)
+        self.assertIn("AssertionError: 9 not less than 8\n", printed)
+        self.assertTrue(printed.endswith("\n4 passed, 0 failed, 1 skipped\n"), printed)
+
+    def test_what_fails_alone_too_or_was_not_found_there_fails(self):
+        for why, text, status in (
+            ("it failed", UNITTEST, 1),
+            ("nothing ran", "Ran 0 tests in 0.0s\n\nOK\n", 0),
+            ("it hung", "", 124),
+        ):
+            with self.subTest(why):
+                self.write("a", UNITTEST)
+                self.write("a.again", text, status)
+                status, printed = self.totals()
+                self.assertEqual(status, 1, printed)
+                self.assertIn("failed: test_it (test_x.Some)", printed)
+                self.assertTrue(printed.endswith("\n3 passed, 1 failed, 1 skipped\n"), printed)
 
 
 if __name__ == "__main__":
