@@ -125,7 +125,8 @@ declare -a pythons=() tested=()
 # The module's and the host package's tests, as suites that run side by side: they wait more than
 # they work.
 readonly -A module_parts=([module]='test_[!a-dn]*.py' [module-d]='test_[a-d]*.py' [nikon]='test_n*.py')
-readonly -A host_parts=([host]='test_[!cs]*.py' [host-c]='test_c*.py' [host-s]='test_s*.py')
+readonly -A host_parts=([host]='test_[!cs]*.py' [host-c]='test_c[!l]*.py' [host-cli]='test_cl*.py'
+    [host-s]='test_s*.py')
 
 find_pythons() {
     mapfile -t pythons < <("$system_python" scripts/find_pythons.py)
@@ -181,21 +182,23 @@ run_python_tests() {
     if [[ $tree == windows ]]; then
         start_windows_page page='test_[st]*.py' studio='test_[bcw][lor]*.py'
         start_check "$name-check" "$python"
-        finish page studio "$name-check" "$name-check-process"
+        names=(page studio "$name-check" "$name-check-process")
     fi
-    for python in "${tested[@]}"; do
-        use_wheels "$python"
-        names+=("$(label "$python")-limits")
-        suite "${names[-1]}" python/alone test_limits.py "$python"
-    done
-    finish "${names[@]}"
-    # With a module that is made for these tests, and in no wheel.
+    # With a module that is made for these tests, and in no wheel; they share its settings.
     use_tree
     for python in "${tested[@]}"; do
         name=$(label "$python")-log
         suite "$name" python/alone test_debug_log.py "$python"
         finish "$name"
     done
+    finish "${names[@]}"
+    names=()
+    for python in "${tested[@]}"; do
+        use_wheels "$python"
+        names+=("$(label "$python")-limits")
+        suite "${names[-1]}" python/alone test_limits.py "$python"
+    done
+    finish "${names[@]}"
 }
 
 # start_check NAME PYTHON: starts the tests of the word check.
