@@ -232,9 +232,10 @@ run_outer_tests() {
     use_wheels "$python"
     suite page host/page 'test_[af]*.py' "$python"
     suite page-2 host/page 'test_[!af]*.py' "$python"
-    suite studio host/studio 'test_*.py' "$python"
+    suite studio host/studio 'test_[!s]*.py' "$python"
+    suite studio-2 host/studio 'test_s*.py' "$python"
     start_check check "$python"
-    finish page page-2 studio check check-process
+    finish page page-2 studio studio-2 check check-process
 }
 
 # start_windows_page SUITE=FILES...: starts tests of the page and the studio in the Windows

@@ -59,13 +59,14 @@ int VirtualNikonTexts(int camera, uint32_t capability, char* buffer, int capacit
 int VirtualNikonOperations(int camera, uint32_t capability);
 
 /* Makes all objects of a level tell something corrupt about a capability; 0xFFFFFFFF stands for the
- * set of descriptors as a whole. `what`, with what the value then is: "count"         elements of
- * an enumeration (bytes for texts); number of descriptors. The array is filled to that length with
- * the true content over and over. "element_type", "element_size", "value" (the current position, or
- * the number) "open_texts"    1 the last text has no end, 2 no text has one "type", "operations",
- * "absent" (1: no such capability), "unterminated" (1: the description) Those of the last line are
- * announced with event 4 to open objects of the level. The true lengths of the application's
- * buffers are respected whatever is told. */
+ * set of descriptors as a whole. `what`, with what the value then is:
+ *   "count"         elements of an enumeration (bytes for texts); number of descriptors. The array
+ *                   is filled to that length with the true content over and over.
+ *   "element_type", "element_size", "value" (the current position, or the number)
+ *   "open_texts"    1 the last text has no end, 2 no text has one
+ *   "type", "operations", "absent" (1: no such capability), "unterminated" (1: the description)
+ * Those of the last line are announced with event 4 to open objects of the level. The true lengths
+ * of the application's buffers are respected whatever is told. */
 int VirtualNikonCorrupt(int level, uint32_t capability, const char* what, int64_t value);
 
 /* Another description for a capability; NULL gives the true one back. Announced with event 4. */
