@@ -722,10 +722,25 @@ protected:
     {
         fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
         rule.polls = fake::kNever;
+        startWith(rule, timing);
+        shootUntil([&] { return maid.outstanding() == 1; });
+    }
+
+    // The same in a module whose command comes back when the exposure is over, and which answers
+    // nothing until then: `maid.releaseHangs` ends it.
+    void exposeInside()
+    {
+        fake::Rule rule{kMaidCommandCapStart, kMaidCapCapture};
+        rule.hangs = true;
+        startWith(rule, impatient());
+        shootUntil([&] { return maid.isHanging(); });
+    }
+
+    void startWith(const fake::Rule& rule, const nikon::Timing& timing)
+    {
         maid.rule(rule);
         ASSERT_EQ(nikon::NikonStart(m_state, m_receiver, m_library, timing), 1);
         ASSERT_TRUE(waitFor([&] { return has("(13, 'JPEG Fine')"); }));
-        shootUntil([&] { return maid.outstanding() == 1; });
     }
 
     // Ends the session; meanwhile the exposure ends, and brings a picture.
@@ -795,6 +810,29 @@ TEST_F(NikonExposureTest, TheEndWaitsForAnExposureAndItsPictureWhichIsNotAnnounc
     EXPECT_EQ(m_folder.size(), 1);
     EXPECT_EQ(eventsOf(0), 0);
     EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+TEST_F(NikonExposureTest, TheEndWaitsForAnExposureInsideTheCommandAndForItsPicture)
+{
+    exposeInside();
+    auto ending = std::async(std::launch::async, [&] { uninit(); });
+    EXPECT_EQ(ending.wait_for(2 * impatient().hanging), std::future_status::timeout);
+    maid.addItem(6, {fake::wholeFile("the exposure's")});
+    maid.releaseHangs();
+    ending.get();
+    EXPECT_EQ(pictures(), Lines{"the exposure's"});
+    EXPECT_EQ(maid.openObjects(), 0U);
+}
+
+TEST_F(NikonExposureTest, AValueWaitsForAnExposureInsideTheCommand)
+{
+    exposeInside();
+    auto setting = std::async(std::launch::async,
+                              [&] { return nikon::NikonSetValue(m_state, TETHER_ISO, 1); });
+    EXPECT_EQ(setting.wait_for(2 * impatient().running), std::future_status::timeout);
+    maid.releaseHangs();
+    EXPECT_EQ(setting.get(), 1);
+    waitForACycle();
 }
 
 TEST_F(NikonExposureTest, TheEndLeavesPicturesOnTheCameraThatWereThereBeforeTheExposure)

@@ -167,9 +167,11 @@ bool MaidDriver::lock()
     const auto begun = Clock::now();
     while (!m_library->lockFor(kLockSlice)) {
         // Behind a command of the same camera session that hangs for long already nobody waits any
-        // longer.
+        // longer. A module may expose inside the command itself, and tells nothing meanwhile.
         const Clock::time_point commandBegun{Clock::duration(m_commandBegun)};
-        if (patienceIsOver(m_inside > 0 ? commandBegun : begun, patience())) {
+        const bool mayWait = isWithinExposure() ||
+                             !patienceIsOver(m_inside > 0 ? commandBegun : begun, patience());
+        if (!mayWait) {
             return false;
         }
     }
@@ -313,13 +315,10 @@ bool MaidDriver::await(Guard& guard, const MaidObjectPtr& ref, const Completion&
 // than the exposure may take.
 void MaidDriver::noteAnswer()
 {
-    if (!m_library->isExposing()) {
-        return;
-    }
-    if (isExposureTimeOver()) {
-        m_library->exposureHeartbeat().noteSilently();
-    } else {
+    if (isWithinExposure()) {
         m_library->exposureHeartbeat().note();
+    } else if (m_library->isExposing()) {
+        m_library->exposureHeartbeat().noteSilently();
     }
 }
 
@@ -369,10 +368,15 @@ bool MaidDriver::isExposureTimeOver() const
     return m_stopBegun != 0 && Clock::now() - stopBegun > m_timing.exposure;
 }
 
+bool MaidDriver::isWithinExposure() const
+{
+    return m_library->isExposing() && !isExposureTimeOver();
+}
+
 bool MaidDriver::hangs() const
 {
-    if (m_library->isExposing() && isExposureTimeOver()) {
-        return true;
+    if (m_library->isExposing()) {
+        return isExposureTimeOver();
     }
     const Clock::time_point stopBegun{Clock::duration(m_stopBegun)};
     return m_inside > 0 && Clock::now() - std::max(stopBegun, lastSign()) > m_timing.hanging;

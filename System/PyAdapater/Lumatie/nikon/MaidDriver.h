@@ -207,8 +207,8 @@ public:
     bool isSilent() const { return m_silent; }
 
     // Whether a thread has been inside the module for so long, without a sign of life since the
-    // stop was requested, or an exposure takes so long since then, that nobody should wait for it
-    // any more.
+    // stop was requested, that nobody should wait for it any more. In an exposure no silence counts,
+    // but the time since the stop.
     bool hangs() const;
 
     // Whether the time is over that the stop leaves for an exposure and its picture.
@@ -238,6 +238,7 @@ private:
     MaidReference remember(const std::shared_ptr<Completion>& completion);
     void settle(MaidReference handle, bool refused);
     void noteAnswer();
+    bool isWithinExposure() const;
     bool patienceIsOver(Clock::time_point begun, std::chrono::milliseconds patience) const;
     std::chrono::milliseconds patience() const;
     Clock::time_point lastSign() const;
