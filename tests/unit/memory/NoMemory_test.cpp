@@ -13,6 +13,8 @@
 #include "TemporaryFolder.h"
 #include "TestSupport.h"
 #include "TetherEvents.h"
+#include "TetherTexts.h"
+#include "nikon/DataReceiver.h"
 
 namespace {
 
@@ -319,6 +321,45 @@ TEST_F(NoMemoryTest, TheDestructorNeedsNone)
     expectNothingLeft();
     const InterpreterLock lock;
     m_tether = std::make_unique<Lumatie>();
+}
+
+// A driver module's data.
+
+TEST(NoMemoryNikonTest, APartOfAPictureIsRefusedAndTakenWhenItIsDeliveredAgain)
+{
+    const TemporaryFolder folder;
+    g_szExportFolder.set(folder.path().c_str());
+    MaidFileInfo info = {};
+    info.kind = kMaidDataFile;
+    info.fileType = kMaidFileJpeg;
+    info.totalLength = info.length = 3;
+    int failed = 0;
+    for (int number = 1; number < kEnough; ++number) {
+        SCOPED_TRACE("allocation " + std::to_string(number));
+        const auto receiver = std::make_shared<nikon::DataReceiver>(
+            1, std::make_shared<nikon::ModuleHeartbeat>());
+        MaidReference handle = nikon::receivers().add(receiver);
+        MaidResult result = kMaidOk;
+        {
+            const ScarceMemory memory = ScarceMemory::failingOnce(number);
+            result = nikon::receiveData(handle, &info, "abc");
+        }
+        const bool hasFailed = ScarceMemory::failures() > 0;
+        EXPECT_EQ(result, hasFailed ? kMaidOutOfMemory : kMaidOk);
+        if (hasFailed) {
+            ++failed;
+            EXPECT_EQ(folder.size(), number - 1);
+            EXPECT_EQ(nikon::receiveData(handle, &info, "abc"), kMaidOk);
+        }
+        EXPECT_EQ(receiver->results().size(), 1U);
+        EXPECT_EQ(folder.size(), number);
+        nikon::receivers().remove(handle);
+        if (!hasFailed || HasFailure()) {
+            break;
+        }
+    }
+    EXPECT_GT(failed, 3);
+    g_szLastFile.take();
 }
 
 // The interpreter's end.

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "Memory.h"
 #include "PictureName.h"
 #include "TetherTexts.h"
 #include "nikon/Console.h"
@@ -165,7 +166,7 @@ MaidResult DataReceiver::takePart(const Part& part, const void* data)
 
 // The picture is complete. Refused, all is as it was before the last part, which the module may
 // deliver again: the camera keeps its picture. Once bytes were written that is over, whatever
-// became of them: the data was taken over then.
+// became of them: the data was taken over then, unless there is no memory to tell of it.
 MaidResult DataReceiver::finish(const Part& part)
 {
     // An empty folder text never forms a path: it would lie in the root folder.
@@ -189,9 +190,11 @@ MaidResult DataReceiver::finish(const Part& part)
         if (written == Written::notClosed) {
             return kMaidFileFailed;
         }
-    } else {
-        note(picture.path);
+    } else if (doOrGiveUp("a picture", [&] { note(picture.path); })) {
         m_mayRemoveItem = m_mayRemoveItem || part.mayRemoveItem;
+    } else {  // nobody would be told of the file
+        platform::removeFile(picture.completePath.c_str());
+        return kMaidOutOfMemory;
     }
     m_buffer = nullptr;
     return kMaidOk;
@@ -216,10 +219,11 @@ DataReceiver::Written DataReceiver::write(platform::File file)
     return isClosed ? Written::whole : Written::notClosed;
 }
 
-void DataReceiver::note(const std::string& result)
+void DataReceiver::note(std::string result)
 {
+    m_results.reserve(m_results.size() + 1);
     g_szLastFile.set(result);
-    m_results.push_back(result);
+    m_results.push_back(std::move(result));
 }
 
 std::vector<std::string> DataReceiver::results() const
@@ -243,8 +247,15 @@ Handles<DataReceiver>& receivers()
 
 MaidResult MAIDAPI receiveData(MaidReference reference, const void* info, const void* data)
 {
-    const std::shared_ptr<DataReceiver> receiver = receivers().find(reference);
-    return receiver ? receiver->take(info, data) : kMaidFileFailed;
+    MaidResult result = kMaidOutOfMemory;
+    const bool taken = doOrGiveUp("a part of a picture", [&] {
+        const std::shared_ptr<DataReceiver> receiver = receivers().find(reference);
+        result = receiver ? receiver->take(info, data) : kMaidFileFailed;
+    });
+    if (!taken) {
+        Console::puts("There is not enough memory.");
+    }
+    return result;
 }
 
 }  // namespace nikon

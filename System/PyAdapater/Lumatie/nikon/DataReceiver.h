@@ -48,7 +48,7 @@ private:
     MaidResult takePart(const Part& part, const void* data);
     MaidResult finish(const Part& part);
     Written write(platform::File file);
-    void note(const std::string& result);
+    void note(std::string result);
 
     const std::int32_t m_itemId;
     const std::shared_ptr<ModuleHeartbeat> m_heartbeat;
