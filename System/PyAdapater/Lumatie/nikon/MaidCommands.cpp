@@ -17,7 +17,8 @@ constexpr int kMostTries = 1000;
 constexpr std::uint32_t kMostCaps = 65'536;
 constexpr std::size_t kMostArrayBytes = std::size_t{64} << 20U;
 
-// The room for an announced number of elements; null when it is not to be had.
+// The room for an announced number of elements; null when it is not to be had. None have an address,
+// too: a module may refuse a null one.
 template <typename Array>
 std::shared_ptr<Array> makeArray(std::size_t size, std::size_t most)
 {
@@ -25,7 +26,10 @@ std::shared_ptr<Array> makeArray(std::size_t size, std::size_t most)
         return nullptr;
     }
     try {
-        return std::make_shared<Array>(size);
+        auto array = std::make_shared<Array>();
+        array->reserve(std::max<std::size_t>(size, 1));
+        array->resize(size);
+        return array;
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
