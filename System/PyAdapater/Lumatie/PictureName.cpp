@@ -3,12 +3,15 @@
 #include <ctime>
 #include <mutex>
 
+#include "OfProcess.h"
 #include "RecentNames.h"
 
 namespace {
 
-std::mutex g_namesLock;  // guards the names
-RecentNames g_recentNames;
+struct NamesInUse {
+    std::mutex lock;  // guards the names
+    RecentNames recent;
+};
 
 }  // namespace
 
@@ -24,7 +27,8 @@ std::string pictureExtension(const std::string& cameraFileName)
 std::string newPicturePath(const std::string& folder, const char* vendor,
                            const std::string& extension)
 {
-    const std::lock_guard<std::mutex> guard(g_namesLock);
+    auto& names = ofThisProcess<NamesInUse>();
+    const std::lock_guard<std::mutex> guard(names.lock);
     std::time_t now = 0;
     std::string path;
     do {
@@ -32,7 +36,7 @@ std::string newPicturePath(const std::string& folder, const char* vendor,
         now = std::time(nullptr);
         path = folder + platform::kPathSeparator + vendor + '_' + std::to_string(now) + '_';
         path += std::to_string(platform::randomNumber()) + extension;
-    } while (!g_recentNames.add(now, path));
+    } while (!names.recent.add(now, path));
     return path;
 }
 

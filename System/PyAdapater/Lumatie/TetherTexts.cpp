@@ -4,8 +4,9 @@
 
 const char* const kLastFileError = "error";
 
-ExportFolder g_szExportFolder;
-LastFile g_szLastFile;
+// A thread that was left behind with a picture may come back when the process's statics are gone.
+ExportFolder& g_szExportFolder = *new ExportFolder;
+LastFile& g_szLastFile = *new LastFile;
 
 namespace {
 

@@ -59,5 +59,5 @@ private:
     unsigned m_clears = 0;
 };
 
-extern ExportFolder g_szExportFolder;
-extern LastFile g_szLastFile;
+extern ExportFolder& g_szExportFolder;
+extern LastFile& g_szLastFile;
