@@ -2,8 +2,11 @@
 
 Whoever comes asks on `claim` whether the name is taken. A station that has it tells its state
 again, and the one that came goes. A state that the broker kept of a station that is gone is
-followed by that station's will, at the latest when the broker has missed its signs of life. Of two
-that come at one moment the one with the lesser instance stays.
+followed by that station's will, at the latest when the broker has missed its signs of life; when
+the broker was away itself there is no will, and the name is free all the same behind that time. Of
+two that come at one moment the one with the lesser instance stays: it claims the name again, for
+the other one may have come behind its claim. Should both have it, because the network held all of
+that up, the other one goes when it hears of this one.
 
 Used by one thread.
 """
@@ -24,6 +27,14 @@ class Verdict(enum.Enum):
     TAKEN = "taken"
 
 
+class Reply(enum.Enum):
+    """What is to be told to what was heard."""
+
+    NOTHING = "nothing"
+    STATE = "state"
+    CLAIM = "claim"
+
+
 class Claim:
     """One claim of a name, from the moment in which the connection was made.
 
@@ -41,52 +52,50 @@ class Claim:
         self.verdict = Verdict.WAIT
         self.by = ""  # who has the name, in words
 
-    def hear_claim(self, claim: Mapping[str, Any]) -> bool:
-        """A claim on the name; returns whether our state has to be told again."""
+    def hear_claim(self, claim: Mapping[str, Any]) -> Reply:
+        """A claim on the name."""
         other = claim.get("instance")
         if other == self._instance:
             self._settled_at = min(self._settled_at, now() + SETTLING)
-            return False
-        if self.verdict is Verdict.OURS:
-            return True
-        if isinstance(other, str) and other < self._instance:
+        elif self.verdict is Verdict.OURS:
+            return Reply.STATE
+        elif isinstance(other, str) and other < self._instance:
             self._lose("it is started at this moment, too")
-        return False
+        elif self.verdict is Verdict.WAIT and other != self._holder:
+            return Reply.CLAIM  # it may not have heard ours; a holder that is back was there first
+        return Reply.NOTHING
 
-    def hear_state(self, state: Mapping[str, Any], is_retained: bool) -> bool:
-        """A state under the name; returns whether our state has to be told again."""
+    def hear_state(self, state: Mapping[str, Any], is_retained: bool) -> Reply:
+        """A state under the name."""
         other = state.get("instance")
         is_online = state.get("online") is True
+        is_ours = self.verdict is Verdict.OURS
         if other == self._instance:
             # The will of a connection that was given up, told behind our state.
-            return not is_online and self.verdict is Verdict.OURS
+            return Reply.STATE if is_ours and not is_online else Reply.NOTHING
         if not is_online:
             if other == self._holder:
                 self._holder = ""
-            return self.verdict is Verdict.OURS
-        if self.verdict is Verdict.OURS:
-            return True
-        if not is_retained:
+        elif is_ours:
+            if not is_retained and isinstance(other, str) and other < self._instance:
+                self._lose(_described(state))
+        elif not is_retained:
             self._lose(_described(state))
         elif state.get("ledger") != self._ledger:
             self._holder = str(other)
             self._holder_until = now() + WILL_AFTER
-            self.by = _described(state)
-        return False
+        return Reply.STATE if self.verdict is Verdict.OURS else Reply.NOTHING
 
     def poll(self) -> Verdict:
         """How it stands now."""
-        moment = now()
-        if self.verdict is Verdict.WAIT and moment > self._settled_at:
-            if not self._holder:
-                self.verdict = Verdict.OURS
-            elif moment > self._holder_until:
-                self._lose(self.by)
+        # A holder that is there answers our claim in its time, or comes back with one of its own.
+        free_at = max(self._settled_at, self._holder_until if self._holder else 0.0)
+        if self.verdict is Verdict.WAIT and now() > free_at:
+            self.verdict = Verdict.OURS
         return self.verdict
 
     def _lose(self, by: str) -> None:
-        if self.verdict is not Verdict.OURS:
-            self.verdict, self.by = Verdict.TAKEN, by
+        self.verdict, self.by = Verdict.TAKEN, by
 
 
 def _described(state: Mapping[str, Any]) -> str:

@@ -17,7 +17,7 @@ from ..subscribers import Heard
 from . import ages, messages
 from .address import Address
 from .broker import Connection, Listener, Message
-from .claims import Claim, Verdict
+from .claims import Claim, Reply, Verdict
 from .clock import now
 from .commands import Commands
 from .memory import Memory
@@ -25,7 +25,7 @@ from .problems import BrokerRefused, NameTaken
 from .publisher import Publisher
 from .topics import Branch, check_name, parse
 
-STATE_EVERY = 1.0  # seconds at least between two states that differ in the ledger's number alone
+STATE_EVERY = 1.0  # seconds at least between two states that differ in nothing but "n"
 LOOK_EVERY = 1.0  # seconds until records of other programs in the folder are noticed
 CLAIM_AGAIN = 5.0  # seconds after which a name that was taken is asked for again
 
@@ -95,6 +95,7 @@ class Station(Listener):
         self._early: List[Tuple[str, Message]] = []  # kept commands, to be refused
         self._told: Dict[str, Any] = {}  # the state that was told last
         self._told_at = 0.0
+        self._is_state_due = False  # again, though it is as it was told
         self._ticked_at = 0.0
         self._settings_changed = True
         self._inbox: "queue.SimpleQueue[Tuple[str, Any]]" = queue.SimpleQueue()
@@ -220,13 +221,17 @@ class Station(Listener):
             self._connection.publish(topic, messages.encode(message), correlation=correlation)
         elif self._claim is not None and what in ("state", "claim"):
             told, is_retained = about
-            is_to_tell = (
+            reply = (
                 self._claim.hear_claim(told)
                 if what == "claim"
                 else self._claim.hear_state(told, is_retained)
             )
-            if is_to_tell:
-                self._tell_state(always=True)
+            if reply is Reply.CLAIM:
+                self._tell_claim()
+            elif reply is Reply.STATE:
+                # Two that tell that they are there must not do so by turns without a pause.
+                self._is_state_due = True
+                self._tell_state(at_once=what == "claim" or told.get("online") is not True)
 
     def _look(self) -> None:
         """What has to be done whatever came."""
@@ -251,15 +256,18 @@ class Station(Listener):
     def _begin_claim(self) -> None:
         self._claim = Claim(self.instance, self._memory.ledger)
         self._claimed_at = now()
-        claim = {"kind": "claim", "instance": self.instance}
-        self._claim_number = self._send(self._branch.claim, claim)
+        self._claim_number = self._tell_claim()
+
+    def _tell_claim(self) -> Optional[int]:
+        return self._send(self._branch.claim, {"kind": "claim", "instance": self.instance})
 
     def _begin(self) -> None:
         """The name is ours."""
         self._say("Station %s is at the broker %s." % (self.name, self._address))
         self._last_words = ""
         self._settings_changed = True
-        self._tell_state(always=True)
+        self._is_state_due = True
+        self._tell_state(at_once=True)
         self._tick()
         self._pump()
         self._settled.set()
@@ -310,15 +318,16 @@ class Station(Listener):
             "url": self._url,
         }
 
-    def _tell_state(self, always: bool = False) -> None:
+    def _tell_state(self, at_once: bool = False) -> None:
+        """Tells what has changed; with `_is_state_due` what has not, too."""
         state = self._state(True)
-        if state == self._told and not always:
-            return
-        is_number_alone = {**state, "n": 0} == {**self._told, "n": 0}
-        if is_number_alone and not always and now() - self._told_at < STATE_EVERY:
-            return
+        if {**state, "n": 0} == {**self._told, "n": 0}:
+            is_new = self._is_state_due or state != self._told
+            if not is_new or (not at_once and now() - self._told_at < STATE_EVERY):
+                return
         if self._send(self._branch.state, state, retain=True) is not None:
             self._told, self._told_at = state, now()
+            self._is_state_due = False
 
     def _tell_settings(self) -> None:
         settings = {

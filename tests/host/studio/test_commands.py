@@ -16,7 +16,7 @@ from lumatie_host.errors import Refused, TooLate
 from lumatie_host.page.problems import Problem
 from lumatie_host.studio import ages, clock, commands
 from lumatie_host.studio.broker import Message
-from lumatie_host.studio.claims import Claim, Verdict
+from lumatie_host.studio.claims import Claim, Reply, Verdict
 from lumatie_host.studio.memory import Memory
 from lumatie_host.studio.topics import Branch
 from studio_support import wait_until
@@ -497,11 +497,13 @@ class Names(unittest.TestCase):
         self.claim.hear_state(self.online(is_online=False), False)
         self.assertIs(self.claim.poll(), Verdict.OURS)
 
-    def test_a_state_that_was_kept_and_no_will_is_somebody_else(self):
+    def test_a_state_that_was_kept_without_a_will_and_an_answer_is_of_nobody_any_more(self):
         self.claim.hear_state(self.online(), True)
         self.settle()
-        self.moment += 17.1
-        self.assertIs(self.claim.poll(), Verdict.TAKEN)
+        self.moment += 16.0
+        self.assertIs(self.claim.poll(), Verdict.WAIT)
+        self.moment += 1.1
+        self.assertIs(self.claim.poll(), Verdict.OURS)
 
     def test_an_earlier_start_with_the_same_ledger_is_not_waited_for(self):
         self.claim.hear_state(self.online(ledger="L"), True)
@@ -516,13 +518,39 @@ class Names(unittest.TestCase):
         self.moment += 0.4
         self.assertEqual((other.poll(), self.claim.poll()), (Verdict.OURS, Verdict.TAKEN))
 
+    def test_of_two_of_which_one_came_behind_the_others_claim_one_stays(self):
+        other = Claim("c", "M")
+        self.claim.hear_claim({"instance": "b"})
+        self.assertIs(self.claim.hear_claim({"instance": "c"}), Reply.CLAIM)
+        for instance in ("c", "b"):
+            other.hear_claim({"instance": instance})
+        self.moment += 0.4
+        self.assertEqual((self.claim.poll(), other.poll()), (Verdict.OURS, Verdict.TAKEN))
+
+    def test_a_holder_that_is_back_before_its_time_is_over_keeps_the_name(self):
+        self.claim.hear_state(self.online("c"), True)
+        self.settle()
+        self.assertIs(self.claim.hear_claim({"instance": "c"}), Reply.NOTHING)
+        self.claim.hear_state(self.online("c"), False)
+        self.assertIs(self.claim.poll(), Verdict.TAKEN)
+
     def test_ours_is_told_again_to_whoever_claims_it(self):
         self.settle()
         self.claim.poll()
-        self.assertTrue(self.claim.hear_claim({"instance": "a"}))
-        self.assertTrue(self.claim.hear_state(self.online("b", is_online=False), False))
-        self.assertFalse(self.claim.hear_state(self.online("b"), False))
+        self.assertIs(self.claim.hear_claim({"instance": "a"}), Reply.STATE)
+        state = self.online("a", is_online=False)
+        self.assertIs(self.claim.hear_state(state, False), Reply.STATE)
+        self.assertIs(self.claim.hear_state(self.online("b"), False), Reply.NOTHING)
         self.assertIs(self.claim.poll(), Verdict.OURS)
+
+    def test_of_two_that_both_have_it_the_lesser_one_tells_its_state_and_the_other_one_goes(self):
+        self.settle()
+        self.claim.poll()
+        self.assertIs(self.claim.hear_state(self.online("c"), False), Reply.STATE)
+        self.assertIs(self.claim.poll(), Verdict.OURS)
+        self.assertIs(self.claim.hear_state(self.online("a"), False), Reply.NOTHING)
+        self.assertIs(self.claim.poll(), Verdict.TAKEN)
+        self.assertIn("it has the camera X", self.claim.by)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,119 @@
+"""A station at a real broker. Its session is a stand-in: what is asked here is when a name is its
+own, and what of it the broker gets.
+"""
+
+import pathlib
+import threading
+from unittest import mock
+
+import lumatie_host
+from lumatie_host.page.sequence import Sequences
+from lumatie_host.studio import claims
+from lumatie_host.studio.problems import NameTaken
+from lumatie_host.studio.station import Station
+from studio_support import StudioTestCase, wait_until
+
+BRANCH = "lumatie/1/pta/7/"
+OTHER = {"instance": "0", "online": True, "ledger": "gone", "camera": "X", "url": "http://h/"}
+
+
+class StandIn:
+    """A session that is open, and whose camera takes each setting as soon as it may."""
+
+    maker, camera, state, id = "canon", "Stand-in", "open", "1"
+
+    def __init__(self, folder):
+        self.folder = str(folder)
+        self.ledger = lumatie_host.Ledger(self.folder)
+        self.ledger.prepare()
+        self.tag = ""
+        self.settings = {}
+        self.set_to = []
+        self.may_set = threading.Event()
+        self.may_set.set()
+
+    def subscribe(self, listener):
+        return lambda: None
+
+    def next_name(self):
+        return "next.JPG"
+
+    def set(self, name, text, key, timeout):
+        self.set_to.append(text)
+        assert self.may_set.wait(30)
+        return text
+
+
+class StationTestCase(StudioTestCase):
+    def setUp(self):
+        super().setUp()
+        self.desk = self.client("studio", ["lumatie/1/pta/+/reply/+", "lumatie/1/pta/+/state"])
+
+    def station(self, folder="shoot", address=None, say=None):
+        """A station that has not begun."""
+        path = pathlib.Path(self.base, folder)
+        path.mkdir(exist_ok=True)
+        station = Station(
+            *(StandIn(path), "http://127.0.0.1:1/", Sequences(), lambda token: None),
+            *(address or self.broker.address("7"), "pta", "7", say or self.say),
+        )
+        self.addCleanup(station.close)
+        return station
+
+    def ask(self, operation, request, data, expiry=None):
+        self.desk.publish(
+            BRANCH + "cmd/" + operation, request, False, expiry, BRANCH + "reply/desk", data
+        )
+
+    def state(self):
+        return self.desk.messages(BRANCH + "state")[-1]
+
+    def answers(self):
+        return self.desk.messages(BRANCH + "reply/desk")
+
+
+class Names(StationTestCase):
+    def test_of_two_that_come_one_shortly_behind_the_other_one_gets_the_name(self):
+        watcher = self.client("7", [BRANCH + "claim"])
+        both = self.station("one"), self.station("two")
+        first, second = sorted(both, key=lambda station: station.instance)
+        with mock.patch.object(claims, "SETTLING", 2.0):
+            thread = threading.Thread(target=first.start)
+            thread.start()
+            self.addCleanup(thread.join)
+            wait_until(lambda: watcher.messages(BRANCH + "claim"), "the first one's claim")
+            with self.assertRaises(NameTaken) as raised:
+                second.start()
+            self.assertIn("at this moment, too", str(raised.exception))
+            thread.join()
+        self.assertTrue(first._has_name)
+
+    def test_of_two_that_both_have_the_name_the_greater_one_goes_and_says_so(self):
+        station = self.station()
+        station.start()
+        self.client("7").publish(BRANCH + "state", OTHER)
+        self.wait_for_words("there is a station 7 already")
+        self.assertFalse(station._has_name)
+
+    def test_of_two_that_both_have_the_name_the_lesser_one_tells_its_state_with_pauses(self):
+        station = self.station()
+        station.start()
+        other = self.client("7")
+        for _ in range(100):
+            other.send(BRANCH + "state", {**OTHER, "instance": "z"})
+
+        def told():
+            return [one["instance"] for one in self.desk.messages(BRANCH + "state")]
+
+        wait_until(lambda: told().count("z") == 100, "the other one's states")
+        wait_until(lambda: told()[-1] == station.instance, "the station's state")
+        self.assertLess(told().count(station.instance), 50)
+        self.assertTrue(station._has_name)
+
+    def test_a_name_whose_holder_went_with_the_broker_is_free_again(self):
+        self.client("7").publish(BRANCH + "state", OTHER, True)
+        station = self.station()
+        with mock.patch.object(claims, "WILL_AFTER", 1.0):
+            station.start()
+        self.assertTrue(station._has_name)
+        wait_until(lambda: self.state()["instance"] == station.instance, "its state")
