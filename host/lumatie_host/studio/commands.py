@@ -56,6 +56,7 @@ class _Command(NamedTuple):
     message: Message
     received: float  # on the station's clock
     not_before: Optional[float]  # it was not made before this moment of it, as far as can be told
+    not_after: float  # the moment of it at which its message has expired, at the earliest
     key: str
 
 
@@ -152,7 +153,11 @@ class Commands:
             with self._lock:
                 self._known.pop(key, None)
             raise
-        return _Command(operation, request, message, received, not_before, key)
+        left = self._left_after(message)
+        not_after = math.inf
+        if message.expiry is not None:
+            not_after = (received if left is None else left) + message.expiry
+        return _Command(operation, request, message, received, not_before, not_after, key)
 
     def _is_known(self, key: str, message: Message) -> bool:
         """Whether it is done or under way; what is done is answered from memory."""
@@ -193,8 +198,10 @@ class Commands:
             asked = self._ticks.asked_after(request)
         except ValueError as error:
             raise NotTaken("it cannot be told how old it is: %s" % error, "Ask again.") from None
-        if asked is not None:
-            return asked
+        return self._left_after(message) if asked is None else asked
+
+    def _left_after(self, message: Message) -> Optional[float]:
+        """When it has left the broker at the earliest; None: nothing is known."""
         heard = self._ticks.sent_after()
         return message.after if heard is None else heard
 
@@ -224,23 +231,26 @@ class Commands:
         timeout = request.get("timeout")
         if command.operation == "shoot":
             return self._shoot(command)
-        if command.operation == "set":
-            text = session.set(
-                request["name"], request.get("text"), key=request.get("key"), timeout=timeout or 5.0
-            )
-            return {"name": request["name"], "text": text}
         if command.operation == "sequence":
             return self._begin_sequence(command)
         if command.operation == "stop":
             self._sequences.stop()
             return {"sequence": self._sequences.told()}
+        if command.operation == "enter":
+            self._admit(request["token"])
+            return {}
+        # To end something, and to fetch pictures, is never too late; the rest is.
+        if now() > command.not_after:
+            raise NotTaken("it has expired", "Ask again.")
+        if command.operation == "set":
+            text = session.set(
+                request["name"], request.get("text"), key=request.get("key"), timeout=timeout or 5.0
+            )
+            return {"name": request["name"], "text": text}
         if command.operation == "rate":
             return self._rate(request)
-        if command.operation == "tag":
-            session.tag = request["tag"]
-            return {"tag": session.tag, "next_name": session.next_name()}
-        self._admit(request["token"])
-        return {}
+        session.tag = request["tag"]
+        return {"tag": session.tag, "next_name": session.next_name()}
 
     def _begin_sequence(self, command: _Command) -> Answer:
         with _meant():

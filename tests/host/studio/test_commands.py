@@ -33,6 +33,8 @@ class StandIn:
         self.fired = []
         self.held = 0.0  # seconds since the camera was told to release, when a shot is over
         self.set_to = []
+        self.may_set = threading.Event()
+        self.may_set.set()
         self.may_begin = threading.Event()
         self.may_begin.set()
         self.recorded = None  # the number of a shot that has got a record when it is too late
@@ -69,6 +71,7 @@ class StandIn:
         if text == "no":
             raise Refused(name, text, ["a", "b"])
         self.set_to.append((name, text, key))
+        assert self.may_set.wait(20)
         return text
 
     def next_name(self):
@@ -396,6 +399,34 @@ class Late(CommandsTestCase):
         self.tick(before=60)
         self.send("set", {"name": "iso", "text": "800"}, expiry=None)
         self.assertTrue(self.answer()["ok"])
+
+    def test_what_expires_while_it_waits_for_another_setting_is_not_done(self):
+        self.session.may_set.clear()
+        self.send("set", {"name": "iso", "text": "800"}, expiry=2)
+        self.send("set", {"name": "iso", "text": "100"}, b"2", expiry=2)
+        self.send("tag", {"tag": "4b"}, b"3", expiry=2)
+        self.send("rate", {"n": 2, "rating": 1}, b"4", expiry=2)
+        self.send("tag", {"tag": "4c"}, b"5", expiry=3)
+        wait_until(lambda: self.session.set_to, "the first")
+        self.moment += 2.1
+        self.session.may_set.set()
+        told = [self.answer(number).get("error") for number in range(1, 6)]
+        self.assertEqual(told, [None, *["it has expired"] * 3, None])
+        self.assertEqual((self.session.set_to, self.session.tag), ([("iso", "800", None)], "4c"))
+        self.assertEqual(self.session.rated, [])
+
+    def test_what_expired_on_its_way_from_the_broker_is_not_done(self):
+        self.tick(before=2.1)
+        self.send("tag", {"tag": "4b"}, expiry=2)
+        self.assert_refused("it has expired")
+        self.assertEqual(self.session.tag, "")
+
+    def test_a_stop_is_never_too_late(self):
+        self.send("sequence", INTERVAL)
+        self.answer()
+        self.tick(before=2.1)
+        self.send("stop", data=b"2", expiry=2)
+        self.assertEqual(self.answer(2)["sequence"], {"running": False})
 
 
 class NotTaken(CommandsTestCase):
