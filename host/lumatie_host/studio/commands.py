@@ -16,6 +16,7 @@ from ..page.fields import Fields
 from ..page.problems import Problem
 from ..page.sequence import Sequences
 from ..session import Session
+from ..settings import Setting
 from ..shots import Shot
 from . import ages, messages
 from .broker import Message
@@ -260,7 +261,7 @@ class Commands:
         self._take_once(command)
         self._check_age(command)  # the disk may have taken its time
         with _meant():
-            begin(self._sequences, self._session)
+            begin(self._sequences, _PromptCamera(self._session, command))
         return {"sequence": self._sequences.told()}
 
     def _rate(self, request: Mapping[str, Any]) -> Answer:
@@ -323,6 +324,38 @@ class Commands:
         topic = message.response
         if topic and may_answer_to(topic, self._branch):
             self._answer(topic, message.correlation, answer)
+
+
+class _PromptCamera:
+    """A session for a sequence: the first frame is shot in time or not at all.
+
+    That the first value of a bracket is set belongs to its beginning, and is not counted.
+    """
+
+    def __init__(self, session: Session, command: _Command) -> None:
+        self._session = session
+        self._command = command
+        self._spent = 0.0  # seconds for setting
+        self._has_begun = False
+
+    @property
+    def settings(self) -> Mapping[str, Setting]:
+        return self._session.settings
+
+    def set(
+        self, name: str, text: Optional[str] = None, *, key: Optional[int] = None, timeout: float
+    ) -> str:
+        begun = now()
+        told = self._session.set(name, text, key=key, timeout=timeout)
+        self._spent += now() - begun
+        return told
+
+    def shoot(self, *, timeout: float, pair: bool) -> Shot:
+        is_first, self._has_begun = not self._has_begun, True
+        return self._session.shoot(timeout, pair, is_wanted=self._is_wanted if is_first else None)
+
+    def _is_wanted(self) -> bool:
+        return _age(self._command) - self._spent <= ages.OLDEST
 
 
 @contextlib.contextmanager

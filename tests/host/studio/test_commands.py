@@ -14,6 +14,8 @@ from unittest import mock
 
 from lumatie_host.errors import Refused, TooLate
 from lumatie_host.page.problems import Problem
+from lumatie_host.page.sequence import Sequences
+from lumatie_host.settings import Choice, Setting
 from lumatie_host.studio import ages, clock, commands
 from lumatie_host.studio.broker import Message
 from lumatie_host.studio.claims import Claim, Reply, Verdict
@@ -55,10 +57,10 @@ class StandIn:
     def subscribe(self, listener):
         return lambda: None
 
-    def shoot(self, timeout, pair, is_wanted):
+    def shoot(self, timeout, pair, is_wanted=None):
         self.asked += 1
         assert self.may_begin.wait(20)
-        if not is_wanted():
+        if is_wanted is not None and not is_wanted():
             raise TooLate(self.recorded)
         self.fired.append(clock.now())
         assert self.may_end.wait(20)
@@ -161,6 +163,7 @@ class CommandsTestCase(unittest.TestCase):
 
 
 INTERVAL = {"kind": "interval", "count": 5, "every": 0.5}
+BRACKET = {"kind": "bracket", "setting": "iso", "values": ["100", "400"]}
 
 
 class Done(CommandsTestCase):
@@ -373,6 +376,54 @@ class Late(CommandsTestCase):
         with mock.patch.object(Memory, "fire", wait):
             self.send("sequence", INTERVAL)
             self.assert_refused("2.1 seconds old, and 2 are allowed")
+
+    def begin_sequence(self, request):
+        """One that does not only begin."""
+        self.running = Sequences()
+        self.addCleanup(self.running.close, 20)
+        choices = (Choice(1, "100"), Choice(2, "200"), Choice(3, "400"))
+        self.session.settings = {"iso": Setting("iso", "200", 2, choices, True)}
+        self.begin()
+        self.send("sequence", request)
+        self.assertTrue(self.answer()["ok"])
+
+    def end_of_sequence(self):
+        wait_until(lambda: not self.running.told()["running"], "its end")
+        return self.running.told()["error"]
+
+    def assert_not_behind_another(self, request):
+        self.session.may_begin.clear()
+        self.begin_sequence(request)
+        wait_until(lambda: self.session.asked, "the session is asked")
+        self.moment += 2.1
+        self.session.may_begin.set()
+        self.assertIn("could not be asked in time", str(self.end_of_sequence()))
+        self.assertEqual((self.session.asked, self.session.fired), (1, []))
+
+    def test_an_interval_whose_first_frame_waits_for_anothers_shot_gets_too_old(self):
+        self.assert_not_behind_another({**INTERVAL, "every": 0.001})
+
+    def test_a_bracket_whose_first_frame_waits_for_anothers_shot_gets_too_old(self):
+        self.assert_not_behind_another(BRACKET)
+        self.assertEqual(self.session.set_to[-1], ("iso", "200", None))
+
+    def test_the_second_frame_of_a_sequence_has_its_time(self):
+        self.session.may_end.clear()
+        self.begin_sequence({**INTERVAL, "count": 2, "every": 0.001})
+        wait_until(lambda: self.session.fired, "the first frame")
+        self.moment += 2.1
+        self.session.may_end.set()
+        self.assertIsNone(self.end_of_sequence())
+        self.assertEqual(len(self.session.fired), 2)
+
+    def test_a_bracket_has_its_time_to_set_its_first_value(self):
+        self.session.may_set.clear()
+        self.begin_sequence(BRACKET)
+        wait_until(lambda: self.session.set_to, "the setting")
+        self.moment += 3.0
+        self.session.may_set.set()
+        wait_until(lambda: self.session.fired, "the first frame")
+        self.end_of_sequence()
 
     def test_a_request_whose_age_cannot_be_told_does_not_fire(self):
         self.ticks.forget()
