@@ -33,7 +33,7 @@ def parse(text: str) -> Address:
     """The address that a text names; raises ValueError with words that do not show it.
 
     Letters that mean something in an address are written as %40 in names and passwords. Without
-    a password there, that of the variable LUMATIE_BROKER_PASSWORD is taken.
+    a password there, that of the variable LUMATIE_BROKER_PASSWORD is taken, as it is.
     """
     try:
         parts = urllib.parse.urlsplit(text)
@@ -47,14 +47,16 @@ def parse(text: str) -> Address:
     query = urllib.parse.parse_qs(parts.query, keep_blank_values=True)
     if set(query) - {"ca"} or (query and parts.scheme == "mqtt"):
         raise ValueError("behind the broker's address only ?ca=FILE can stand, with mqtts://")
-    user, password = parts.username, parts.password
-    if user and password is None:
-        password = os.environ.get(PASSWORD_VARIABLE)
+    user = urllib.parse.unquote(parts.username or "") or None
+    if parts.password is not None:
+        password: Optional[str] = urllib.parse.unquote(parts.password)
+    else:
+        password = os.environ.get(PASSWORD_VARIABLE) if user else None
     return Address(
         parts.hostname,
         port or _PORTS[parts.scheme],
-        None if not user else urllib.parse.unquote(user),
-        None if password is None else urllib.parse.unquote(password),
+        user,
+        password,
         parts.scheme == "mqtts",
         query["ca"][0] if "ca" in query else None,
     )
