@@ -73,7 +73,7 @@ def may_answer_to(topic: str, own: Branch) -> bool:
     """
     if not topic or any(letter in topic for letter in "+#\0") or topic.startswith("$"):
         return False
-    return not topic.startswith("lumatie/") or topic.startswith(own.reply(""))
+    return parse(topic) is None or topic.startswith(own.reply(""))
 
 
 def check_name(what: str, name: str) -> str:

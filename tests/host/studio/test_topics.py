@@ -52,8 +52,13 @@ class Topics(unittest.TestCase):
                       "", "a\0"):  # fmt: skip
             with self.subTest(topic=topic):
                 self.assertFalse(topics.may_answer_to(topic, own))
-        self.assertTrue(topics.may_answer_to("lumatie/1/pta/7/reply/x", own))
-        self.assertTrue(topics.may_answer_to("somebody/else", own))
+
+    def test_an_answer_goes_to_any_other_topic(self):
+        own = topics.Branch("pta", "7")
+        for topic in ("lumatie/1/pta/7/reply/x", "somebody/else", "lumatie/answers/x",
+                      "lumatie/1/pta/desk/answers/x", "lumatie/2/pta/7/state"):  # fmt: skip
+            with self.subTest(topic=topic):
+                self.assertTrue(topics.may_answer_to(topic, own))
 
 
 class Addresses(unittest.TestCase):
