@@ -16,6 +16,7 @@ from ..session import Session
 from ..subscribers import Heard
 from . import ages, messages
 from .address import Address
+from .answers import Answers
 from .broker import Connection, Listener, Message
 from .claims import Claim, Reply, Verdict
 from .clock import now
@@ -72,6 +73,7 @@ class Station(Listener):
         self._memory = Memory(session.folder, studio, name)
         self._ticks = ages.Ticks(self.instance)
         self._publisher = Publisher(session.ledger, self._memory, self._send_record, say)
+        self._answers = Answers(self._send_answer)
         self._commands = Commands(
             *(session, sequences, branch, self._memory, self._ticks),
             *(self._post_answer, admit, say),
@@ -201,6 +203,7 @@ class Station(Listener):
     def _take(self, what: str, about: Any) -> None:
         if what == "up":
             self._publisher.begin_anew()
+            self._answers.begin_anew()
             self._begin_claim()
         elif what == "down":
             self._claim = None
@@ -211,6 +214,7 @@ class Station(Listener):
                 words = "it does not let this user write as station %s" % self.name
                 self._tell_problem(words, True)
             self._publisher.acknowledge(number, is_taken)
+            self._answers.acknowledge(number)
         elif what == "early":
             self._early = [*self._early, about][-16:]
         elif what == "setting":
@@ -218,7 +222,7 @@ class Station(Listener):
         elif what == "answer":
             topic, correlation, answer = about
             message = {"v": VERSION, "kind": "answer", **self._names, **answer}
-            self._connection.publish(topic, messages.encode(message), correlation=correlation)
+            self._answers.put(topic, correlation, messages.encode(message))
         elif self._claim is not None and what in ("state", "claim"):
             told, is_retained = about
             reply = (
@@ -235,6 +239,7 @@ class Station(Listener):
 
     def _look(self) -> None:
         """What has to be done whatever came."""
+        self._answers.pump()
         self._publisher.remember()
         if self._claim is None:
             return
@@ -281,8 +286,9 @@ class Station(Listener):
 
     def _leave(self) -> None:
         for _ in range(100):  # two seconds
-            if not self._has_name or not self._publisher.left:
+            if not self._has_name or not (self._publisher.left or self._answers.left):
                 break
+            self._answers.pump()
             self._pump()
             try:
                 what, about = self._inbox.get(timeout=0.02)
@@ -349,6 +355,11 @@ class Station(Listener):
 
     def _send(self, topic: str, message: Mapping[str, Any], retain: bool = False) -> Optional[int]:
         return self._connection.publish(topic, messages.encode(message), retain=retain)
+
+    def _send_answer(
+        self, topic: str, correlation: Optional[bytes], payload: bytes
+    ) -> Optional[int]:
+        return self._connection.publish(topic, payload, correlation=correlation)
 
     def _send_record(self, record: Mapping[str, Any]) -> Optional[int]:
         message = {**record, **self._names}

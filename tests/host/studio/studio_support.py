@@ -407,6 +407,7 @@ class Proxy:
         self._connections = 0
         self.is_holding = threading.Event()  # bytes of the broker's wait while it is not set
         self.is_holding.set()
+        self.is_refusing = False
         self._sockets = set()
         self._lock = threading.Lock()  # guards the sockets
         self.dropped = 0
@@ -421,6 +422,8 @@ class Proxy:
             except OSError:
                 return
             try:
+                if self.is_refusing:
+                    raise OSError
                 server = socket.create_connection(("127.0.0.1", self._target))
             except OSError:  # it is not there now
                 client.close()
@@ -468,6 +471,17 @@ class Proxy:
 
     def close(self):
         self._listener.close()
+        self._drop()
+
+    def refuse(self):
+        """Drops all connections, and those to come."""
+        self.is_refusing = True
+        self._drop()
+
+    def accept(self):
+        self.is_refusing = False
+
+    def _drop(self):
         with self._lock:
             sockets = list(self._sockets)
         for one in sockets:

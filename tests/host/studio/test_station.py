@@ -4,14 +4,15 @@ own, and what of it the broker gets.
 
 import pathlib
 import threading
+import unittest
 from unittest import mock
 
 import lumatie_host
 from lumatie_host.page.sequence import Sequences
-from lumatie_host.studio import claims
+from lumatie_host.studio import answers, claims
 from lumatie_host.studio.problems import NameTaken
 from lumatie_host.studio.station import Station
-from studio_support import StudioTestCase, wait_until
+from studio_support import Proxy, StudioTestCase, wait_until
 
 BRANCH = "lumatie/1/pta/7/"
 OTHER = {"instance": "0", "online": True, "ledger": "gone", "camera": "X", "url": "http://h/"}
@@ -117,3 +118,80 @@ class Names(StationTestCase):
             station.start()
         self.assertTrue(station._has_name)
         wait_until(lambda: self.state()["instance"] == station.instance, "its state")
+
+
+class Answered(StationTestCase):
+    def test_an_answer_that_could_not_be_sent_is_sent_when_the_broker_is_there_again(self):
+        proxy = Proxy(self.broker.port)
+        self.addCleanup(proxy.close)
+        station = self.station(address=self.broker.address("7", port=proxy.port))
+        station.start()
+        station._session.may_set.clear()
+        self.ask("set", {"name": "iso", "text": "800"}, b"1")
+        wait_until(lambda: station._session.set_to, "the command")
+        proxy.refuse()
+        wait_until(lambda: not station._connection.is_up, "the loss")
+        station._session.may_set.set()
+        wait_until(lambda: is_answered(station), "the end of the command")
+        proxy.accept()
+        wait_until(self.answers, "the answer")
+        self.assertEqual([one["text"] for one in self.answers()], ["800"])
+        self.assertEqual(station._session.set_to, ["800"])
+
+
+def is_answered(station):
+    """Whether all commands have an answer, which may not have been sent."""
+    return all(answer for _, answer in list(station._commands._known.values()))
+
+
+class Kept(unittest.TestCase):
+    """What is kept of answers."""
+
+    def setUp(self):
+        self.sent = []
+        self.is_up = True
+        self.moment = 100.0
+        patched = mock.patch.object(answers, "now", lambda: self.moment)
+        patched.start()
+        self.addCleanup(patched.stop)
+        self.answers = answers.Answers(self.send)
+
+    def send(self, topic, correlation, payload):
+        if not self.is_up:
+            return None
+        self.sent.append((topic, correlation, payload))
+        return len(self.sent)
+
+    def put(self, *payloads):
+        for payload in payloads:
+            self.answers.put("x", b"1", payload)
+        self.answers.pump()
+
+    def payloads(self):
+        return [payload for _, _, payload in self.sent]
+
+    def test_what_was_acknowledged_is_not_sent_again_and_the_rest_is(self):
+        self.put(b"a", b"b", b"c")
+        self.answers.acknowledge(2)
+        self.answers.pump()
+        self.assertEqual(self.payloads(), [b"a", b"b", b"c"])
+        self.answers.begin_anew()
+        self.answers.pump()
+        self.assertEqual(self.payloads(), [b"a", b"b", b"c", b"a", b"c"])
+        for number in (4, 5):
+            self.answers.acknowledge(number)
+        self.assertEqual(self.answers.left, 0)
+
+    def test_what_cannot_be_sent_waits_for_a_minute(self):
+        self.is_up = False
+        self.put(b"a")
+        self.moment += 50.0
+        self.put(b"b")
+        self.moment += 11.0
+        self.is_up = True
+        self.answers.pump()
+        self.assertEqual(self.sent, [("x", b"1", b"b")])
+
+
+if __name__ == "__main__":
+    unittest.main()
