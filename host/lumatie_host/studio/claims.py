@@ -52,6 +52,11 @@ class Claim:
         self.verdict = Verdict.WAIT
         self.by = ""  # who has the name, in words
 
+    @property
+    def is_heard(self) -> bool:
+        """Whether our own claim has come back."""
+        return self._settled_at < float("inf")
+
     def hear_claim(self, claim: Mapping[str, Any]) -> Reply:
         """A claim on the name."""
         other = claim.get("instance")

@@ -5,6 +5,7 @@ is the source: whatever happens to broker and network, the rest of it is publish
 """
 
 import logging
+import math
 import queue
 import secrets
 import threading
@@ -28,6 +29,7 @@ from .topics import Branch, check_name, parse
 
 STATE_EVERY = 1.0  # seconds at least between two states that differ in nothing but "n"
 LOOK_EVERY = 1.0  # seconds until records of other programs in the folder are noticed
+ECHO_PATIENCE = 10.0  # seconds from the broker's receipt of a claim until it comes back
 CLAIM_AGAIN = 5.0  # seconds after which a name that was taken is asked for again
 
 _log = logging.getLogger("lumatie_host")
@@ -94,6 +96,7 @@ class Station(Listener):
         self._claim: Optional[Claim] = None  # None: there is no broker
         self._claimed_at = 0.0
         self._claim_number: Optional[int] = None  # of its message
+        self._heard_by = math.inf  # when it has to be back
         self._early: List[Tuple[str, Message]] = []  # kept commands, to be refused
         self._told: Dict[str, Any] = {}  # the state that was told last
         self._told_at = 0.0
@@ -210,7 +213,9 @@ class Station(Listener):
             self._tell_problem(*about)
         elif what == "sent":
             number, is_taken = about
-            if number == self._claim_number and not is_taken:
+            if number == self._claim_number and is_taken:
+                self._heard_by = now() + ECHO_PATIENCE
+            elif number == self._claim_number:
                 words = "it does not let this user write as station %s" % self.name
                 self._tell_problem(words, True)
             self._publisher.acknowledge(number, is_taken)
@@ -257,10 +262,14 @@ class Station(Listener):
                 self._tick()
             if self._settings_changed:
                 self._tell_settings()
+        elif not self._claim.is_heard and now() > self._heard_by:
+            words = "it does not let this user read what it writes as station %s" % self.name
+            self._tell_problem(words, True)
 
     def _begin_claim(self) -> None:
         self._claim = Claim(self.instance, self._memory.ledger)
         self._claimed_at = now()
+        self._heard_by = math.inf
         self._claim_number = self._tell_claim()
 
     def _tell_claim(self) -> Optional[int]:

@@ -10,7 +10,8 @@ from unittest import mock
 import lumatie_host
 from lumatie_host.page.sequence import Sequences
 from lumatie_host.studio import answers, claims
-from lumatie_host.studio.problems import NameTaken
+from lumatie_host.studio import station as stations
+from lumatie_host.studio.problems import BrokerRefused, NameTaken
 from lumatie_host.studio.station import Station
 from studio_support import Proxy, StudioTestCase, wait_until
 
@@ -118,6 +119,20 @@ class Names(StationTestCase):
             station.start()
         self.assertTrue(station._has_name)
         wait_until(lambda: self.state()["instance"] == station.instance, "its state")
+
+    def test_a_station_that_may_not_read_its_own_branch_says_so(self):
+        self.broker.stop()
+        path = self.base / "broker" / "acl"
+        text = path.read_text()
+        changed = text.replace("readwrite lumatie/1/+/%u/claim", "write lumatie/1/+/%u/claim")
+        self.assertNotEqual(changed, text)
+        path.write_bytes(changed.encode())
+        self.broker.start()
+        station = self.station()
+        patience = mock.patch.object(stations, "ECHO_PATIENCE", 1.0)
+        with patience, self.assertRaises(BrokerRefused) as raised:
+            station.start()
+        self.assertIn("read what it writes as station 7", str(raised.exception))
 
 
 class Answered(StationTestCase):
