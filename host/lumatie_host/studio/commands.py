@@ -26,6 +26,7 @@ from .topics import Branch, may_answer_to
 
 MOST_WAITING = 32
 MOST_REMEMBERED = 1000
+MOST_REFUSALS = 100  # that are told without a command between them that was carried out
 
 _FIELDS = {
     "set": {"name", "text", "key", "timeout"},
@@ -92,7 +93,8 @@ class Commands:
         self._answer = answer
         self._admit = admit
         self._say = say
-        self._lock = threading.Lock()  # guards the next one
+        self._lock = threading.Lock()  # guards the next ones
+        self._refusals = 0  # since a command was carried out
         self._known: "collections.OrderedDict[str, Tuple[float, Optional[Answer]]]"
         self._known = collections.OrderedDict()  # key to moment and answer; None: under way
         self._shots: "queue.Queue[Optional[_Command]]" = queue.Queue(MOST_WAITING)
@@ -116,7 +118,7 @@ class Commands:
                     self._known.pop(command.key, None)
                 raise NotTaken("too many commands wait", "Ask again in a moment.") from None
         except TetherError as error:
-            self._say("A command was refused: %s." % error)
+            self._tell_refusal("A command was refused: %s." % error)
             self._reply(message, {"operation": operation, **messages.failure(error)})
 
     def close(self) -> None:
@@ -214,7 +216,7 @@ class Commands:
             try:
                 answer = {"operation": command.operation, "ok": True, **self._do(command)}
             except TetherError as error:
-                self._say("A command was not carried out: %s." % error)
+                self._tell_refusal("A command was not carried out: %s." % error)
                 answer = {"operation": command.operation, **messages.failure(error)}
             except Exception as error:
                 _log.exception("a command failed")
@@ -225,6 +227,8 @@ class Commands:
                 answer["clock"]["fired"] = answer.pop("fired")
             with self._lock:
                 self._known[command.key] = (time.monotonic(), answer)
+                if answer["ok"]:
+                    self._refusals = 0
             self._reply(command.message, answer)
 
     def _do(self, command: _Command) -> Answer:
@@ -319,6 +323,15 @@ class Commands:
         age = _age(command)
         if age > ages.OLDEST:
             raise _too_old(age)
+
+    def _tell_refusal(self, words: str) -> None:
+        with self._lock:
+            self._refusals += 1
+            count = self._refusals
+        if count <= MOST_REFUSALS:
+            self._say(words)
+        elif count == MOST_REFUSALS + 1:
+            self._say("More commands are refused, which is not told any more.")
 
     def _reply(self, message: Message, answer: Answer) -> None:
         topic = message.response

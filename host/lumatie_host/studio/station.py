@@ -26,6 +26,7 @@ from .memory import Memory
 from .problems import BrokerRefused, NameTaken
 from .publisher import Publisher
 from .topics import Branch, check_name, parse
+from .words import Words
 
 STATE_EVERY = 1.0  # seconds at least between two states that differ in nothing but "n"
 LOOK_EVERY = 1.0  # seconds until records of other programs in the folder are noticed
@@ -45,7 +46,7 @@ class Station(Listener):
         admit: has that server accept a token from now on.
         address: of the broker.
         studio, name: what both are called.
-        say: called with words for the person at the station, on any thread.
+        say: called with words for the person at the station, on a thread of its own; it may wait.
 
     Raises:
         NotAName: studio or station cannot be called that.
@@ -70,7 +71,8 @@ class Station(Listener):
         self._session = session
         self._url = url
         self._address = address
-        self._say = say
+        self._words = Words(say)
+        self._say = say = self._words.put
         self._branch = branch = Branch(studio, name)
         self._memory = Memory(session.folder, studio, name)
         self._ticks = ages.Ticks(self.instance)
@@ -117,6 +119,7 @@ class Station(Listener):
             BrokerRefused: the broker does not let it in.
         """
         self._unsubscribe = self._session.subscribe(self._note)
+        self._words.start()
         self._thread.start()
         self._connection.start()
         self._settled.wait(timeout)
@@ -132,6 +135,7 @@ class Station(Listener):
         self._inbox.put(("close", None))
         if self._thread.is_alive():
             self._thread.join(10.0)
+        self._words.close()
 
     @property
     def left(self) -> int:

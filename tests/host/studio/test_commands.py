@@ -532,6 +532,15 @@ class NotTaken(CommandsTestCase):
         wait_until(lambda: len(self.said) == 2, "two refusals")
         self.assertEqual((self.answers, self.session.fired), ([], []))
 
+    def test_of_very_many_refusals_a_hundred_are_told_until_a_command_is_carried_out(self):
+        for number in range(300):
+            self.send("dance", data=b"%d" % number)
+        self.assertEqual((len(self.answers), len(self.said)), (300, 101))
+        self.send("tag", {"tag": "4b"}, b"good", expiry=None)
+        self.assertTrue(self.answer(301)["ok"])
+        self.send("dance", data=b"again")
+        self.assertIn("there is no operation 'dance'", self.said[-1])
+
     def test_too_many_at_a_time(self):
         self.session.may_end.clear()
         for number in range(100):

@@ -9,7 +9,7 @@ from unittest import mock
 
 import lumatie_host
 from lumatie_host.page.sequence import Sequences
-from lumatie_host.studio import answers, claims
+from lumatie_host.studio import answers, claims, words
 from lumatie_host.studio import station as stations
 from lumatie_host.studio.problems import BrokerRefused, NameTaken
 from lumatie_host.studio.station import Station
@@ -153,6 +153,16 @@ class Answered(StationTestCase):
         self.assertEqual([one["text"] for one in self.answers()], ["800"])
         self.assertEqual(station._session.set_to, ["800"])
 
+    def test_words_that_nobody_reads_hold_up_no_command(self):
+        may_say = threading.Event()
+        self.addCleanup(may_say.set)
+        station = self.station(say=lambda text: may_say.wait(60))
+        station.start()
+        for number in range(3):
+            self.ask("dance", {}, b"%d" % number)
+        self.ask("tag", {"tag": "4b"}, b"tag")
+        wait_until(lambda: len(self.answers()) == 4, "the answers")
+
 
 def is_answered(station):
     """Whether all commands have an answer, which may not have been sent."""
@@ -206,6 +216,29 @@ class Kept(unittest.TestCase):
         self.is_up = True
         self.answers.pump()
         self.assertEqual(self.sent, [("x", b"1", b"b")])
+
+
+class Said(unittest.TestCase):
+    def test_words_are_said_in_their_order_and_too_many_are_dropped(self):
+        said, reads, is_read = [], threading.Event(), threading.Event()
+
+        def say(text):
+            is_read.set()
+            reads.wait(30)
+            said.append(text)
+
+        told = words.Words(say)
+        told.start()
+        told.put("0")
+        self.assertTrue(is_read.wait(30))
+        for number in range(1, 500):
+            told.put(str(number))
+        told.close()  # nobody reads: it waits for nothing
+        self.assertEqual(said, [])
+        reads.set()
+        wait_until(lambda: len(said) > words.MOST_WAITING, "the words")
+        told.close()
+        self.assertEqual(said, [str(number) for number in range(words.MOST_WAITING + 1)])
 
 
 if __name__ == "__main__":
