@@ -9,13 +9,14 @@ acknowledged in the studio's record.
 import collections
 import functools
 import hashlib
+import heapq
 import io
 import json
 import logging
 import os
 import threading
 import time
-from typing import Any, Callable, Deque, Dict, Iterator, Mapping, Optional, Set
+from typing import Any, Callable, Deque, Dict, Iterator, List, Mapping, Optional, Set, Tuple
 
 from ..errors import TetherError
 from ..files import flush_folder, rename_new
@@ -29,9 +30,12 @@ TURN = 30.0  # seconds, after which a picture that is still coming makes room fo
 BLOCK = 1 << 18  # bytes
 PAUSES = (0.5, 10.0)  # seconds before the next try: at first, and at most
 TRIES = 3  # for a picture that is absent, or comes with a wrong content, before that is an alarm
+AGAIN = 60.0  # seconds before the next try behind that alarm
 
 _PARTS = "parts"
 _MOST_NAMES = 10_000
+
+_Source = Tuple[str, str]  # a station, and the ledger whose numbers its pictures have
 
 _log = logging.getLogger("lumatie_host")
 
@@ -46,6 +50,10 @@ class _Job:
         self.wrong = 0  # contents that were not the record's
         self.absent = 0  # times that the station did not have it
         self._text = json.dumps(record, separators=(",", ":"))
+
+    @property
+    def source(self) -> _Source:
+        return self.key[:2]
 
     @property
     def record(self) -> Dict[str, Any]:
@@ -67,7 +75,7 @@ class Collector:
 
     Args:
         book: where what is collected is recorded; its folder is where they go.
-        site_of: a station's server, None while it is not there.
+        site_of: a station's server, None while it is not there, or has another ledger.
         on_forbidden: called with a station that does not know the studio's token.
         on_collected: called with the key of each picture that is here, and the record of it.
         on_alarm: called with a text, an advice and the station, once for each trouble.
@@ -77,7 +85,7 @@ class Collector:
     def __init__(
         self,
         book: Book,
-        site_of: Callable[[str], Optional[Site]],
+        site_of: Callable[[str, str], Optional[Site]],
         on_forbidden: Callable[[str], None],
         on_collected: Callable[[Key, Dict[str, Any]], None],
         on_alarm: Callable[[str, str, str], None],
@@ -92,11 +100,12 @@ class Collector:
         self._on_alarm = on_alarm
         self._parts = os.path.join(book.folder, INNER_FOLDER, _PARTS)
         self._changed = threading.Condition()  # guards all that follows
-        self._waiting: "collections.OrderedDict[str, Deque[_Job]]" = collections.OrderedDict()
+        self._waiting: "collections.OrderedDict[_Source, Deque[_Job]]" = collections.OrderedDict()
+        self._aside: List[Tuple[float, Key, _Job]] = []  # a heap: by the moment of the next try
         self._known: Set[Key] = set()  # that wait or are under way
-        self._active: Dict[str, int] = {}
-        self._not_before: Dict[str, float] = {}  # station to the moment of its next try
-        self._pauses: Dict[str, float] = {}
+        self._active: Dict[str, int] = {}  # by station
+        self._not_before: Dict[_Source, float] = {}  # the moment of its next try
+        self._pauses: Dict[_Source, float] = {}
         self._folder_not_before = 0.0
         self._folder_pause = 0.0
         self._is_closed = False
@@ -113,14 +122,16 @@ class Collector:
         with self._changed:
             if key not in self._known:
                 self._known.add(key)
-                self._waiting.setdefault(key[0], collections.deque()).append(_Job(key, record))
+                self._append(_Job(key, record))
                 self._changed.notify()
 
     def wake(self, station: str) -> None:
         """A station is there again: what waits for it is tried at once."""
         with self._changed:
-            self._not_before.pop(station, None)
-            self._pauses.pop(station, None)
+            for source in [one for one in self._not_before if one[0] == station]:
+                del self._not_before[source]
+                self._pauses.pop(source, None)
+            self._take_back(lambda _, key: key[0] == station)
             self._changed.notify_all()
 
     def look(self) -> None:
@@ -164,29 +175,31 @@ class Collector:
         with self._changed:
             while not self._is_closed:
                 moment = time.monotonic()
-                for station in list(self._waiting) if self._may_begin_now() else []:
-                    if not self._may_begin(station, moment):
+                if self._aside and self._aside[0][0] <= moment:
+                    self._take_back(lambda due, _: due <= moment)
+                for source in list(self._waiting) if self._may_begin_now() else []:
+                    if not self._may_begin(source, moment):
                         continue
-                    jobs = self._waiting[station]
+                    jobs = self._waiting[source]
                     job = jobs.popleft()
-                    self._waiting.move_to_end(station)
+                    self._waiting.move_to_end(source)
                     if not jobs:
-                        del self._waiting[station]
-                    self._active[station] = self._active.get(station, 0) + 1
+                        del self._waiting[source]
+                    self._active[source[0]] = self._active.get(source[0], 0) + 1
                     return job
-                self._changed.wait(0.2 if self._waiting else None)
+                self._changed.wait(0.2 if self._waiting or self._aside else None)
             return None
 
-    def _may_begin(self, station: str, moment: float) -> bool:
+    def _may_begin(self, source: _Source, moment: float) -> bool:
         return (
-            self._active.get(station, 0) < OF_ONE_STATION
-            and self._not_before.get(station, 0.0) <= moment
+            self._active.get(source[0], 0) < OF_ONE_STATION
+            and self._not_before.get(source, 0.0) <= moment
             and self._folder_not_before <= moment
         )
 
     def _work(self, job: _Job) -> None:
         station = job.key[0]
-        site = self._site_of(station)
+        site = self._site_of(*job.source)
         if site is None:
             self._put_back(job, "it is not there")
             return
@@ -205,16 +218,13 @@ class Collector:
                 self._put_back(job, str(error))
         except _Wrong as error:
             job.wrong += 1
-            if job.wrong == TRIES:
-                text = "%s of station %s: %s" % (job.record["file"], station, error)
-                self._on_alarm(text, "Look at the station's disk; it is tried again.", station)
-            self._put_back(job, str(error))
+            self._put_aside(job, job.wrong, str(error))
         except (_Folder, TetherError) as error:
             self._wait_for_folder(job, str(error))
         else:
             with self._changed:
                 self._known.discard(job.key)
-                self._pauses.pop(station, None)
+                self._pauses.pop(job.source, None)
                 self._folder_pause = 0.0
 
     def _collect(self, job: _Job, site: Site) -> None:
@@ -286,9 +296,9 @@ class Collector:
         """Whether pictures of other stations wait, and all places are taken."""
         moment = time.monotonic()
         with self._changed:
-            others = [name for name in self._waiting if name != station]
+            others = [source for source in self._waiting if source[0] != station]
             is_full = sum(self._active.values()) >= len(self._threads)
-            return is_full and any(self._may_begin(name, moment) for name in others)
+            return is_full and any(self._may_begin(source, moment) for source in others)
 
     def _verify(self, job: _Job, part: str) -> None:
         digest = hashlib.sha256()
@@ -337,13 +347,37 @@ class Collector:
     # Failures.
 
     def _put_back(self, job: _Job, why: str) -> None:
-        station = job.key[0]
-        _log.info("a picture of station %s is tried again: %s", station, why)
+        """All pictures of a station wait: it is the station that is in trouble."""
+        _log.info("a picture of station %s is tried again: %s", job.key[0], why)
         with self._changed:
-            pause = min(2 * self._pauses.get(station, PAUSES[0] / 2), PAUSES[1])
-            self._pauses[station] = pause
-            self._not_before[station] = time.monotonic() + pause
+            pause = min(2 * self._pauses.get(job.source, PAUSES[0] / 2), PAUSES[1])
+            self._pauses[job.source] = pause
+            self._not_before[job.source] = time.monotonic() + pause
             self._return(job)
+
+    def _put_aside(self, job: _Job, tries: int, why: str) -> None:
+        """Only this picture waits; that is told once."""
+        station = job.key[0]
+        _log.info("picture %d of station %s is tried again: %s", job.key[2], station, why)
+        if tries == TRIES:
+            text = "%.200s of station %s is not collected yet: %s"
+            self._on_alarm(
+                text % (job.record["file"], station, why),
+                "Look at the station's disk; it is tried again.",
+                station,
+            )
+        pause = AGAIN if tries >= TRIES else min(PAUSES[0] * 2 ** (tries - 1), PAUSES[1])
+        with self._changed:
+            heapq.heappush(self._aside, (time.monotonic() + pause, job.key, job))
+
+    def _take_back(self, is_meant: Callable[[float, Key], bool]) -> None:
+        """Some of those that were put aside wait behind the others again."""
+        chosen = [one for one in self._aside if is_meant(one[0], one[1])]
+        if chosen:
+            self._aside = [one for one in self._aside if not is_meant(one[0], one[1])]
+            heapq.heapify(self._aside)
+            for _, _, job in sorted(chosen, key=lambda one: one[1]):
+                self._append(job)
 
     def _wait_for_folder(self, job: _Job, why: str) -> None:
         with self._changed:
@@ -366,7 +400,10 @@ class Collector:
         self._on_alarm(text, "Look for it at the station.", station)
 
     def _return(self, job: _Job) -> None:
-        self._waiting.setdefault(job.key[0], collections.deque()).appendleft(job)
+        self._waiting.setdefault(job.source, collections.deque()).appendleft(job)
+
+    def _append(self, job: _Job) -> None:
+        self._waiting.setdefault(job.source, collections.deque()).append(job)
 
     @staticmethod
     def _size_of(file: io.FileIO) -> int:

@@ -64,8 +64,7 @@ class Station:
         self.state: Dict[str, Any] = {}
         self.settings: Dict[str, Any] = {}
         self.ticks = ages.Heard()
-        self.picture: Optional[Record] = None  # the newest
-        self.picture_ledger = ""
+        self.picture: Optional[Record] = None  # the newest, with its `ledger`
         self.unanswered = 0  # requests for a shot that the station does not know of
         self.refusals = 0
         self.streams: Dict[str, Stream] = {}
@@ -73,8 +72,8 @@ class Station:
     def show(self, ledger: str, picture: Record) -> None:
         """Takes a picture for the newest, unless it only comes late."""
         before = self.picture
-        if before is None or ledger != self.picture_ledger or picture["n"] > before["n"]:
-            self.picture, self.picture_ledger = picture, ledger
+        if before is None or ledger != before["ledger"] or picture["n"] > before["n"]:
+            self.picture = {**picture, "ledger": ledger}
 
     @property
     def ledger(self) -> str:
@@ -298,10 +297,7 @@ class Hub:
         with self._lock:
             station = self._station(name)
             picture = station.picture
-            return picture is not None and (station.picture_ledger, picture["n"]) == (
-                ledger,
-                number,
-            )
+            return picture is not None and (picture["ledger"], picture["n"]) == (ledger, number)
 
     def marks(self) -> Dict[Tuple[str, str], Mark]:
         """What is to be kept for the next run."""

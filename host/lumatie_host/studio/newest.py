@@ -47,9 +47,11 @@ class _Job(NamedTuple):
 class Newest:
     """Fetches previews on threads of its own. Any thread may call.
 
+    A picture's record has `ledger`, the identity of the one whose number `n` is.
+
     Args:
         folder: the studio's.
-        site_of: a station's server, None while it is not there.
+        site_of: a station's server, None while it is not there, or has another ledger.
         on_forbidden: called with a station that does not know the studio's token.
         on_made: called with a station and the number of a picture whose preview has come.
         on_idle: called when no preview keeps originals back any more.
@@ -58,7 +60,7 @@ class Newest:
     def __init__(
         self,
         folder: str,
-        site_of: Callable[[str], Optional[Site]],
+        site_of: Callable[[str, str], Optional[Site]],
         on_forbidden: Callable[[str], None],
         on_made: Callable[[str, int], None],
         on_idle: Callable[[], None],
@@ -85,7 +87,8 @@ class Newest:
         """A station has a new picture. One that still waits for its preview gives way to it."""
         with self._changed:
             for job in [one for one in self._waiting if one.station == station]:
-                if not job.is_asked and job.record["n"] <= record["n"]:
+                is_other = job.record["ledger"] != record["ledger"]
+                if not job.is_asked and (is_other or job.record["n"] <= record["n"]):
                     self._drop(job, "a newer picture came")
             self._wanted[station] = record
             self._add(station, record, WIDTH, holds=True)
@@ -102,7 +105,7 @@ class Newest:
         with self._changed:
             wanted = list(self._wanted.items())
         for station, record in wanted:
-            if self._site_of(station) is not None:
+            if self._site_of(station, record["ledger"]) is not None:
                 with self._changed:
                     self._add(station, record, WIDTH)
 
@@ -179,7 +182,7 @@ class Newest:
         data = kept(self._folder, digest, job.width)
         try:
             if data is None:
-                site = self._site_of(station)
+                site = self._site_of(station, record["ledger"])
                 if site is None:
                     raise Unreachable("the station is not there")
                 data = site.preview(record["n"], job.width)

@@ -273,7 +273,7 @@ class Studio(Listener, Watcher):
                 self._hub.settle(*key)
             else:
                 if self._hub.is_newest(*key):
-                    self.newest.add(station, record)
+                    self.newest.add(station, {**record, "ledger": ledger})
                 self._collector.add(key, record)
         self._feeds.put(record)
 
@@ -303,10 +303,14 @@ class Studio(Listener, Watcher):
 
     # What the collector tells.
 
-    def _site_of(self, station: str) -> Optional[Site]:
-        door = self.door(station)
+    def _site_of(self, station: str, ledger: str) -> Optional[Site]:
+        """Its server, None while it is not there or works in another folder: there the numbers
+        are other pictures'."""
+        url, known, instance = self._hub.place(station)
+        if not url or not instance or known != ledger:
+            return None
         try:
-            return None if door is None else Site(*door)
+            return Site(url, self.book.token(station, instance))
         except ValueError as error:
             _log.debug("station %s: %s", station, error)
             return None
@@ -418,11 +422,11 @@ class Studio(Listener, Watcher):
 
     def _fill(self, station: str) -> bool:
         """Asks a station for what is missing; whether that is no longer to be asked for."""
-        site = self._site_of(station)
+        _, ledger, _ = self._hub.place(station)
+        site = self._site_of(station, ledger)
         since = self._hub.gap(station)
         if site is None or since is None:
             return True
-        _, ledger, _ = self._hub.place(station)
         try:
             while not self._closing.is_set():
                 records, is_end = site.records(since)

@@ -35,22 +35,28 @@ class CollectorTestCase(unittest.TestCase):
         base = tempfile.TemporaryDirectory(prefix="lumatie-collect-")
         self.addCleanup(base.cleanup)
         self.folder = pathlib.Path(os.path.realpath(base.name))
-        pauses = mock.patch.object(collectors, "PAUSES", (0.02, 0.1))
-        pauses.start()
-        self.addCleanup(pauses.stop)
+        for name, value in (("PAUSES", (0.02, 0.1)), ("AGAIN", 0.3)):
+            shortened = mock.patch.object(collectors, name, value)
+            shortened.start()
+            self.addCleanup(shortened.stop)
         self.station = Station()
         self.server = PictureServer(self.station)
         self.addCleanup(self.server.close)
         self.server.tokens.add("t")
         self.alarms, self.forbidden, self.done = [], [], []
         self.is_there = True
+        self.ledger = "L"  # the station's
         self.begin()
 
     def begin(self, transfers=4):
         self.book = Book(str(self.folder), "pta")
         self.collector = collectors.Collector(
             self.book,
-            lambda name: fetch.Site(self.server.url, "t") if self.is_there else None,
+            lambda name, ledger: (
+                fetch.Site(self.server.url, "t")
+                if self.is_there and ledger == self.ledger
+                else None
+            ),
             self.forbidden.append,
             lambda key, record: self.done.append(key),
             lambda what, advice, station: self.alarms.append(what),
@@ -58,7 +64,7 @@ class CollectorTestCase(unittest.TestCase):
         )
         self.addCleanup(self.collector.close)
 
-    def add(self, number=1, data=DATA, file=None, station="7", **changes):
+    def add(self, number=1, data=DATA, file=None, station="7", ledger="L", **changes):
         self.station.pictures.setdefault(number, data)
         record = {
             "v": 1,
@@ -71,7 +77,7 @@ class CollectorTestCase(unittest.TestCase):
             "origin": "host",
             "format": "JPEG",
         }
-        self.collector.add((station, "L", number), {**record, **changes})
+        self.collector.add((station, ledger, number), {**record, **changes})
 
     def wait(self, count=1):
         wait_until(lambda: len(self.done) >= count, lambda: "%r %r" % (self.done, self.alarms))
@@ -229,7 +235,9 @@ class Interrupted(CollectorTestCase):
 
     def test_a_station_that_is_away_is_waited_for_and_holds_up_no_other(self):
         site_of = self.collector._site_of
-        self.collector._site_of = lambda name: None if name == "7" else site_of(name)
+        self.collector._site_of = lambda name, ledger: (
+            None if name == "7" else site_of(name, ledger)
+        )
         self.add(1)
         self.add(2, station="8")
         self.wait(1)
@@ -237,6 +245,26 @@ class Interrupted(CollectorTestCase):
         self.collector._site_of = site_of
         self.collector.wake("7")
         self.wait(2)
+
+    def test_pictures_of_an_earlier_ledger_wait_for_it_and_hold_up_none_of_the_later_one(self):
+        self.is_there = False
+        for number in range(1, 21):
+            self.add(number, b"first %d" % number, ledger="L")
+        self.is_there, self.ledger = True, "M"  # works in another folder now
+        self.station.pictures = {n: b"second %d" % n for n in range(11, 21)}
+        self.collector.wake("7")
+        for number in range(11, 21):
+            self.add(number, b"second %d" % number, file="m%d.JPG" % number, ledger="M")
+        self.wait(10)
+        self.assertEqual({ledger for _, ledger, _ in self.done}, {"M"})
+        self.assertEqual((self.collector.lag, self.alarms), (10 + 10, []))
+        self.ledger = "L"
+        self.station.pictures = {n: b"first %d" % n for n in range(1, 21)}
+        self.collector.wake("7")
+        self.wait(30)
+        self.assertEqual(self.alarms, [])
+        self.assertEqual(self.path("7", "11.JPG").read_bytes(), b"first 11")
+        self.assertEqual(self.path("7", "m11.JPG").read_bytes(), b"second 11")
 
     def test_a_station_that_does_not_know_the_token_is_told_it(self):
         self.server.tokens.clear()
@@ -257,6 +285,23 @@ class Wrong(CollectorTestCase):
         self.wait()
         self.assertEqual(len(self.alarms), 1)
         self.assertEqual(self.path("7", "1.JPG").read_bytes(), DATA)
+
+    def test_a_picture_with_a_wrong_content_holds_up_none_of_its_station(self):
+        self.station.pictures[1] = DATA[:-1] + b"x"
+        with mock.patch.object(collectors, "AGAIN", 600.0):
+            self.add()
+            wait_until(lambda: self.alarms, "an alarm")
+            with mock.patch.object(collectors, "PAUSES", (600.0, 600.0)):
+                self.station.pictures[2] = DATA[:-1] + b"x"
+                for number in range(2, 12):
+                    self.add(number)
+                self.wait(9)
+        self.assertEqual(sorted(n for _, _, n in self.done), list(range(3, 12)))
+        self.assertEqual((self.collector.lag, len(self.alarms)), (2, 1))
+        self.station.pictures.update({1: DATA, 2: DATA})
+        self.collector.wake("7")
+        self.wait(11)
+        self.assertEqual(self.collector.lag, 0)
 
     def test_a_size_that_is_not_the_records_is_an_alarm(self):
         self.station.pictures[1] = DATA + b"more"

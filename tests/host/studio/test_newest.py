@@ -91,7 +91,9 @@ class Newest(unittest.TestCase):
         self.folder = base.name
         self.newest = newest.Newest(
             base.name,
-            lambda station: fetch.Site(self.server.url, "t") if self.is_there else None,
+            lambda station, ledger: (
+                fetch.Site(self.server.url, "t") if self.is_there and ledger == "L" else None
+            ),
             self.forbidden.append,
             lambda station, number: self.made.append(number),
             lambda: None,
@@ -99,7 +101,7 @@ class Newest(unittest.TestCase):
         self.addCleanup(self.newest.close)
 
     def record(self, number):
-        return {"n": number, "sha256": "%064x" % number}
+        return {"n": number, "sha256": "%064x" % number, "ledger": "L"}
 
     def wait_for(self, *numbers):
         wait_until(lambda: self.made == list(numbers), lambda: "previews: %s" % self.made)
@@ -164,6 +166,12 @@ class Newest(unittest.TestCase):
         self.assertEqual(asked.result(DEADLINE), jpeg_of("1 512"))
         wait_until(lambda: set(self.made) == {1, 3}, lambda: "previews: %s" % self.made)
         self.assertNotIn("/api/pictures/2/preview?w=512", previews_of(self.server))
+
+    def test_a_picture_of_an_earlier_ledger_is_not_asked_for_by_its_number(self):
+        asked = self.newest.ask("7", {**self.record(1), "ledger": "K"}, 512)
+        with self.assertRaises(newest.NoPreview):
+            asked.result(DEADLINE)
+        self.assertEqual(self.server.requests, [])
 
     def test_one_that_several_ask_for_is_fetched_once_and_kept(self):
         self.server.preview_pace = pace = threading.Event()

@@ -100,6 +100,29 @@ class Following(WithStudio):
         wait_until(lambda: len(self.collected()) == 2, "the second picture")
         self.assertEqual(self.collected(), {"7/a.JPG": b"first", "7/a (2).JPG": b"second"})
 
+    def test_a_second_start_with_another_ledger_is_collected_while_the_first_one_is_owed(self):
+        studio = self.start_studio()
+        first = self.simulated("7")
+        first.server.pace = threading.Event()
+        for number in range(1, 6):
+            first.picture(os.urandom(500_000), file="%d.JPG" % number)
+        wait_until(lambda: studio.to_collect == 5, "the first pictures' records")
+        first.server.close()
+        first.close()
+        first.server.pace.set()
+        second = self.simulated("7", instance="b", ledger="another")
+        second.picture(b"second", file="b.JPG")
+        wait_until(lambda: "7/b.JPG" in self.collected(), lambda: repr(self.said))
+        self.assertEqual(self.collected(), {"7/b.JPG": b"second"})
+        second.close()
+        third = self.simulated("7", instance="c")
+        third.pictures, third.ledger = first.pictures, first.ledger
+        third.tell_state()
+        wait_until(lambda: len(self.collected()) == 6, lambda: repr(self.said))
+        for number in range(1, 6):
+            self.assertEqual(self.collected()["7/%d.JPG" % number], first.pictures[number])
+        self.assertEqual(self.alarms(), [])
+
     def test_a_picture_that_is_said_to_be_elsewhere_is_refused_and_had_from_the_station(self):
         self.start_studio()
         station, other = self.simulated("7"), self.simulated("1")
