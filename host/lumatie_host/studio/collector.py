@@ -212,10 +212,10 @@ class Collector:
             self._put_back(job, str(error))
         except Gone as error:
             job.absent += 1
-            if job.absent == TRIES:
-                self._give_up(job, str(error))
-            else:
+            if job.absent < TRIES:  # all of its folder may be away
                 self._put_back(job, str(error))
+            else:
+                self._put_aside(job, job.absent, str(error))
         except _Wrong as error:
             job.wrong += 1
             self._put_aside(job, job.wrong, str(error))
@@ -268,13 +268,14 @@ class Collector:
                 self._write(lambda: file.truncate(0))
                 have = 0
             if have < size or size == 0:
-                self._load(job.key, site, file, have, size)
+                self._load(job, site, file, have, size)
             self._write(lambda: os.fsync(file.fileno()))
         self._verify(job, part)
 
-    def _load(self, key: Key, site: Site, file: io.FileIO, have: int, size: int) -> None:
+    def _load(self, job: _Job, site: Site, file: io.FileIO, have: int, size: int) -> None:
         turn_ends = time.monotonic() + TURN
-        with site.picture(key[2], have) as picture:
+        station, _, number = job.key
+        with site.picture(number, have) as picture:
             if picture.size not in (-1, size):
                 raise _Wrong("the station has %d bytes, and told of %d" % (picture.size, size))
             if picture.offset != have:
@@ -283,7 +284,7 @@ class Collector:
             while have < size:
                 if self._is_closed:
                     raise Unreachable("the studio is being closed")
-                if time.monotonic() > turn_ends and self._is_awaited(key[0]):
+                if time.monotonic() > turn_ends and self._is_awaited(station):
                     raise Unreachable("it is slow, and others wait")
                 block = memoryview(read(picture.stream, min(BLOCK, size - have)))
                 if not block:

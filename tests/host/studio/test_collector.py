@@ -315,6 +315,28 @@ class Wrong(CollectorTestCase):
         wait_until(lambda: self.alarms, "an alarm")
         self.assertIn("the station has no such picture any more", self.alarms[0])
 
+    def test_pictures_of_a_folder_that_is_away_for_a_while_are_collected_when_it_is_back(self):
+        for number in (1, 2, 3):
+            self.station.pictures[number] = None
+            self.add(number)
+        wait_until(lambda: len(self.alarms) == 3, lambda: repr(self.alarms))
+        self.assertEqual(self.collector.lag, 3)
+        before = len(self.server.requests)
+        wait_until(lambda: len(self.server.requests) > before + 6, "more tries")
+        self.station.pictures = {1: DATA, 2: DATA, 3: DATA}
+        self.wait(3)
+        self.assertEqual((self.collector.lag, len(self.alarms)), (0, 3))
+
+    def test_a_picture_that_was_not_there_is_asked_for_when_its_station_comes_back(self):
+        self.station.pictures[1] = None
+        with mock.patch.object(collectors, "AGAIN", 600.0):
+            self.add()
+            wait_until(lambda: self.alarms, "an alarm")
+            wait_until(lambda: self.collector._aside, "that it waits by itself")
+        self.station.pictures[1] = DATA
+        self.collector.wake("7")
+        self.wait()
+
     def test_a_full_disk_is_an_alarm_and_is_tried_again(self):
         full = OSError(errno.ENOSPC, "No space left on device")
         real = os.fsync
