@@ -275,7 +275,7 @@ class Collector:
     def _load(self, job: _Job, site: Site, file: io.FileIO, have: int, size: int) -> None:
         turn_ends = time.monotonic() + TURN
         station, _, number = job.key
-        with site.picture(number, have) as picture:
+        with site.picture(number, have, job.record.get("url")) as picture:
             if picture.size not in (-1, size):
                 raise _Wrong("the station has %d bytes, and told of %d" % (picture.size, size))
             if picture.offset != have:

@@ -75,9 +75,13 @@ class Site:
         return data
 
     @contextlib.contextmanager
-    def picture(self, number: int, offset: int) -> Iterator[Part]:
-        """A picture from a byte on, or from its beginning; raises Unreachable, Gone."""
-        path = "%sapi/pictures/%d" % (self._base, number)
+    def picture(self, number: int, offset: int, url: Optional[str] = None) -> Iterator[Part]:
+        """A picture from a byte on, or from its beginning; raises Unreachable, Gone.
+
+        `url` is where the station has told that it is, None: it has not. Only its path counts:
+        the station may have been started again with another port.
+        """
+        path = "%sapi/pictures/%d" % (self._base, number) if url is None else self._path_of(url)
         wanted = "bytes=%d-" % offset if offset else None
         with self._asked(path, wanted) as answer:
             _expect(answer, (200, 206, 404, 410, 416))
@@ -89,6 +93,13 @@ class Site:
             if answer.status == 206 and first != offset:
                 raise Unreachable("it sends another part than was asked for")
             yield Part(first, size, answer)
+
+    def _path_of(self, url: str) -> str:
+        parts = urllib.parse.urlsplit(url)
+        path = parts.path or "/"
+        if not path.startswith(self._base):
+            raise Gone("the station is elsewhere than its picture was")
+        return "%s?%s" % (path, parts.query) if parts.query else path
 
     @contextlib.contextmanager
     def _asked(self, path: str, part: Optional[str] = None) -> Iterator[http.client.HTTPResponse]:

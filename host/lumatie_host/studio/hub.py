@@ -7,7 +7,9 @@ held, on the thread that brought the news.
 """
 
 import logging
+import re
 import threading
+import urllib.parse
 from typing import Any, Dict, Iterable, List, Mapping, NamedTuple, Optional, Tuple
 
 from ..ledger import LARGEST_NUMBER
@@ -22,6 +24,7 @@ from .topics import Topic, check_name, parse
 SHOT_PATIENCE = 30.0  # seconds for a picture, beside its exposure
 GRACE = 0.3  # seconds in which records may overtake each other
 MOST_STATIONS = 2000
+_URL = re.compile("[!-~]+")  # as it goes over the network
 _MOST_REFUSALS = 100  # that are told of one station; then it is only counted
 
 _log = logging.getLogger("lumatie_host")
@@ -147,7 +150,9 @@ class Hub:
             except messages.Rubbish as error:
                 _log.debug("station %s: its ledger has %s", station, error)
             else:
-                self._offer(station, ledger, record["n"], record)
+                # Where it is tells the message alone, of which that is checked.
+                told = {name: value for name, value in record.items() if name != "url"}
+                self._offer(station, ledger, record["n"], told)
             if is_number:
                 self._pass_over(station, ledger, number)
         if is_end:
@@ -391,7 +396,7 @@ class Hub:
             base = self._station(name).url
         if url is None:
             return
-        if not isinstance(url, str) or not base or not url.startswith(base):
+        if not isinstance(url, str) or not base or not _is_below(url, base):
             raise messages.Rubbish(
                 "a picture that is said to be at %.100s, and the station is at %s"
                 % (url, base or "no address")
@@ -408,6 +413,15 @@ class Hub:
             self._watcher.refused(topic.station, "%s on %s" % (words, _shown(topic)))
         if station is not None:
             self._look_for_gap(topic.station)
+
+
+def _is_below(url: str, base: str) -> bool:
+    """Whether an address begins with another one, and leads nowhere else on its way."""
+    base = base if base.endswith("/") else base + "/"
+    if not url.startswith(base) or not _URL.fullmatch(url):
+        return False
+    way = urllib.parse.unquote(url[len(base) :].partition("?")[0])
+    return not {".", ".."} & set(way.replace("\\", "/").split("/"))
 
 
 def _shown(topic: Topic) -> str:

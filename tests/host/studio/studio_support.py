@@ -183,6 +183,7 @@ class PictureServer:
         self.station = station
         self.tokens = set()
         self.requests = []
+        self.files = {}  # path to the number of a picture that is there, too
         self.cut_after = None  # bytes of a picture after which the connection is dropped
         self.pace = None  # an event that each block of a picture waits for
         self.preview_pace = None  # an event that each preview waits for
@@ -214,7 +215,7 @@ class PictureServer:
             since, limit = int(query["since"][0]), int(query.get("limit", ["100000"])[0])
             records = [r for r in self.station.ledger if r["n"] > since][:limit]
             return self._send(request, 200, json.dumps(records).encode())
-        number = int(parts.path.split("/")[3])
+        number = self.files.get(parts.path) or int(parts.path.split("/")[3])
         if parts.path.endswith("/preview"):
             return self._send_preview(request, number, parse_qs(parts.query)["w"][0])
         data = self.station.pictures.get(number)

@@ -121,6 +121,20 @@ class Collected(CollectorTestCase):
         self.assertEqual(self.path("7", "1 (2).JPG").read_bytes(), DATA)
         self.assertEqual(self.path("7", "1 (3).JPG").read_bytes(), DATA[::-1])
 
+    def test_a_picture_is_fetched_from_where_its_station_said(self):
+        self.server.files["/files/a.jpg"] = 5
+        self.station.pictures[5] = DATA
+        self.add(1, url="http://127.0.0.1:9/files/a.jpg?v=1")  # the port of an earlier start
+        self.wait()
+        self.assertEqual([path for path, _ in self.server.requests], ["/files/a.jpg?v=1"])
+        self.assertEqual(self.path("7", "1.JPG").read_bytes(), DATA)
+
+    def test_a_picture_whose_address_is_above_the_stations_is_not_asked_for_there(self):
+        site = fetch.Site(self.server.url + "7/", "t")
+        with self.assertRaises(fetch.Gone), site.picture(1, 0, self.server.url + "8/a.jpg"):
+            pass
+        self.assertEqual(self.server.requests, [])
+
     def test_two_equal_pictures_are_two_files(self):
         self.add(1, file="a.JPG")
         self.wait(1)

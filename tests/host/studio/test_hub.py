@@ -177,10 +177,20 @@ class Refused(HubTestCase):
 
     def test_a_picture_that_is_said_to_be_elsewhere(self):
         for url in ("http://10.0.0.1/api/pictures/1", "http://127.0.0.1:55/x", "file:///etc/passwd",
-                    "http://127.0.0.1:5@evil/x", 5):  # fmt: skip
+                    "http://127.0.0.1:5@evil/x", 5, "http://127.0.0.1:5",
+                    "http://127.0.0.1:5/a/../b", "http://127.0.0.1:5/%2e%2E/b",
+                    "http://127.0.0.1:5/a b", "http://127.0.0.1:5/\xe9",
+                    "http://127.0.0.1:5/a\r\nHost: evil"):  # fmt: skip
             self.event(picture(1, 1), url=url)
-        self.assertEqual(len(self.refusals), 5)
+        self.assertEqual(len(self.refusals), 11)
         self.assert_refused("said to be at http://10.0.0.1")
+
+    def test_an_address_that_only_begins_like_the_stations(self):
+        self.announce(url="http://127.0.0.1:5")
+        for url in ("http://127.0.0.1:55/x", "http://127.0.0.1:5@evil/x"):
+            self.event(picture(1, 1), url=url)
+        self.assertEqual(len(self.refusals), 2)
+        self.assert_refused("said to be at http://127.0.0.1:55")
 
     def test_a_name_that_cannot_be_one(self):
         self.hear("lumatie/1/pta/../event/shot", shot(1, 1))

@@ -132,6 +132,20 @@ class Following(WithStudio):
         self.assert_complete(station)
         self.assertEqual([p for p, _ in other.server.requests if "pictures" in p], [])
 
+    def test_a_picture_is_had_from_its_address_and_by_its_number_when_the_ledger_told_of_it(self):
+        self.start_studio()
+        station = self.simulated("7")
+        station.server.files["/files/a.jpg"] = 1
+        record = station.picture(b"first", publish=False)
+        station.publish(record, url=station.server.url + "files/a.jpg")
+        self.assert_complete(station)
+        station.picture(b"second", publish=False, url="http://127.0.0.1:9/b.jpg")
+        station.tell_state()
+        self.assert_complete(station)
+        asked = [path for path, _ in station.server.requests]
+        originals = [path for path in asked if "ledger" not in path and "preview" not in path]
+        self.assertEqual(originals, ["/files/a.jpg", "/api/pictures/2"])
+
     def test_rubbish_disturbs_nothing(self):
         studio = self.start_studio()
         station = self.simulated("7")

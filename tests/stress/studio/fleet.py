@@ -81,6 +81,7 @@ class _View(PictureServer):
         self.station = station
         self.tokens = station.server.tokens
         self.requests = []
+        self.files = {}
         self.cut_after = None
         self.pace = owner.pace
 
