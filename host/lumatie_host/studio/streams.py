@@ -9,19 +9,22 @@ Used with the hub's lock held.
 """
 
 import collections
-from typing import Any, Deque, Dict, List, Mapping, Optional
+import sys
+from typing import Any, Deque, Dict, List, Mapping, Optional, Tuple
 
 FARTHEST = 10_000  # numbers ahead of what is known; what is farther waits to be asked for
+_MOST_SESSIONS = 100  # whose beginnings are known
 
 
 class _Entry:
-    __slots__ = ("deadline", "ends", "is_settled", "shot")
+    __slots__ = ("deadline", "ends", "is_settled", "session", "shot")
 
     def __init__(self) -> None:
         self.is_settled = False
         self.shot: Optional[int] = None  # it was asked for
         self.deadline = 0.0
         self.ends: Optional[int] = None  # a shot whose end it tells, and that had not come before
+        self.session: Optional[str] = None  # that shot's, where it is told
 
 
 class Stream:
@@ -39,7 +42,10 @@ class Stream:
         self._shots = 0
         self._open: Dict[int, _Entry] = {}  # shots that have brought nothing: number to entry
         self._missing: Dict[int, _Entry] = {}  # those of which nothing is to be expected any more
-        self._given_up: Deque[int] = collections.deque(maxlen=100)  # shots that are settled
+        # Those that are settled: number and shot.
+        self._given_up: Deque[Tuple[int, int]] = collections.deque(maxlen=100)
+        # Each session counts its shots anew, from the record of its opening on: its number.
+        self._beginnings: Dict[str, int] = {}
         # Of shots whose own record is still to come: number to whether it is a failure.
         self._early: Dict[int, Dict[int, bool]] = {}
 
@@ -84,9 +90,13 @@ class Stream:
             self._shots += 1
             self._answer_early(number, record["shot"])
         elif kind == "picture":
+            session = record.get("session")
+            entry.session = sys.intern(session) if isinstance(session, str) else None
             self._answer(number, record["shot"], record.get("origin") == "recovered", False)
         else:
             entry.is_settled = True
+            if kind == "opened":
+                self._begin_session(str(record["session"]), number)
             if kind == "failed" and record.get("shot") is not None:
                 self._answer(number, record["shot"], False, True)
         self._take_up_to(self.taken)
@@ -124,9 +134,32 @@ class Stream:
         self._advance()
         return shots
 
+    def _begin_session(self, session: str, number: int) -> None:
+        self._beginnings[session] = number
+        if len(self._beginnings) > _MOST_SESSIONS:
+            del self._beginnings[min(self._beginnings, key=self._beginnings.__getitem__)]
+
+    def _beginning(self, number: int, is_failure: bool) -> int:
+        """The number behind which the shot of a picture or a failure was asked for."""
+        session = self._entries[number].session
+        if session in self._beginnings:
+            return self._beginnings[session]
+        latest = max((n for n in self._beginnings.values() if n < number), default=0)
+        if session is None and not is_failure:
+            return latest
+        # It began long ago, or among records that are still missing.
+        hole = 0
+        if number > self.taken + 1:
+            numbers = range(number - 1, self.taken, -1)
+            hole = next((n for n in numbers if n not in self._entries), 0)
+        return hole if session is not None else max(hole, latest)
+
     def _answer(self, number: int, shot: int, is_any: bool, is_failure: bool) -> None:
-        """A picture or a failure of a shot: of the oldest one with that number that is open."""
-        found = next((n for n, entry in self._open.items() if entry.shot == shot), None)
+        """A picture or a failure of a shot: of the last one before it with that number."""
+        first = self._beginning(number, is_failure)
+        found = _last(self._open, shot, first, number)
+        if found is None and is_failure and number <= self.taken + 1:
+            found = _last(self._open, shot, 0, number)  # of a session beside the last one
         if found is None and is_any:
             found = next(iter(self._open), None)
         if found is not None:
@@ -134,22 +167,23 @@ class Stream:
             entry.is_settled = True
             if is_failure:
                 self._missing[found] = entry
-        elif is_failure or not self._is_had_after_all(shot):
+        elif is_failure or not self._is_had_after_all(shot, first, number):
             if number > self.taken + 1:
                 self._entries[number].ends = shot
                 self._early.setdefault(shot, {})[number] = is_failure
 
-    def _is_had_after_all(self, shot: int) -> bool:
+    def _is_had_after_all(self, shot: int, first: int, end: int) -> bool:
         """Takes a picture of a shot that was given up; False: there is no such shot."""
-        found = next((n for n, entry in self._missing.items() if entry.shot == shot), None)
+        found = _last(self._missing, shot, first, end)
         if found is not None:
             del self._missing[found]
-        elif shot in self._given_up:
-            self._given_up.remove(shot)
-            self._settled_have += 1
-        else:
-            return False
-        return True
+            return True
+        for one in self._given_up:
+            if one[1] == shot and first < one[0] < end:
+                self._given_up.remove(one)
+                self._settled_have += 1
+                return True
+        return False
 
     def _answer_early(self, number: int, shot: int) -> None:
         """A shot has come: what came before it, and stands behind it in the ledger, answers it."""
@@ -176,6 +210,12 @@ class Stream:
         """All up to a number has come or does not exist, and what has come right behind it."""
         while self.taken < number or self.taken + 1 in self._entries:
             self.taken += 1
+            entry = self._entries.get(self.taken)
+            if entry is not None and entry.ends is not None:
+                shot, is_failure = entry.ends, self._forget_early(self.taken)
+                if is_failure or entry.session is not None:
+                    # When its session began is known by now.
+                    self._answer(self.taken, shot, False, is_failure)
             self._let_go(self.taken)
 
     def _let_go(self, number: int) -> None:
@@ -185,8 +225,6 @@ class Stream:
         """
         entry = self._entries.get(number)
         if entry is not None and entry.is_settled and entry.shot is None and number <= self.taken:
-            if entry.ends is not None:
-                self._forget_early(number)
             del self._entries[number]
 
     def _advance(self) -> None:
@@ -209,4 +247,10 @@ class Stream:
         if self._missing.pop(number, None) is None:
             self._settled_have += 1
         else:
-            self._given_up.append(shot)
+            self._given_up.append((number, shot))
+
+
+def _last(entries: Mapping[int, _Entry], shot: int, first: int, end: int) -> Optional[int]:
+    """The last of some shots with a number, between two numbers of the ledger."""
+    found = (n for n, entry in entries.items() if entry.shot == shot and first < n < end)
+    return max(found, default=None)

@@ -23,6 +23,11 @@ def picture(number, which, origin="host", **more):
     return {**record, **about, **more}
 
 
+def opened(number, session):
+    record = {"v": 1, "n": number, "time": TIME, "kind": "opened", "session": session}
+    return {**record, "camera": "Canon", "maker": "canon"}
+
+
 def failed(number, which):
     record = {"v": 1, "n": number, "time": TIME, "kind": "failed", "shot": which}
     return {**record, "reason": "no_answer", "advice": "again", "text": "none"}
@@ -304,6 +309,87 @@ class Missing(HubTestCase):
                 counts = stream.asked, stream.have, stream.missing, stream.settled
                 self.assertEqual(counts, (40, 35, 5, len(wanted)))
                 self.assertEqual((stream._entries, stream._early), ({}, {}))
+
+    def counts(self):
+        (view,) = self.hub.view()
+        return view["asked"], view["have"], view["missing"]
+
+    def test_a_picture_of_a_later_session_is_not_taken_for_a_missing_one_of_an_earlier(self):
+        for record in (opened(1, "a"), shot(2, 1), failed(3, 1), opened(4, "b")):
+            self.event(record)
+        self.event(picture(5, 1, "body", session="b"))  # by a trigger box: without a request
+        self.assertEqual(self.counts(), (1, 0, 1))
+        self.event(picture(6, 1, session="a"))
+        self.assertEqual(self.counts(), (1, 1, 0))
+
+    def test_the_second_file_of_a_later_sessions_shot_is_not_taken_for_an_earlier_one(self):
+        for record in (opened(1, "a"), shot(2, 1), opened(3, "b"), shot(4, 1)):
+            self.event(record)
+        for number in (5, 6):
+            self.event(picture(number, 1, session="b"))
+        self.assertEqual(self.counts(), (2, 1, 0))
+        self.event(failed(7, 1))
+        self.assertEqual(self.counts(), (2, 1, 1))
+
+    def test_one_that_was_settled_as_missing_is_had_by_a_picture_of_its_own_session_alone(self):
+        for record in (opened(1, "a"), shot(2, 1), failed(3, 1), opened(4, "b"), shot(5, 1)):
+            self.event(record)
+        for number in (6, 7):
+            self.event(picture(number, 1, session="b"))
+            self.hub.settle("7", "L", number)
+        self.assertEqual(self.hub.marks()["7", "L"], Mark(7, 2, 1))
+        self.event(picture(8, 1, session="a"))
+        self.assertEqual(self.counts(), (2, 2, 0))
+
+    def test_sessions_that_share_a_folder_have_their_own_pictures(self):
+        for record in (opened(1, "a"), shot(2, 7), opened(3, "b"), picture(4, 7, session="a")):
+            self.event(record)
+        self.assertEqual(self.counts(), (1, 1, 0))
+
+    def test_a_session_that_began_before_this_run_has_its_pictures(self):
+        self.hub = Hub("pta", self, {("7", "L"): Mark(5, 2, 2)}, patience=0.0)
+        self.announce()
+        for record in (shot(7, 3), picture(8, 3, session="a"), shot(9, 4)):
+            self.event(record)
+        self.event(picture(11, 4, session="a"))
+        self.hub.look()
+        self.assertEqual(self.counts(), (4, 3, 1), "something is missing before the last one")
+        self.hub.fill("7", "L", [shot(7, 3), picture(8, 3), shot(9, 4), picture(11, 4)], True)
+        self.assertEqual(self.counts(), (4, 4, 0))
+
+    def test_sessions_in_any_order_give_the_same_counts(self):
+        wanted = []
+        for session in "abc":
+            wanted.append(opened(len(wanted) + 1, session))
+            for which in (1, 2, 3):
+                n = len(wanted)
+                wanted.append(shot(n + 1, which))
+                if which == 2:
+                    wanted.append(failed(n + 2, which))
+                else:
+                    wanted += [picture(n + i, which, session=session) for i in (2, 3)]
+            wanted.append(picture(len(wanted) + 1, 5, "body", session=session))
+        for seed in range(200):
+            self.hub = Hub("pta", self, patience=0.0)
+            self.announce()
+            records = list(wanted)
+            random.Random(seed).shuffle(records)
+            for record in records:
+                self.event(record)
+            self.hub.look()
+            for record in wanted:
+                self.hub.settle("7", "L", record["n"])
+            with self.subTest(seed=seed):
+                self.assertEqual(self.counts(), (9, 6, 3))
+                stream = self.hub._stream("7", "L")
+                self.assertEqual((stream._entries, stream._early), ({}, {}))
+
+    def test_of_very_many_sessions_the_beginnings_of_some_are_known(self):
+        for number in range(1, 1001):
+            self.event(opened(number, "session %d" % number))
+        stream = self.hub._stream("7", "L")
+        self.assertEqual(len(stream._beginnings), 100)
+        self.assertIn("session 1000", stream._beginnings)
 
     def test_a_request_that_brought_no_shot_counts_as_one(self):
         self.hub.unanswered("7")
