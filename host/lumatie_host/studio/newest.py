@@ -9,7 +9,7 @@ import logging
 import threading
 import time
 from concurrent.futures import Future
-from typing import Any, Callable, Dict, List, NamedTuple, Optional, Tuple
+from typing import Any, Callable, Dict, List, NamedTuple, Optional, Set, Tuple
 
 from ..page.developing import cache_of, keep, kept, prune
 from ..page.previews import PRUNE_EVERY
@@ -17,6 +17,7 @@ from .fetch import Forbidden, Gone, Site, Unreachable
 
 WIDTH = 512  # pixels of those that are fetched unasked
 WORKERS = 4  # previews at a time
+OF_ONE_STATION = 2  # of these
 HOLD = 5.0  # seconds for which a preview that does not come keeps originals back
 MOST_WAITING = 4000
 
@@ -73,6 +74,8 @@ class Newest:
         self._changed = threading.Condition()  # guards all that follows
         self._jobs: Dict[_Key, _Job] = {}  # those that wait or are under way
         self._waiting: List[_Job] = []
+        self._active: Dict[str, int] = {}  # by station
+        self._unreachable: Set[str] = set()  # stations that did not answer the last time
         self._wanted: Dict[str, Record] = {}  # by station, what could not be had
         self._kept = 0  # previews that have come
         self._is_closed = False
@@ -119,7 +122,10 @@ class Newest:
         """Whether previews of newest pictures are still to come, and originals have to wait."""
         begun = time.monotonic() - HOLD
         with self._changed:
-            return any(job.holds and job.since > begun for job in self._jobs.values())
+            return any(
+                job.holds and job.since > begun and job.station not in self._unreachable
+                for job in self._jobs.values()
+            )
 
     def close(self) -> None:
         """Ends it; whoever waits gets NoPreview."""
@@ -162,19 +168,31 @@ class Newest:
 
     def _run(self) -> None:
         while True:
-            with self._changed:
-                while not self._waiting and not self._is_closed:
-                    self._changed.wait()
-                if self._is_closed:
-                    return
-                job = self._waiting.pop()  # what came last is what people look for
+            job = self._next()
+            if job is None:
+                return
             try:
                 self._do(job)
             except Exception as error:
                 _log.exception("a preview could not be fetched")
                 self._fail(job, str(error))
+            with self._changed:
+                self._active[job.station] -= 1
+                self._changed.notify_all()
             if not self.is_ahead:
                 self._on_idle()
+
+    def _next(self) -> Optional[_Job]:
+        with self._changed:
+            while not self._is_closed:
+                for job in reversed(self._waiting):  # what came last is what people look for
+                    active = self._active.get(job.station, 0)
+                    if active < OF_ONE_STATION:
+                        self._active[job.station] = active + 1
+                        self._waiting.remove(job)
+                        return job
+                self._changed.wait()
+            return None
 
     def _do(self, job: _Job) -> None:
         station, record = job.station, job.record
@@ -185,7 +203,7 @@ class Newest:
                 site = self._site_of(station, record["ledger"])
                 if site is None:
                     raise Unreachable("the station is not there")
-                data = site.preview(record["n"], job.width)
+                data = self._asked(site, job)
                 self._keep(digest, job.width, data)
         except Forbidden as error:
             self._fail(job, str(error))
@@ -202,6 +220,20 @@ class Newest:
         self._end(job)
         job.result.set_result(data)
         self._on_made(station, record["n"])
+
+    def _asked(self, site: Site, job: _Job) -> bytes:
+        """Asks a station; one that does not answer holds nobody back until it has answered."""
+        try:
+            data = site.preview(job.record["n"], job.width)
+        except (Forbidden, Gone):
+            raise
+        except Unreachable:
+            with self._changed:
+                self._unreachable.add(job.station)
+            raise
+        with self._changed:
+            self._unreachable.discard(job.station)
+        return data
 
     def _keep(self, sha256: str, width: int, data: bytes) -> None:
         """Writes a preview beside the others, of which the oldest go when they become too many."""

@@ -173,6 +173,47 @@ class Newest(unittest.TestCase):
             asked.result(DEADLINE)
         self.assertEqual(self.server.requests, [])
 
+    def test_a_station_that_cannot_be_reached_holds_back_nobody_until_it_has_answered(self):
+        pace = threading.Event()
+        self.addCleanup(pace.set)
+
+        def be_blocked(request, *_):
+            pace.wait(DEADLINE)
+            request.close_connection = True
+
+        with mock.patch.object(self.server, "_send_preview", be_blocked):
+            self.newest.add("7", self.record(1))
+            wait_until(lambda: self.server.requests, "a request")
+            self.assertTrue(self.newest.is_ahead)
+            self.newest.add("7", self.record(2))
+            pace.set()
+            wait_until(lambda: not self.newest._jobs, "that both have failed")
+            pace.clear()
+            self.newest.add("7", self.record(3))
+            self.newest.wake("7")
+            self.assertFalse(self.newest.is_ahead)
+            pace.set()
+            wait_until(lambda: not self.newest._jobs, "that it has failed, too")
+        self.newest.wake("7")
+        self.wait_for(3)
+        self.server.preview_pace = pace = threading.Event()
+        self.addCleanup(pace.set)
+        self.newest.add("7", self.record(1))
+        self.assertTrue(self.newest.is_ahead)
+
+    def test_a_station_that_does_not_answer_keeps_two_workers_at_most_from_the_others(self):
+        self.pictures = dict.fromkeys(range(1, 11), b"")
+        self.server.preview_pace = pace = threading.Event()
+        self.addCleanup(pace.set)
+        asked = [self.newest.ask("7", self.record(number), 512) for number in range(1, 10)]
+        wait_until(lambda: len(self.server.requests) == 2, "the first requests")
+        self.newest.ask("8", self.record(10), 512)
+        wait_until(lambda: len(self.server.requests) == 3, "the other station's")
+        self.assertIn("/api/pictures/10/preview?w=512", previews_of(self.server))
+        pace.set()
+        for one in asked:
+            one.result(DEADLINE)
+
     def test_one_that_several_ask_for_is_fetched_once_and_kept(self):
         self.server.preview_pace = pace = threading.Event()
         self.addCleanup(pace.set)
