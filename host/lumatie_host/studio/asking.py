@@ -32,6 +32,7 @@ class Answered(NamedTuple):
 class _Asked(NamedTuple):
     station: str
     sent: float
+    until: float
     result: "Future[Answered]"
 
 
@@ -52,15 +53,24 @@ class Asking:
         self._asked: Dict[bytes, _Asked] = {}
 
     def ask(
-        self, connection: Connection, station: str, operation: str, request: Mapping[str, Any]
+        self,
+        connection: Connection,
+        station: str,
+        operation: str,
+        request: Mapping[str, Any],
+        patience: float,
     ) -> "Future[Answered]":
-        """Sends a command; the future gets the answer whatever it is, or NotDone."""
+        """Sends a command; the future gets the answer whatever it is, or NotDone.
+
+        It is cancelled when there is none within so many seconds.
+        """
         result: "Future[Answered]" = Future()
         correlation = secrets.token_bytes(12)
         message = dict(request)
         branch = Branch(self._studio, station)
         with self._lock:
-            self._asked[correlation] = _Asked(station, now(), result)
+            moment = now()
+            self._asked[correlation] = _Asked(station, moment, moment + patience, result)
         result.add_done_callback(lambda _: self._forget(correlation))
         if operation in messages.FIRING:
             since = self._since(station)
@@ -94,6 +104,14 @@ class Asking:
             return
         with contextlib.suppress(InvalidStateError):  # nobody waits any more
             asked.result.set_result(Answered(answer, asked.sent, now()))
+
+    def look(self) -> None:
+        """Gives up what has not been answered in time; to be called now and then."""
+        moment = now()
+        with self._lock:
+            late = [one.result for one in self._asked.values() if one.until < moment]
+        for result in late:
+            result.cancel()
 
     def wait(self, result: "Future[Answered]", station: str, seconds: float) -> Answered:
         """The answer; raises NotDone when there is none in time."""

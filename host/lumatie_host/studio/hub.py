@@ -6,11 +6,13 @@ Nothing here waits, and nothing is written. Any thread may call; `Watcher` is ca
 held, on the thread that brought the news.
 """
 
+import collections
+import contextlib
 import logging
 import re
 import threading
 import urllib.parse
-from typing import Any, Dict, Iterable, List, Mapping, NamedTuple, Optional, Tuple
+from typing import Any, Deque, Dict, Iterable, List, Mapping, NamedTuple, Optional, Tuple
 
 from ..ledger import LARGEST_NUMBER
 from ..settings import seconds_of
@@ -22,6 +24,7 @@ from .streams import Stream
 from .topics import Topic, check_name, parse
 
 SHOT_PATIENCE = 30.0  # seconds for a picture, beside its exposure
+FIRED_WITHIN = ages.OLDEST + 1.0  # seconds after which the ledger has a request's shot, or never
 GRACE = 0.3  # seconds in which records may overtake each other
 MOST_STATIONS = 2000
 _URL = re.compile("[!-~]+")  # as it goes over the network
@@ -59,6 +62,32 @@ class Watcher:
         """A message that was not taken, in words; the station may be none that is known."""
 
 
+class Request:
+    """A request for a shot, and where in the ledger its shot is if there is one.
+
+    With the hub's lock held.
+    """
+
+    def __init__(self, ledger: str, after: int, since: Mapping[str, Any]) -> None:
+        self.ledger = ledger
+        self.after = after  # the ledger's last number when it was made
+        self.upto: Optional[int] = None  # and when it was too old to be fired; None: not known yet
+        self.has_fired = False  # its shot is recorded
+        self.is_unanswered = False  # and counted as such
+        self._instance = str(since["instance"])
+        self._too_old = float(since["tick"]) + float(since["after"]) + FIRED_WITHIN
+
+    def hear(self, instance: str, tick: float, number: int) -> None:
+        """The station's clock, and its ledger's last number then."""
+        if self.upto is None and (instance != self._instance or tick > self._too_old):
+            self.upto = number
+
+    def is_met_by(self, ledger: str, number: int) -> bool:
+        """Whether a shot may be the one."""
+        is_behind = self.ledger == ledger and number > self.after and not self.has_fired
+        return is_behind and (self.upto is None or number <= self.upto)
+
+
 class Station:
     """What is known of one station. With the hub's lock held."""
 
@@ -69,6 +98,8 @@ class Station:
         self.ticks = ages.Heard()
         self.picture: Optional[Record] = None  # the newest, with its `ledger`
         self.unanswered = 0  # requests for a shot that the station does not know of
+        # Those of which an answer may be lost.
+        self.requests: Deque[Request] = collections.deque(maxlen=100)
         self.refusals = 0
         self.streams: Dict[str, Stream] = {}
 
@@ -206,6 +237,8 @@ class Hub:
                 stream.take(number, record, now() + self._patience + _exposure(station.settings))
                 if record["kind"] == "picture":
                     station.show(ledger, record)
+                elif record["kind"] == "shot":
+                    self._meet(station, ledger, number)
             has_gap = stream.has_gap
             counts = stream.have, stream.asked + station.unanswered
         if is_new:
@@ -242,6 +275,9 @@ class Hub:
             if told.get("instance") != station.state.get("instance"):
                 return
             station.ticks.hear(str(told["instance"]), tick)
+            for request in station.requests:
+                if request.ledger == station.ledger:
+                    request.hear(str(told["instance"]), tick, number)
             stream = self._stream(name, station.ledger)
             stream.tell_of(number)
             is_gap = stream.has_gap
@@ -326,10 +362,34 @@ class Hub:
         for name, have, asked in late:
             self._watcher.missing(name, have, asked)
 
-    def unanswered(self, name: str) -> None:
-        """A request for a shot has brought no shot at the station."""
+    def asked(self, name: str) -> Optional[Request]:
+        """A station is about to be asked for a shot; it is to be told what becomes of that."""
+        with self._lock:
+            station = self._stations.get(name)
+            since = None if station is None else station.ticks.since()
+            if station is None or since is None:
+                return None
+            request = Request(station.ledger, self._stream(name, station.ledger).highest, since)
+            station.requests.append(request)
+            return request
+
+    def answered(self, name: str, request: Optional[Request]) -> None:
+        """The station has said what has become of a request."""
+        with self._lock, contextlib.suppress(ValueError):
+            if request is not None:
+                self._station(name).requests.remove(request)
+
+    def unanswered(self, name: str, request: Optional[Request] = None) -> None:
+        """A request for a shot has brought no shot at the station.
+
+        With `request` that is not sure, because its answer may be lost: its shot's record tells.
+        """
         with self._lock:
             station = self._station(name)
+            if request is not None and request.has_fired:
+                return
+            if request is not None:
+                request.is_unanswered = True
             station.unanswered += 1
             stream = self._stream(name, station.ledger)
             counts = stream.have, stream.asked + station.unanswered
@@ -362,6 +422,14 @@ class Hub:
             return views
 
     # Within.
+
+    def _meet(self, station: Station, ledger: str, number: int) -> None:
+        """A shot is that of the first request that it may be of."""
+        for request in station.requests:
+            if request.is_met_by(ledger, number):
+                request.has_fired = True
+                station.unanswered -= request.is_unanswered
+                return
 
     def _names(self, station: str) -> Dict[str, str]:
         return {"studio": self._studio, "station": station}

@@ -194,17 +194,25 @@ class Studio(Listener, Watcher):
         """
         names = self.stations if stations is None else list(stations)
         request = {"pair": pair, "timeout": timeout}
-        asked = [(name, self._ask(name, "shoot", request)) for name in names]
-        deadline = time.monotonic() + timeout + ANSWER_PATIENCE
+        patience = timeout + ANSWER_PATIENCE
+        asked = [
+            (name, self._hub.asked(name), self._ask(name, "shoot", request, patience))
+            for name in names
+        ]
+        deadline = time.monotonic() + patience
         releases = []
-        for name, result in asked:
+        for name, noted, result in asked:
             try:
                 told = self._asking.wait(result, name, max(0.0, deadline - time.monotonic()))
                 one = spread.release(name, told.answer, told.sent, told.heard)
             except NotDone as error:
                 one = spread.Release(name, {"ok": False, "error": str(error)})
-            if not one.is_done:
-                self._note_unanswered(name, one.answer)
+            if result.cancelled():
+                self._hub.unanswered(name, noted)
+            else:
+                self._hub.answered(name, noted)
+                if not one.is_done:
+                    self._note_unanswered(name, one.answer)
             releases.append(one)
         return spread.spread(releases)
 
@@ -229,8 +237,11 @@ class Studio(Listener, Watcher):
                 done[name] = str(error)
         return done
 
-    def _ask(self, station: str, operation: str, request: Dict[str, Any]) -> "Future[Answered]":
-        return self._asking.ask(self._connection, station, operation, request)
+    def _ask(
+        self, station: str, operation: str, request: Dict[str, Any], patience: float = 0.0
+    ) -> "Future[Answered]":
+        patience = patience or ANSWER_PATIENCE
+        return self._asking.ask(self._connection, station, operation, request, patience)
 
     def do(self, station: str, operation: str, request: Dict[str, Any]) -> Dict[str, Any]:
         """Has a station do what brings no picture at once; its answer. Raises NotDone."""
@@ -374,6 +385,7 @@ class Studio(Listener, Watcher):
                 if moment - looked >= LOOK_EVERY:
                     looked = moment
                     self._hub.look()
+                    self._asking.look()
                 if moment - kept >= KEEP_EVERY:
                     kept = moment
                     self._keep()

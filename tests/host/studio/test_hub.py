@@ -395,6 +395,51 @@ class Missing(HubTestCase):
         self.hub.unanswered("7")
         self.assertEqual(self.told, ["station 7 has 0 of 1"])
 
+    def tick(self, tick, number):
+        message = {"kind": "tick", "instance": "a", "tick": tick, "n": number}
+        self.hear("lumatie/1/pta/7/tick", message)
+
+    def test_a_shot_whose_answer_is_lost_is_one_shot(self):
+        self.tick(100.0, 0)
+        request = self.hub.asked("7")
+        self.event(shot(1, 1))
+        self.hub.unanswered("7", request)
+        self.assertEqual((self.told, self.counts()), ([], (1, 0, 0)))
+        self.event(picture(2, 1))
+        self.assertEqual(self.counts(), (1, 1, 0))
+
+    def test_a_shot_whose_record_comes_after_the_time_for_its_answer_is_one_shot(self):
+        self.tick(100.0, 0)
+        request = self.hub.asked("7")
+        self.hub.unanswered("7", request)
+        self.assertEqual(self.told, ["station 7 has 0 of 1"])
+        self.tick(140.0, 2)
+        self.event(shot(1, 1))
+        self.assertEqual(self.counts(), (1, 0, 0))
+        self.event(picture(2, 1))
+        self.event(shot(3, 2))
+        self.assertEqual(self.counts(), (2, 1, 0))
+
+    def test_a_later_shot_does_not_take_back_a_request_that_never_came(self):
+        self.tick(100.0, 0)
+        request = self.hub.asked("7")
+        self.tick(101.0, 0)
+        self.tick(140.0, 0)
+        self.hub.unanswered("7", request)
+        other = self.hub.asked("7")
+        self.event(shot(1, 1))
+        self.event(picture(2, 1))
+        self.hub.answered("7", other)
+        self.assertEqual(self.counts(), (2, 1, 1))
+
+    def test_a_shot_of_another_ledger_does_not_take_back_a_request(self):
+        self.tick(100.0, 0)
+        request = self.hub.asked("7")
+        self.hub.unanswered("7", request)
+        self.announce(ledger="M", instance="b")
+        self.event(shot(1, 1))
+        self.assertEqual(self.counts(), (2, 0, 1))
+
     def test_counts_go_on_after_a_restart(self):
         for number in range(1, 11):
             self.event(shot(2 * number - 1, number))

@@ -250,6 +250,25 @@ class Missing(WithStudio):
         self.assertEqual((view["asked"], view["have"]), (2, 1))
         self.assertEqual(self.alarms(), ["station 7 has 0 of 1"])
 
+    def test_a_shot_whose_answer_is_lost_counts_once(self):
+        studio, station = self.ready()
+        with mock.patch.object(studios, "ANSWER_PATIENCE", 0.5):
+            spread = studio.shoot(timeout=0.5)
+        self.assertEqual(str(spread), "0 of 1 stations")
+        wait_until(self.alarms, "an alarm")
+        station.shot()
+        station.picture(b"x")
+        self.assert_complete(station)
+        (view,) = studio.view()["stations"]
+        self.assertEqual((view["asked"], view["have"], view["missing"]), (1, 1, 0))
+
+    def test_a_command_that_nobody_answers_is_forgotten(self):
+        with mock.patch.object(studios, "ANSWER_PATIENCE", 1.0):
+            studio = self.start_studio()
+            station = self.simulated("7", is_silent=True)
+            wait_until(lambda: station.commands, "the command")
+            wait_until(lambda: not studio._asking._asked, "that it is forgotten")
+
     def ready(self):
         """A studio, and a station whose clock it knows."""
         studio = self.start_studio()
