@@ -17,7 +17,7 @@ from typing import Any, Deque, Dict, Iterable, List, Mapping, NamedTuple, Option
 from ..ledger import LARGEST_NUMBER
 from ..settings import seconds_of
 from . import ages, messages
-from .broker import Message
+from .broker import KEEP_ALIVE, Message
 from .clock import now
 from .problems import NotAName
 from .streams import Stream
@@ -25,6 +25,10 @@ from .topics import Topic, check_name, parse
 
 SHOT_PATIENCE = 30.0  # seconds for a picture, beside its exposure
 FIRED_WITHIN = ages.OLDEST + 1.0  # seconds after which the ledger has a request's shot, or never
+# Seconds without a tick after which a station is gone, whatever the broker has kept of it. By then
+# it is known whether the connection is the studio's own trouble.
+SILENCE = 2 * KEEP_ALIVE + 5.0
+STANDSTILL = 2.0  # seconds between two looks after which all stations are given that time anew
 GRACE = 0.3  # seconds in which records may overtake each other
 MOST_STATIONS = 2000
 _URL = re.compile("[!-~]+")  # as it goes over the network
@@ -96,6 +100,8 @@ class Station:
         self.state: Dict[str, Any] = {}
         self.settings: Dict[str, Any] = {}
         self.ticks = ages.Heard()
+        self.heard_at = 0.0  # the last sign of life
+        self.is_silent = False
         self.picture: Optional[Record] = None  # the newest, with its `ledger`
         self.unanswered = 0  # requests for a shot that the station does not know of
         # Those of which an answer may be lost.
@@ -114,9 +120,13 @@ class Station:
         """The identity of the ledger that it has now."""
         return str(self.state.get("ledger", ""))
 
+    def hear(self) -> None:
+        """A sign of life."""
+        self.heard_at, self.is_silent = now(), False
+
     @property
     def is_online(self) -> bool:
-        return self.state.get("online") is True
+        return self.state.get("online") is True and not self.is_silent
 
     @property
     def url(self) -> str:
@@ -146,8 +156,15 @@ class Hub:
         self._lock = threading.Lock()  # guards all that follows
         self._stations: Dict[str, Station] = {}
         self._marks = dict(marks or {})
+        self._listening_since: Optional[float] = None  # None: the broker is not there
+        self._looked_at = 0.0
 
     # What comes in.
+
+    def connected(self, is_connected: bool) -> None:
+        """The broker is there, or is not."""
+        with self._lock:
+            self._listening_since = now() if is_connected else None
 
     def heard(self, message: Message) -> None:
         """A message of the broker's."""
@@ -198,8 +215,9 @@ class Hub:
 
     def _take(self, topic: Topic, message: Message) -> None:
         if topic.what == "state":
-            self._take_state(topic.station, messages.decode(message.payload) if message.payload
-                             else {"online": False, **self._names(topic.station)})  # fmt: skip
+            state = messages.decode(message.payload) if message.payload else {
+                "online": False, **self._names(topic.station)}  # fmt: skip
+            self._take_state(topic.station, state, message.is_retained)
         elif topic.what == "settings" and message.payload:
             told = self._own(topic, messages.decode(message.payload))
             if not isinstance(told.get("settings"), dict):
@@ -247,22 +265,26 @@ class Hub:
                 self._watcher.missing(name, *counts)
         return has_gap
 
-    def _take_state(self, name: str, state: Record) -> None:
+    def _take_state(self, name: str, state: Record, is_retained: bool) -> None:
         self._own(Topic(self._studio, name, "state", ""), state)
         number = state.get("n", 0)
         if type(number) is not int or number < 0 or not isinstance(state.get("online"), bool):
             raise messages.Rubbish("a state that is none")
         with self._lock:
             station = self._station(name)
+            was_online = station.is_online
             before, station.state = station.state, state
+            is_new = state.get("instance") != before.get("instance")
+            if is_new or not is_retained:
+                station.hear()
+            is_other = {**before, "n": 0} != {**state, "n": 0} or station.is_online != was_online
             is_gap = False
             if station.is_online and number:
                 stream = self._stream(name, station.ledger)
                 stream.tell_of(number)
                 is_gap = stream.has_gap
-        is_new = state.get("instance") != before.get("instance")
-        if {**before, "n": 0} != {**state, "n": 0}:
-            self._watcher.state(name, before.get("online") is True, is_new)
+        if is_other:
+            self._watcher.state(name, was_online, is_new)
         if is_gap:
             self._look_for_gap(name)
 
@@ -274,6 +296,8 @@ class Hub:
             station = self._station(name)
             if told.get("instance") != station.state.get("instance"):
                 return
+            was_silent = station.is_silent
+            station.hear()
             station.ticks.hear(str(told["instance"]), tick)
             for request in station.requests:
                 if request.ledger == station.ledger:
@@ -281,6 +305,8 @@ class Hub:
             stream = self._stream(name, station.ledger)
             stream.tell_of(number)
             is_gap = stream.has_gap
+        if was_silent:
+            self._watcher.state(name, False, False)
         if is_gap:
             self._look_for_gap(name)
 
@@ -351,7 +377,7 @@ class Hub:
             return dict(self._marks)
 
     def look(self) -> None:
-        """Tells the shots whose deadline has passed; to be called now and then."""
+        """Tells the shots whose deadline has passed, and who is gone; to be called now and then."""
         moment = now()
         late: List[Tuple[str, int, int]] = []
         with self._lock:
@@ -359,8 +385,27 @@ class Hub:
                 for stream in station.streams.values():
                     for _ in stream.late(moment):
                         late.append((name, stream.have, stream.asked + station.unanswered))
+            silent = self._silent(moment)
         for name, have, asked in late:
             self._watcher.missing(name, have, asked)
+        for name in silent:
+            self._watcher.state(name, True, False)
+
+    def _silent(self, moment: float) -> List[str]:
+        """The stations that are gone without a word: their will may be lost with a broker."""
+        stood_still = moment - self._looked_at > STANDSTILL
+        self._looked_at = moment
+        if self._listening_since is None:
+            return []
+        if stood_still:  # what has come meanwhile is still to be heard
+            self._listening_since = moment
+        silent = []
+        for name, station in self._stations.items():
+            heard_at = max(station.heard_at, self._listening_since)
+            if station.is_online and moment - heard_at > SILENCE:
+                station.is_silent = True
+                silent.append(name)
+        return silent
 
     def asked(self, name: str) -> Optional[Request]:
         """A station is about to be asked for a shot; it is to be told what becomes of that."""

@@ -257,10 +257,12 @@ class Studio(Listener, Watcher):
 
     def up(self) -> None:
         self._last_words = ""
+        self._hub.connected(True)
         self._say("Studio %s is at the broker %s." % (self.name, self._address))
         self._settled.set()
 
     def down(self, words: str, is_hopeless: bool) -> None:
+        self._hub.connected(False)
         if is_hopeless and not self._settled.is_set():
             self._problem = BrokerRefused(str(self._address), words)
         elif words != self._last_words:

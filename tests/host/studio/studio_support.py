@@ -17,6 +17,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 import unittest
 from urllib.parse import parse_qs, urlsplit
 
@@ -287,6 +288,8 @@ class SimulatedStation(Listener):
         self._identity = ledger
         self.server = server or PictureServer(self)
         self._shot = 0
+        self._told = 0  # number of a record
+        self._is_ticking = threading.Event()
         self.is_up = threading.Event()
         will = messages.encode(self.state(False))
         self.connection = Connection(
@@ -322,7 +325,27 @@ class SimulatedStation(Listener):
         self.tell_state()
         self.is_up.set()
 
+    def begin_ticks(self, every=0.5):
+        """Tells its clock as stations do; until `end_ticks`."""
+        self._is_ticking.set()
+
+        def run():
+            while self._is_ticking.is_set():
+                self.tick()
+                threading.Event().wait(every)
+
+        threading.Thread(target=run, daemon=True).start()
+
+    def end_ticks(self):
+        self._is_ticking.clear()
+
+    def tick(self):
+        about = {"instance": self._instance, "tick": time.monotonic(), "n": self._told}
+        message = messages.encode({"kind": "tick", **about})
+        self.connection.publish(self.branch.tick, message)
+
     def tell_state(self):
+        self._told = len(self.ledger)
         self.connection.publish(self.branch.state, messages.encode(self.state()), retain=True)
 
     def heard(self, message):
@@ -351,6 +374,7 @@ class SimulatedStation(Listener):
 
     def publish(self, record, **changes):
         message = {**record, **self._names}
+        self._told = max(self._told, record["n"])
         if record["kind"] == "picture":
             message["url"] = "%sapi/pictures/%d" % (self.server.url, record["n"])
         message.update(changes)
@@ -379,12 +403,14 @@ class SimulatedStation(Listener):
         )
 
     def close(self):
+        self.end_ticks()
         state = {**self.state(False), "connection": "closed"}
         self.connection.close([(self.branch.state, messages.encode(state))])
         self.server.close()
 
     def kill(self):
         """Goes without a word, as a program does that is killed: the broker tells the will."""
+        self.end_ticks()
         client = self.connection._client
         self.connection._closing.set()
         if client is not None:
@@ -526,6 +552,7 @@ class StudioTestCase(unittest.TestCase):
         user = None if self.is_open else name
         address = self.broker.address(user, port=port)
         station = SimulatedStation(address, "pta", name, **options).start()
+        station.begin_ticks()
         self.addCleanup(station.close)
         return station
 

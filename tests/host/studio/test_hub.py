@@ -4,8 +4,10 @@ import json
 import random
 import time
 import unittest
+from unittest import mock
 
 from lumatie_host.studio import ages, clock, messages
+from lumatie_host.studio import hub as hubs
 from lumatie_host.studio.broker import Message
 from lumatie_host.studio.hub import Hub, Mark, Watcher
 from studio_support import wait_until
@@ -499,6 +501,78 @@ class Missing(HubTestCase):
         self.hub.settle("7", "L", 2)
         self.assertEqual(self.hub.marks()["7", "L"], Mark(number, 101, 101))
         self.assertEqual(stream._entries, {})
+
+
+class Silent(HubTestCase):
+    """Stations that go without a word, and a broker that has kept that they are there."""
+
+    def setUp(self):
+        self.moment, self.states = 1000.0, []
+        clock = mock.patch.object(hubs, "now", lambda: self.moment)
+        clock.start()
+        self.addCleanup(clock.stop)
+        super().setUp()
+        self.states.clear()
+
+    def state(self, station, was_online, is_new_start):
+        self.states.append((station, was_online, self.hub.online()))
+
+    def tick(self):
+        message = {"kind": "tick", "instance": "a", "tick": self.moment, "n": 0}
+        self.hear("lumatie/1/pta/7/tick", message)
+
+    def go_on(self, seconds):
+        for _ in range(seconds):
+            self.moment += 1.0
+            self.hub.look()
+
+    def test_a_station_without_ticks_is_gone_and_is_back_with_the_next_one(self):
+        self.hub.connected(True)
+        self.tick()
+        self.go_on(20)
+        self.assertEqual(self.states, [])
+        self.go_on(20)
+        self.assertEqual(self.states, [("7", True, [])])
+        self.assertEqual(self.hub.place("7"), ("", "", ""))
+        self.announce()  # the broker has kept it
+        self.assertEqual(self.hub.online(), [])
+        self.tick()
+        self.assertEqual(self.states[1:], [("7", False, ["7"])])
+
+    def test_a_station_that_is_gone_already_is_not_gone_again_with_its_will(self):
+        self.hub.connected(True)
+        self.go_on(40)
+        self.announce(online=False)
+        self.assertEqual([was for _, was, _ in self.states], [True, False])
+        self.announce(instance="b")
+        self.assertEqual(self.hub.online(), ["7"])
+        self.assertEqual(self.states[2:], [("7", False, ["7"])])
+
+    def test_a_station_that_tells_ticks_stays(self):
+        self.hub.connected(True)
+        for _ in range(100):
+            self.tick()
+            self.go_on(10)
+        self.assertEqual(self.states, [])
+
+    def test_while_the_broker_is_not_there_and_for_a_while_after_nobody_is_gone(self):
+        self.hub.connected(True)
+        self.hub.connected(False)
+        self.go_on(200)
+        self.hub.connected(True)
+        self.go_on(20)
+        self.assertEqual(self.states, [])
+        self.go_on(20)
+        self.assertEqual(len(self.states), 1)
+
+    def test_a_studio_that_stood_still_hears_first_who_is_there(self):
+        self.hub.connected(True)
+        self.go_on(5)
+        self.moment += 3600.0
+        self.go_on(20)
+        self.assertEqual(self.states, [])
+        self.go_on(20)
+        self.assertEqual(len(self.states), 1)
 
 
 class Ages(unittest.TestCase):

@@ -9,6 +9,7 @@ import unittest
 from unittest import mock
 
 import lumatie_host
+from lumatie_host.studio import hub as hubs
 from lumatie_host.studio import messages
 from lumatie_host.studio import studio as studios
 from lumatie_host.studio.studio import Studio
@@ -196,6 +197,19 @@ class Following(WithStudio):
         wait_until(self.alarms, "an alarm")
         self.wait_for_words("Station 1 has left.")
         self.assertEqual(self.alarms(), ["station 7 is gone"])
+
+    def test_a_station_that_is_silent_is_an_alarm_and_is_followed_when_it_is_back(self):
+        with mock.patch.object(hubs, "SILENCE", 3.0):
+            studio = self.start_studio()
+            station = self.simulated("7")
+            wait_until(lambda: studio.stations == ["7"], lambda: repr(studio.stations))
+            station.end_ticks()
+            wait_until(lambda: studio.stations == [], lambda: repr(studio.stations))
+            wait_until(lambda: "station 7 is gone" in self.alarms(), "an alarm")
+            station.picture(b"x" * 100)
+            station.begin_ticks()
+            self.assert_complete(station)
+            wait_until(lambda: studio.stations == ["7"], lambda: repr(studio.stations))
 
     def test_what_is_collected_is_the_folders_own_record(self):
         self.start_studio()
