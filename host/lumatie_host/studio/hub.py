@@ -32,7 +32,7 @@ STANDSTILL = 2.0  # seconds between two looks after which all stations are given
 GRACE = 0.3  # seconds in which records may overtake each other
 MOST_STATIONS = 2000
 _URL = re.compile("[!-~]+")  # as it goes over the network
-_MOST_REFUSALS = 100  # that are told of one station; then it is only counted
+_MOST_REFUSALS = 100  # that are told of one station, or of all unknown names; then only counted
 
 _log = logging.getLogger("lumatie_host")
 
@@ -156,6 +156,7 @@ class Hub:
         self._lock = threading.Lock()  # guards all that follows
         self._stations: Dict[str, Station] = {}
         self._marks = dict(marks or {})
+        self._refusals = 0  # of names that are no station's
         self._listening_since: Optional[float] = None  # None: the broker is not there
         self._looked_at = 0.0
 
@@ -518,10 +519,10 @@ class Hub:
     def _refuse(self, topic: Topic, words: str) -> None:
         with self._lock:
             station = self._stations.get(topic.station)
-            count = 0
-            if station is not None:
-                station.refusals += 1
-                count = station.refusals
+            if station is None:
+                count = self._refusals = self._refusals + 1
+            else:
+                count = station.refusals = station.refusals + 1
         if count <= _MOST_REFUSALS:
             self._watcher.refused(topic.station, "%s on %s" % (words, _shown(topic)))
         if station is not None:

@@ -219,6 +219,13 @@ class Refused(HubTestCase):
         self.assertEqual(len(self.refusals), 100)
         self.assertEqual(self.hub.view()[0]["refused"], 1000)
 
+    def test_names_that_are_no_stations_are_not_told_of_for_ever(self):
+        for number in range(1000):
+            self.hear("lumatie/1/pta/x%d/event/shot" % number, b"x")
+        self.assertEqual((len(self.refusals), self.hub.names()), (100, ["7"]))
+        self.hear("lumatie/1/pta/7/event/shot", b"x")
+        self.assertEqual(len(self.refusals), 101)
+
 
 class Missing(HubTestCase):
     def test_a_shot_that_brings_nothing_until_its_deadline_is_told_once(self):
