@@ -187,7 +187,7 @@ class Collector:
                         del self._waiting[source]
                     self._active[source[0]] = self._active.get(source[0], 0) + 1
                     return job
-                self._changed.wait(0.2 if self._waiting or self._aside else None)
+                self._changed.wait(0.2 if self._waiting else 1.0 if self._aside else None)
             return None
 
     def _may_begin(self, source: _Source, moment: float) -> bool:
