@@ -17,14 +17,13 @@ import subprocess
 import sys
 import tempfile
 import threading
-import time
 import unittest
 from urllib.parse import parse_qs, urlsplit
 
 import lumatie_host
 import paho.mqtt.client as mqtt
 import programs
-from lumatie_host.studio import messages
+from lumatie_host.studio import clock, messages
 from lumatie_host.studio.address import Address
 from lumatie_host.studio.broker import Connection, Listener
 from lumatie_host.studio.topics import Branch
@@ -340,7 +339,8 @@ class SimulatedStation(Listener):
         self._is_ticking.clear()
 
     def tick(self):
-        about = {"instance": self._instance, "tick": time.monotonic(), "n": self._told}
+        """Tells its clock: without that it is not there, and nobody can ask it for a picture."""
+        about = {"instance": self._instance, "tick": clock.now(), "n": self._told}
         message = messages.encode({"kind": "tick", **about})
         self.connection.publish(self.branch.tick, message)
 

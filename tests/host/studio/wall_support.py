@@ -58,12 +58,6 @@ class ActingStation(SimulatedStation):
     def _shot_number(self):
         return self.ledger[-1]["shot"]
 
-    def tick(self):
-        """Tells its clock: without that nobody can ask it for a picture."""
-        about = {"kind": "tick", "instance": self._instance, "tick": clock.now()}
-        about["n"] = len(self.ledger)
-        self.connection.publish(self.branch.tick, messages.encode(about))
-
 
 class WallCase(Asking, WithStudio):
     """A studio with its page."""
@@ -93,7 +87,7 @@ class WallCase(Asking, WithStudio):
             station = ActingStation(self.broker.address(name), "pta", name).start()
             self.addCleanup(station.close)
             station.tell_state()
-            station.tick()
+            station.begin_ticks()
             stations.append(station)
         self.wait_for_state(lambda told: {one["station"] for one in told["stations"]} >= set(names))
         for name in names:
