@@ -4,6 +4,7 @@ A command goes once, or not at all: nothing that could not be sent now waits for
 """
 
 import contextlib
+import math
 import secrets
 import threading
 from concurrent.futures import Future, InvalidStateError
@@ -16,7 +17,7 @@ from .clock import now
 from .problems import NotDone
 from .topics import Branch, parse
 
-EXPIRY = 2  # seconds that a command may wait in the broker
+FIRING_EXPIRY = 2  # seconds that a shutter request may be under way; others: while somebody waits
 
 Answer = Dict[str, Any]
 
@@ -72,7 +73,9 @@ class Asking:
             moment = now()
             self._asked[correlation] = _Asked(station, moment, moment + patience, result)
         result.add_done_callback(lambda _: self._forget(correlation))
+        expiry = math.ceil(patience)
         if operation in messages.FIRING:
+            expiry = FIRING_EXPIRY
             since = self._since(station)
             if since is None:
                 result.set_exception(_not_done(station, "it is not known how late it is there"))
@@ -81,7 +84,7 @@ class Asking:
         number = connection.publish(
             branch.command(operation),
             messages.encode(message),
-            expiry=EXPIRY,
+            expiry=expiry,
             response=branch.reply(self._client),
             correlation=correlation,
         )
