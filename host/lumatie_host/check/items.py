@@ -126,7 +126,7 @@ class NikonItem(Nikon):
         return self._told()
 
     def _new_item(self, source: Object, known: List[int]) -> int:
-        """The id of the picture that was taken; of an old one if the camera lists no new one."""
+        """The id of the picture that was taken; raises No when none is listed that is new."""
         end = time.monotonic() + _PICTURE
         while time.monotonic() < end:
             ids = self._children(source)
