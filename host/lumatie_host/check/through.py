@@ -135,7 +135,8 @@ class Through:
         change, camera = self._change, self._camera
         key = self._impossible(change.name)
         camera.set(change.name, key)
-        if camera.wait(lambda: not camera.is_set(change.name, change.old.key), _REFUSAL):
+        taken = camera.wait(lambda: not camera.is_set(change.name, change.old.key), _REFUSAL)
+        if taken is not None:
             now = camera.settings.get(change.name).text
             self._tell.changed({"name": change.name, "key": change.old.key})
             self._set(change.name, change.old.key)

@@ -13,10 +13,11 @@ import unittest
 from unittest import mock
 
 import canon_tables
-from lumatie_host.check import binary, children, ends, heard, known, records, report
+from lumatie_host.check import binary, children, ends, heard, known, records, report, through
 from lumatie_host.check.points import NO, POINTS, UNSEEN, YES
 from lumatie_host.check.teller import Crashed, No, Stopped, Teller, Unseen, answered
 from lumatie_host.libraries import CANON_FUNCTIONS, NIKON_ENTRY
+from lumatie_host.settings import Choice
 from support import NIKON_MODULE, ON_WINDOWS
 from virtual_cameras import CANON_LIBRARY
 
@@ -249,6 +250,18 @@ class Ending(unittest.TestCase):
         ):
             ends.again(Teller(file), target)
         self.assertEqual(json.loads(file.getvalue().splitlines()[1])["answer"], YES)
+
+
+class Refusing(unittest.TestCase):
+    def test_an_impossible_value_that_is_taken_at_once_is_a_no(self):
+        """Some clocks do not advance between a request and what was noted before it returned."""
+        told = [Choice(1, "100"), Choice(2, "200")]
+        settings = mock.Mock(get=lambda name: mock.Mock(text="?", choices=told))
+        camera = mock.Mock(settings=settings, wait=lambda is_there, seconds: 0.0)
+        session = through.Through(Teller(io.StringIO()), heard.Target("nikon", "", None, ""))
+        session._camera, session._change = camera, through._Change("iso", *told)
+        with self.assertRaisesRegex(No, "went to . when it was asked for key 3"):
+            session._refuse()
 
 
 class Sending(unittest.TestCase):
