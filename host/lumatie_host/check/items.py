@@ -62,7 +62,7 @@ class CanonItem(Canon):
             raise No("it claims %d bytes%s" % (size, " and to be a folder" if is_folder else ""))
         fetched = self._fetch(item, size)
         if fetched != size:
-            raise No("it claims %d bytes, and %d came" % (size, fetched))
+            raise No("it claims %d bytes, and %d bytes came" % (size, fetched))
         return ".%s of %d bytes, which came" % (extension, size)
 
     def _fetch(self, item: int, size: int) -> int:
@@ -159,13 +159,15 @@ class NikonItem(Nikon):
             raise No("no part of it came")
         total, came = parts[0]["total"], sum(part["length"] for part in parts)
         kinds = sorted({part["kind"] for part in parts})
+        unit = "bytes" if kinds[0] & maid.IS_FILE else "rows"
         if any(part["total"] != total for part in parts) or came != total:
-            raise No("it claims %d, and %d came in %d parts" % (total, came, len(parts)))
+            raise No("it claims %d %s, and %d %s came in %d parts"
+                     % (total, unit, came, unit, len(parts)))  # fmt: skip
         if kinds[0] & maid.IS_FILE and parts[0]["type"] not in maid.FILE_TYPES:
             raise No("its file type is %d" % parts[0]["type"])
         if len(kinds) > 1 or not kinds[0] & maid.IMAGE:
             raise No("its parts are of the kinds %s" % ", ".join(map(hex, kinds)))
-        return "type %d, %d in %d parts" % (parts[0]["type"], total, len(parts))
+        return "type %d, %d %s in %d parts" % (parts[0]["type"], total, unit, len(parts))
 
     def _on_data(self, reference: Any, info: Any, data: Any) -> int:
         words = (ctypes.c_uint32 * 9).from_address(info)

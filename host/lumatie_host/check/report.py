@@ -14,10 +14,21 @@ import sys
 import tempfile
 from typing import Any, Dict, List, Sequence, Tuple
 
-from .points import NO, UNSEEN, YES, Point
+from .points import NO, POINTS, UNSEEN, YES, Point
 
-_SERIAL = re.compile(r"(?<![0-9A-Za-z])(?=[0-9A-Za-z]*[0-9]{4})[0-9A-Za-z]{6,31}(?![0-9A-Za-z])")
-_HARMLESS = re.compile(r"[0-9]{1,8}|0x[0-9A-Fa-f]{1,8}|x86|[0-9]+(?:ms|s|MB)")
+# Numbers of a length that serial numbers have, too: codes, sizes, times, the highest sensitivities.
+_HARMLESS = "|".join((
+    "0x[0-9A-Fa-f]{1,8}",
+    "[0-9]+x[0-9]+",
+    "[0-9]+(?:ms|s|MB)",
+    "[0-9]+ (?:bytes|rows|values|capabilities|events|ms|s)",
+    *(str(iso << stops) for iso in (51200, 64000, 80000) for stops in range(1, 7)),
+))  # fmt: skip
+_SERIAL = re.compile(
+    r"(?<!SHA-256 )(?<![0-9A-Za-z])(?!(?:%s)(?![0-9A-Za-z]))"
+    r"(?=[0-9A-Za-z]*[0-9]{4})[0-9A-Za-z]{6,31}(?![0-9A-Za-z])" % _HARMLESS
+)
+_OWN = r"\b(%s)\b" % "|".join(map(re.escape, POINTS))
 
 
 @dataclasses.dataclass(frozen=True)
@@ -72,20 +83,29 @@ def status_of(findings: Sequence[Finding]) -> int:
 def write(path: str, findings: Sequence[Finding], facts: Dict[str, Any]) -> None:
     """Writes the file to send: everything, with names and serial numbers removed.
 
-    Raises OSError; FileExistsError when there is one already.
+    `facts` are told as they are. Raises OSError; FileExistsError when there is one already.
     """
+    words = private_words()
     content = {
         **summary(findings),
         "system": {
             "python": "%s, %d bits" % (sys.version.split()[0], struct.calcsize("P") * 8),
-            "system": platform.platform(),
+            "system": without_names(platform.platform(), words),
             **facts,
         },
-        "points": [found.record() for found in findings],
+        "points": [_to_send(found, words) for found in findings],
     }
     with open(path, "x", encoding="utf-8") as file:
-        json.dump(without_names(content, private_words()), file, indent=1)
+        json.dump(content, file, indent=1)
         file.write("\n")
+
+
+def _to_send(found: Finding, words: Sequence[Tuple[str, str]]) -> Dict[str, Any]:
+    """Its record, with nothing private in what is not the report's own words."""
+    record = found.record()
+    for key in ("evidence", "facts"):
+        record[key] = without_names(record[key], words)
+    return record
 
 
 def private_words() -> List[Tuple[str, str]]:
@@ -109,11 +129,12 @@ def without_names(value: Any, words: Sequence[Tuple[str, str]]) -> Any:
     """The same without words of this machine and its people, and without serial numbers.
 
     What is left out of texts: `words`, and what looks like a number that only one device has.
-    Hashes of files stay, for they are of what many people have.
+    Hashes of files stay, for they are of what many people have, and so do the names of points and
+    the keys of dictionaries, which are the report's own.
     """
     if isinstance(value, dict):
         return {
-            without_names(key, words): part if key in ("sha256", "build")
+            key: part if key in ("sha256", "build")
             else without_names(part, words)
             for key, part in value.items()
         }  # fmt: skip
@@ -122,11 +143,11 @@ def without_names(value: Any, words: Sequence[Tuple[str, str]]) -> Any:
     if not isinstance(value, str):
         return value
     for word, name in words:
-        bounds = (r"(?<![0-9A-Za-z])", r"(?![0-9A-Za-z])") if word.isalnum() else ("", "")
-        value = re.sub(bounds[0] + re.escape(word) + bounds[1], name, value, flags=re.IGNORECASE)
-    return _SERIAL.sub(_hidden, value)
+        value = _without(value, word, name)
+    return _SERIAL.sub("SERIAL", value)
 
 
-def _hidden(found: "re.Match[str]") -> str:
-    text = found.group()
-    return text if _HARMLESS.fullmatch(text) else "SERIAL"
+def _without(text: str, word: str, name: str) -> str:
+    bounds = (r"(?<![0-9A-Za-z])", r"(?![0-9A-Za-z])") if word.isalnum() else ("", "")
+    pattern = "%s|%s%s%s" % (_OWN, bounds[0], re.escape(word), bounds[1])
+    return re.sub(pattern, lambda found: found.group(1) or name, text, flags=re.IGNORECASE)

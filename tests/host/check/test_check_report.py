@@ -283,7 +283,8 @@ class Sending(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             path = os.path.join(folder, "report.json")
             evidence = (
-                "%s/library on %s, body 0123456789012, lens F2Z8842017, 1/8000 0x0064ff0f"
+                "%s/library on %s, body 0123456789012, lens F2Z8842017, 1/8000 0x0064ff0f, "
+                "serial 2034567, 41287733 and 203456, iso 102400, 6000x4000, 12345678 bytes"
                 % (
                     home,
                     platform.node(),
@@ -295,13 +296,29 @@ class Sending(unittest.TestCase):
             with self.assertRaises(FileExistsError):
                 report.write(path, [finding], {})
             text = pathlib.Path(path).read_text(encoding="utf-8")
-        for word in (home + "/", "0123456789012", "F2Z8842017", "41287733612"):
+        for word in ("0123456789012", "F2Z8842017", "41287733", "2034567", "203456,"):
             self.assertNotIn(word, text)
+        self.assertNotIn(home + "/", text)
         if len(platform.node()) > 1:
             self.assertNotIn(" %s," % platform.node(), text)
-        for word in ("1/8000", "0x0064ff0f", "EOS 80D", hashed):
+        harmless = ("iso 102400", "6000x4000", "12345678 bytes")
+        for word in ("1/8000", "0x0064ff0f", "EOS 80D", hashed, *harmless):
             self.assertIn(word, text)
-        self.assertEqual(json.loads(text)["points"][0]["point"], "session.camera")
+
+    def test_a_name_that_is_a_word_of_the_report_is_left_out_of_what_was_seen_alone(self):
+        finding = self._finding(
+            "camera of Camera, see session.camera", NO, found={"camera": "a camera"}
+        )
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, "report.json")
+            with mock.patch.object(report, "private_words", lambda: [("camera", "USER")]):
+                report.write(path, [finding], {"maker": "camera"})
+            told = json.loads(pathlib.Path(path).read_text(encoding="utf-8"))
+        expected = finding.record()
+        expected["evidence"] = "USER of USER, see session.camera"
+        expected["facts"] = {"found": {"camera": "a USER"}}
+        self.assertEqual(told["points"], [expected])
+        self.assertEqual((told["no"], told["system"]["maker"]), (["session.camera"], "camera"))
 
 
 if __name__ == "__main__":
