@@ -8,7 +8,7 @@ import time
 
 from .. import libraries
 from . import pace
-from .heard import Camera, Target
+from .heard import Target
 from .pace import milliseconds
 from .teller import Evidence, No, Teller
 
@@ -45,41 +45,65 @@ def interpreter(tell: Teller, target: Target) -> None:
     tell.ask("ends.interpreter", lambda: _interpreter(target))
 
 
-def _twice(target: Target) -> Evidence:
-    libraries.load_canon(target.canon_library)
-    tether = libraries.load_module().Lumatie()
-    pace.prepare()
-    heard = threading.Event()
-    if tether.Init(target.info, target.folder, lambda *event: heard.set()) != 1:
-        raise No("Init does not answer 1")
-    is_heard = pace.wait(heard.is_set, 10.0) is not None
-    times = []
-    for _ in range(2):
+class _Tether:
+    """A tether object of the module's, past the package, which ends a session before the next."""
+
+    def __init__(self, target: Target) -> None:
+        libraries.load_canon(target.canon_library)
+        self._target = target
+        self._tether = libraries.load_module().Lumatie()
+        pace.prepare()
+
+    def init(self) -> int:
+        """Calls Init; its answer."""
+        self._heard = heard = threading.Event()
+        target = self._target
+        return int(self._tether.Init(target.info, target.folder, lambda *event: heard.set()))
+
+    def open(self) -> None:
+        """Calls Init, and waits until the camera is heard of. Raises No when it is not."""
+        if self.init() != 1:
+            raise No("Init does not answer 1")
+        self.hear()
+
+    def hear(self) -> None:
+        """Waits for what is told since Init was called; raises No when nothing is."""
+        if pace.wait(self._heard.is_set, 10.0) is None:
+            raise No("nothing was heard of the camera within 10 s")
+
+    def uninit(self) -> str:
+        """Calls Uninit; how long it took."""
         begun = time.monotonic()
-        tether.Uninit()
-        times.append(milliseconds(time.monotonic() - begun))
-    if not is_heard:
-        raise No("nothing was heard of the camera within 10 s")
-    return "after %s and %s" % (*times,)
+        self._tether.Uninit()
+        return milliseconds(time.monotonic() - begun)
+
+
+def _twice(target: Target) -> Evidence:
+    tether = _Tether(target)
+    try:
+        tether.open()
+        first = tether.uninit()
+    finally:
+        second = tether.uninit()
+    return "after %s and %s" % (first, second)
 
 
 def _again(target: Target) -> Evidence:
-    camera = Camera(target)
+    tether = _Tether(target)
     try:
-        camera.start()
-        _hear(camera)
-        over = camera.start()  # the thread ends the one before
-        _hear(camera)
-        camera.stop()
-        after = camera.start()
-        _hear(camera)
-        camera.stop()
-        return "%s over an open session, %s after one" % (
-            milliseconds(over),
-            milliseconds(after),
-        )
+        tether.open()
+        answer = tether.init()  # the first session runs on, be it 1 or 0
+        tether.hear()
+        tether.uninit()
+        begun = time.monotonic()
+        tether.open()
+        after = milliseconds(time.monotonic() - begun)
     finally:
-        camera.close()
+        tether.uninit()
+    told = (
+        "over an open session Init answers %d, and the camera goes on; after one it tells within %s"
+    )
+    return told % (answer, after)
 
 
 def _interpreter(target: Target) -> Evidence:
@@ -101,11 +125,6 @@ def _interpreter(target: Target) -> Evidence:
     if status != 0:
         raise No("the program ended with %s" % described(status))
     return "after %s, with exit status 0" % milliseconds(time.monotonic() - begun)
-
-
-def _hear(camera: Camera) -> None:
-    if camera.wait(lambda: camera.is_heard, 10.0) is None:
-        raise No("nothing was heard of the camera within 10 s")
 
 
 def described(status: int) -> str:

@@ -41,7 +41,6 @@ class Camera:
         self._notes: List[Note] = []
         self._lists: Set[str] = set()
         self._read = 0
-        self._starts = 0
         self._changed = threading.Condition()
         self.unreadable: List[str] = []
         self.files: List[str] = []  # of the pictures that were announced
@@ -52,7 +51,6 @@ class Camera:
     def start(self) -> float:
         """Calls Init; how many seconds it took. Raises No when it fails."""
         self.settings.forget()
-        self._starts += 1
         begun = time.monotonic()
         answer = wait_for(
             lambda left: self.thread.init(self.target.info, self.target.folder).result(left),
@@ -98,12 +96,6 @@ class Camera:
     def events(self) -> int:
         """How many events came so far."""
         return len(self._notes)
-
-    @property
-    def is_heard(self) -> bool:
-        """Whether an event of the session that was started last has come."""
-        with self._changed:
-            return bool(self._notes) and self._notes[-1].start == self._starts
 
     def has_list(self, name: str) -> bool:
         """Whether the camera told a setting's list, be it an empty one."""

@@ -1,7 +1,7 @@
 """The parts of the check that need no camera: files of libraries, codes, what is sent away."""
 
-import functools
 import io
+import itertools
 import json
 import os
 import pathlib
@@ -13,7 +13,7 @@ import unittest
 from unittest import mock
 
 import canon_tables
-from lumatie_host.check import binary, children, ends, heard, known, records, report, through
+from lumatie_host.check import binary, children, ends, heard, known, pace, records, report, through
 from lumatie_host.check.points import NO, POINTS, UNSEEN, YES
 from lumatie_host.check.teller import Crashed, No, Stopped, Teller, Unseen, answered
 from lumatie_host.libraries import CANON_FUNCTIONS, NIKON_ENTRY
@@ -228,28 +228,67 @@ class Telling(unittest.TestCase):
 
 
 class Ending(unittest.TestCase):
+    def setUp(self):
+        # Other tests have ended the questions of this process.
+        for module in (pace, heard):
+            self._set(module, go_on=lambda: None)
+        self._set(ends.libraries, load_canon=mock.DEFAULT, load_module=mock.DEFAULT)
+        self.file = io.StringIO()
+
+    def _set(self, what, **values):
+        patch = mock.patch.multiple(what, **values)
+        patch.start()
+        self.addCleanup(patch.stop)
+
+    def _answer(self, question, module=None):
+        """What is told of a point when the module is a stand-in."""
+        ends.libraries.load_module.return_value = module
+        question(Teller(self.file), heard.Target("canon", "Virtual EOS", None, ""))
+        return json.loads(self.file.getvalue().splitlines()[1])
+
     def test_what_a_camera_told_before_init_returned_is_heard(self):
-        class Module:
-            """A camera that tells nothing more once it is open."""
+        self.assertEqual(self._answer(ends.again, Module([]))["answer"], YES)
 
-            class Lumatie:
-                def Init(self, info, folder, receive):
-                    receive(0, 0, 0)
-                    return 1
+    def test_init_is_called_over_an_open_session_and_after_one(self):
+        calls = []
+        self._answer(ends.again, Module(calls))
+        self.assertEqual(calls, ["Init", "Init", "Uninit", "Init", "Uninit"])
 
-                def Uninit(self):
-                    return 1
+    def test_an_init_over_an_open_session_may_be_refused_when_the_camera_is_heard_still(self):
+        found = self._answer(ends.again, Module([], (1, 0, 1)))
+        self.assertEqual(found["answer"], YES)
+        self.assertIn("answers 0", found["evidence"])
 
-        file = io.StringIO()
-        target = heard.Target("canon", "Virtual EOS", None, "")
-        with mock.patch.multiple(
-            heard,
-            libraries=mock.DEFAULT,
-            CameraThread=functools.partial(heard.CameraThread, module=Module),
-            go_on=lambda: None,  # other tests have ended the questions of this process
-        ):
-            ends.again(Teller(file), target)
-        self.assertEqual(json.loads(file.getvalue().splitlines()[1])["answer"], YES)
+    def test_a_session_is_ended_when_another_one_does_not_begin(self):
+        for answers in ((0,), (1, 1, 0)):
+            calls = []
+            found = self._answer(ends.again, Module(calls, answers))
+            with self.subTest(answers=answers):
+                self.assertEqual(found["answer"], NO)
+                self.assertEqual(calls[-1], "Uninit")
+
+
+class Module:
+    """Stands in for the module: tells of a camera within Init, and notes in `calls` what is called.
+
+    `answers` are those of Init, one after the other; 1 for ever without.
+    """
+
+    def __init__(self, calls, answers=None):
+        self._calls = calls
+        self._answers = itertools.repeat(1) if answers is None else iter(answers)
+
+    def Lumatie(self):
+        return self
+
+    def Init(self, info, folder, receive):
+        self._calls.append("Init")
+        receive(0, 0, 0)
+        return next(self._answers)
+
+    def Uninit(self):
+        self._calls.append("Uninit")
+        return 1
 
 
 class Refusing(unittest.TestCase):
