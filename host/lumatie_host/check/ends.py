@@ -13,6 +13,7 @@ from .pace import milliseconds
 from .teller import Evidence, No, Teller
 
 _PATIENCE = 20.0
+_GRACE = 4.0  # seconds for a program to end of which nothing is wanted any more
 
 # Ends with its session open, when it has heard of the camera; says so on standard output.
 _LEFT_OPEN = """
@@ -115,16 +116,25 @@ def _interpreter(target: Target) -> Evidence:
         env=dict(os.environ),
     )
     try:
-        status = process.wait(_PATIENCE)
-    except subprocess.TimeoutExpired:
-        process.kill()
-        process.wait()
-        raise No("the program did not end within %g s" % _PATIENCE) from None
+        if pace.wait(lambda: process.poll() is not None, _PATIENCE) is None:
+            raise No("the program did not end within %g s" % _PATIENCE)
+    finally:
+        _end(process)
+    status = process.returncode
     if status == _NOT_OPEN:
         raise No("its session did not open")
     if status != 0:
         raise No("the program ended with %s" % described(status))
     return "after %s, with exit status 0" % milliseconds(time.monotonic() - begun)
+
+
+def _end(process: "subprocess.Popen[bytes]") -> None:
+    """Leaves no program behind; one that does not hang closes its session first."""
+    try:
+        process.wait(_GRACE)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
 
 
 def described(status: int) -> str:

@@ -7,6 +7,7 @@ import os
 import pathlib
 import platform
 import struct
+import subprocess
 import tempfile
 import threading
 import unittest
@@ -266,6 +267,23 @@ class Ending(unittest.TestCase):
             with self.subTest(answers=answers):
                 self.assertEqual(found["answer"], NO)
                 self.assertEqual(calls[-1], "Uninit")
+
+    def test_a_program_with_an_open_session_that_hangs_is_ended_when_the_check_is(self):
+        programs, popen = [], subprocess.Popen
+
+        def begin(arguments, **named):
+            programs.append(popen(arguments, **named))
+            return programs[0]
+
+        def stop():
+            raise Stopped
+
+        self._set(ends, _LEFT_OPEN="import time; time.sleep(600)", _GRACE=0.0)
+        self._set(subprocess, Popen=begin)
+        self._set(pace, go_on=stop)
+        with self.assertRaises(Stopped):
+            self._answer(ends.interpreter)
+        self.assertIsNotNone(programs[0].returncode)
 
 
 class Module:
