@@ -21,7 +21,7 @@ _CREATE, _READ_WRITE = 1, 2
 
 
 class CanonItem(Canon):
-    """A picture of a Canon camera."""
+    """A picture of a Canon camera; `folder` is one with nothing in it that it may write to."""
 
     def __init__(self, tell: Teller, path: str, camera: str, folder: str) -> None:
         super().__init__(tell, path, camera)

@@ -101,7 +101,8 @@ class Check:
         if self._job.shoot and self._can_ask("shoot.event"):
             yield from self._part("shooting", folder)
             if self._can_ask("records.item"):
-                yield from self._part("item", folder)
+                with tempfile.TemporaryDirectory(prefix="lumatie-") as own:
+                    yield from self._part("item", own)
 
     def _part(self, name: str, folder: str, **more: Any) -> Iterator[Finding]:
         job = {

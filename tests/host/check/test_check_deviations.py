@@ -74,6 +74,14 @@ class Page(unittest.TestCase):
         self.assertFalse(named & without)
 
 
+def check_into_folder(base, *arguments):
+    """Runs it with a folder that has a file of a person's."""
+    folder = pathlib.Path(base, "pictures")
+    folder.mkdir()
+    (folder / "item").write_text("mine")
+    return check(base, *arguments, "--folder", str(folder))
+
+
 class Reports(unittest.TestCase):
     """All checks of this class are begun at the same time, for they wait more than they work."""
 
@@ -81,7 +89,7 @@ class Reports(unittest.TestCase):
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory()
         cls.pool = concurrent.futures.ThreadPoolExecutor(AT_ONCE)
-        cls.canon = cls._begin(check, *CANON, "--shoot")
+        cls.canon = cls._begin(check_into_folder, *CANON, "--shoot")
         cls.nikon = cls._begin(check, *NIKON, "--shoot", maker="nikon")
         cls.plain = cls._begin(check, *CANON)
         unplugged = "camera.plugged = 0"
@@ -128,6 +136,12 @@ class Reports(unittest.TestCase):
         self.assertGreater(opened, 5)
         self.assertEqual(closed, opened - 1)  # one was taken by the pulled cable
         self.assertNotIn("misuse", log.lower())
+
+    def test_pictures_go_into_the_folder_that_was_named_beside_what_is_there(self):
+        base, _ = self.canon.result()
+        folder = pathlib.Path(base, "pictures")
+        self.assertEqual((folder / "item").read_text(), "mine")
+        self.assertGreater(len(list(folder.glob("*.JPG"))), 5)
 
     def test_everything_is_yes_with_the_virtual_nikon_camera(self):
         log = self._assert_all_yes("nikon", self.nikon)
