@@ -47,10 +47,7 @@ QUIET = 6.0  # seconds without a call after which one is taken to hang
 SMALL = "picture.width = 64\npicture.height = 48\n"
 NOT_THEIRS = ("Uninit",)  # a column of what an application does
 # A shoot calls these earlier than a check, which sets the shutter for its long exposure only.
-SHOOTING = (
-    *("EdsSetPropertyData, shutter speed", "CapSet, source: shutter speed"),
-    "CapGet, source: children",
-)
+SHOOTING = ("EdsSetPropertyData, shutter speed", "CapSet, source: shutter speed")
 NOT_CALLED = ("EnumChildren, source",)  # only when pictures come whose camera did not tell of them
 STATED = re.compile(r"and (\d+) minutes at most")
 OF_PYTHON = re.compile(r"Traceback|\b[A-Z]\w*(Error|Exception)\b")

@@ -152,16 +152,21 @@ class Nikon(Direct):
         ):
             if not self._source.can(code, operation):
                 odd.append("there is no %#x (%s)" % (code, name))
-        if not odd:
-            self._number(self._source, maid.LIVENESS)
+        pictures = None
+        if self._source.can(maid.CAP_CHILDREN, maid.CAN_GET):
+            pictures = len(self._children(self._source))
         if odd:
-            raise No("; ".join(odd))
+            raise No("; ".join(odd), pictures=pictures)
+        self._number(self._source, maid.LIVENESS)
         described = {
             "%#x" % code: "%s, type %d, operations %#x"
             % (text_of(info.description), info.type, info.operations)
             for code, info in self._source.capabilities.items()
         }
-        return "%d capabilities" % len(described), {"capabilities": described}
+        return "%d capabilities; %d pictures on the card" % (len(described), pictures or 0), {
+            "capabilities": described,
+            "pictures": pictures,
+        }
 
     def _read_all(self) -> None:
         assert self._source is not None

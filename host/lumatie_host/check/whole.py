@@ -1,5 +1,6 @@
 """The check as a whole: which parts there are, in which order, and what each is for."""
 
+import contextlib
 import dataclasses
 import os
 import tempfile
@@ -12,6 +13,7 @@ from .points import NO, POINTS, UNSEEN, YES, points_of
 from .report import Finding
 
 _AT_LAST = 12.0  # seconds for setting the camera back when the check was interrupted
+_THROUGH = "session.answers"  # the first point that is asked through the module
 _WITHOUT_SHOOT = "it was not asked for: --shoot takes pictures"
 
 
@@ -65,14 +67,29 @@ class Check:
 
     def _all(self) -> Iterator[Finding]:
         waiting = [point.id for point in points_of(self._job.maker)]
-        with tempfile.TemporaryDirectory(prefix="lumatie-") as folder:
-            for finding in self._parts(self._job.folder or folder):
+        with self._folder() as folder:
+            for finding in self._parts(folder):
                 self._answers[finding.point.id] = finding
                 place = waiting.index(finding.point.id)
                 yield from self._skipped(waiting[:place])
                 yield finding
                 del waiting[: place + 1]
         yield from self._skipped(waiting)
+
+    @contextlib.contextmanager
+    def _folder(self) -> Iterator[str]:
+        """For what the module fetches unasked: nothing, and then the folder is removed."""
+        if self._job.folder is not None:
+            yield self._job.folder
+            return
+        folder = tempfile.mkdtemp(prefix="lumatie-")
+        try:
+            yield folder
+        finally:
+            try:
+                os.rmdir(folder)
+            except OSError:
+                self._person.say("Pictures that were fetched are in %s." % folder)
 
     def _skipped(self, ids: List[str]) -> Iterator[Finding]:
         """Points that were passed over: what stood in their way is known by now."""
@@ -99,7 +116,8 @@ class Check:
             if self._can_ask(first):
                 yield from self._part(name, folder)
         if self._job.shoot and self._can_ask("shoot.event"):
-            yield from self._part("shooting", folder)
+            with tempfile.TemporaryDirectory(prefix="lumatie-") as own:
+                yield from self._part("shooting", self._job.folder or own)
             if self._can_ask("records.item"):
                 with tempfile.TemporaryDirectory(prefix="lumatie-") as own:
                     yield from self._part("item", own)
@@ -157,7 +175,19 @@ class Check:
         for need in self._needs(point_id):
             if not self._is(need):
                 return "see %s" % self._cause(need)
-        return None
+        return self._card() if point_id == _THROUGH else None
+
+    def _card(self) -> Optional[str]:
+        """Why no session of the module may be opened: it fetches all that a Nikon's card holds.
+
+        The camera may let go of what was fetched, and reports nothing meanwhile.
+        """
+        if self._job.maker != "nikon":
+            return None
+        pictures = self._answers["session.capabilities"].facts.get("pictures")
+        if pictures is None:
+            return "see session.capabilities"
+        return "the card holds pictures, %d: empty it first" % pictures if pictures else None
 
     def _blame(self, finding: Finding) -> Optional[str]:
         """What else explains a no; None when nothing does."""
@@ -196,7 +226,7 @@ _PARTS: Tuple[Tuple[str, str], ...] = (
     ("load", "library.loads"),
     ("module", "library.module"),
     ("direct", "session.starts"),
-    ("through", "session.answers"),
+    ("through", _THROUGH),
     ("twice", "ends.twice"),
     ("again", "ends.again"),
     ("interpreter", "ends.interpreter"),
@@ -212,6 +242,9 @@ def plan(job: Job) -> List[str]:
         ),
         "Opens and closes the session some times; one setting is changed, and changed back.",
     ]  # fmt: skip
+    if job.maker == "nikon":
+        lines.append("The card has to be empty: each session fetches what it holds. Otherwise "
+                     "less is checked.")  # fmt: skip
     if job.shoot:
         where = job.folder or "a folder that is removed afterwards"
         lines.append("Takes about a dozen pictures, into %s; the camera's card may keep them, too."

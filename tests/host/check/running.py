@@ -34,12 +34,15 @@ class Checked(NamedTuple):
 
 
 def environment(base, settings="", maker="canon"):
-    """That of a process whose virtual camera has these settings and logs into `base`."""
+    """That of a process whose virtual camera has these settings and logs into `base`.
+
+    Each Python of it looks for modules in the folder `first` there before it does elsewhere.
+    """
     file = pathlib.Path(base, "camera.txt")
     file.write_bytes(settings.encode("utf-8", "surrogateescape"))
     return {
         **os.environ,
-        "PYTHONPATH": os.pathsep.join((str(HOST), str(PYTHON_DIR))),
+        "PYTHONPATH": os.pathsep.join((str(file.parent / "first"), str(HOST), str(PYTHON_DIR))),
         "PYTHONIOENCODING": "utf-8",
         "LUMATIE_VIRTUAL_LOG": str(pathlib.Path(base, "camera.log")),
         "LUMATIE_VIRTUAL_" + maker.upper(): str(file),

@@ -6,6 +6,7 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -14,9 +15,9 @@ import time
 import unittest
 from unittest import mock
 
-from lumatie_host.check import children
+from lumatie_host.check import children, whole
 from lumatie_host.check.points import NO, UNSEEN, YES
-from running import CANON, LONGEST, check, command, environment
+from running import CANON, LONGEST, NIKON, check, command, environment
 from support import NIKON_MODULE, ON_WINDOWS, wait_until
 from virtual_cameras import CANON_LIBRARY
 
@@ -86,6 +87,38 @@ class Process(unittest.TestCase):
         self.assertEqual(done.answers(NO), ["messages.events"])
         values = re.findall(r"EdsSetPropertyData\(.*, 0x405, 0, 4, (0x\w+)\) = 0x0 ", done.log)
         self.assertEqual(values, ["0x2D", "0x30"])
+
+    def test_pictures_on_a_card_stay_there_and_keep_the_module_from_being_asked(self):
+        # Read by each Python at its start: the module has a picture before anybody uses it.
+        place = pathlib.Path(self.base, "first")
+        place.mkdir()
+        (place / "sitecustomize.py").write_text(
+            "import ctypes\nctypes.CDLL(%r).VirtualCameraPressShutter(0)" % str(NIKON_MODULE)
+        )
+        done = check(self.base, *NIKON, "--shoot", settings="picture.width = 64", maker="nikon")
+        self.assertEqual(done.answers(NO), [])
+        self.assertEqual(done.answers(UNSEEN)[0], "session.answers")
+        self.assertEqual(done.evidence("session.capabilities")[-24:], "; 1 pictures on the card")
+        told = done.evidence("session.answers")
+        self.assertEqual(told, "the card holds pictures, 1: empty it first")
+        self.assertEqual(done.evidence("shoot.event"), "see session.answers")
+        self.assertIn("The card has to be empty", done.errors)
+        self.assertNotIn("Open(source", done.log)
+
+    def test_a_folder_into_which_pictures_were_fetched_is_kept(self):
+        said = []
+        job = whole.Job("canon", "Virtual EOS", str(CANON_LIBRARY), None)
+
+        def fetch(self, folder):
+            pathlib.Path(folder, "A.JPG").write_text("a picture")
+            return iter(())
+
+        with mock.patch.object(whole.Check, "_parts", fetch):
+            list(whole.Check(job, children.Person(said.append, None), lambda: False).run())
+        (text,) = said
+        (folder,) = re.findall(r"^Pictures that were fetched are in (.*)\.$", text)
+        self.addCleanup(shutil.rmtree, folder)
+        self.assertEqual(os.listdir(folder), ["A.JPG"])
 
     def test_what_a_library_gave_before_it_refused_something_is_given_back(self):
         for refused in ("EdsGetChildCount", "EdsGetChildAtIndex", "EdsGetDeviceInfo"):
