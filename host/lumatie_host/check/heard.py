@@ -30,6 +30,13 @@ class Target(NamedTuple):
         return self.maker == "nikon"
 
 
+class Picture(NamedTuple):
+    """A picture that was announced, at this time; `path` is empty when it could not be written."""
+
+    time: float
+    path: str
+
+
 class Camera:
     """A camera thread with a record of all that its camera told. Belongs to one thread."""
 
@@ -43,14 +50,15 @@ class Camera:
         self._read = 0
         self._changed = threading.Condition()
         self.unreadable: List[str] = []
-        self.files: List[str] = []  # of the pictures that were announced
-        self.failures = 0  # pictures that could not be written
-        self.reports = 0  # how often the mode was told, of a Nikon camera once a second
+        self.pictures: List[Picture] = []  # in the order in which they were announced
+        self.reports = 0  # of this session: of a Nikon camera one a second
         self.thread = CameraThread(target.is_nikon, self._note)
 
     def start(self) -> float:
         """Calls Init; how many seconds it took. Raises No when it fails."""
+        self._take_in()
         self.settings.forget()
+        self.reports = 0
         begun = time.monotonic()
         answer = wait_for(
             lambda left: self.thread.init(self.target.info, self.target.folder).result(left),
@@ -92,6 +100,15 @@ class Camera:
                 if len(self._notes) == self._read:
                     self._changed.wait(min(left, _LISTEN))
 
+    def pictures_since(self, since: float) -> List[Picture]:
+        """Those that were announced at that time and later."""
+        return [picture for picture in self.pictures if picture.time >= since]
+
+    @property
+    def has_fetched(self) -> bool:
+        """Whether what a Nikon camera's card held was fetched: its second report comes behind."""
+        return not self.target.is_nikon or self.reports > 1
+
     @property
     def events(self) -> int:
         """How many events came so far."""
@@ -123,9 +140,9 @@ class Camera:
             if isinstance(message, protocol.Unreadable):
                 self.unreadable.append("event %s: %s" % (message.code, message.what))
             elif isinstance(message, protocol.NewFile):
-                self.files.append(message.path)
+                self.pictures.append(Picture(note.time, message.path))
             elif isinstance(message, protocol.WriteFailed):
-                self.failures += 1
+                self.pictures.append(Picture(note.time, ""))
 
 
 def wait_for(result: Callable[[float], _Result], seconds: float, what: str) -> _Result:

@@ -9,7 +9,7 @@ from typing import Dict, List, Optional, Tuple
 
 from .. import formats
 from ..settings import Setting, seconds_of
-from .heard import Camera, Target
+from .heard import Camera, Picture, Target
 from .pace import milliseconds
 from .steering import hands_at
 from .teller import Evidence, No, Teller, Unseen
@@ -17,6 +17,7 @@ from .teller import Evidence, No, Teller, Unseen
 _SHUTTER = 5.0  # seconds until a request is carried out, of a Nikon camera with its next report
 _PICTURE = 20.0  # seconds from then to the announcement, beside the exposure
 _SECOND_FILE = 15.0
+_FETCHED = 60.0  # seconds for what the card holds
 _WHOLE = 10.0
 _PERSON = 90.0
 _LONG = 2.0  # the exposure that is looked for
@@ -34,9 +35,7 @@ class Shooting:
         self._target = target
         self._library = library
         self._may_ask = may_ask
-        self._is_failed = False  # whether the last picture was announced as not written
-        self._seen = 0  # files before the present picture
-        self._failures = 0  # the same of pictures that could not be written
+        self._since = 0.0  # what is announced from then on belongs to the present picture
 
     def run(self) -> None:
         """Asks all points, and leaves no session open."""
@@ -60,12 +59,13 @@ class Shooting:
 
     def _one(self) -> Evidence:
         self._open()
-        announced, self._files = self._shoot()
+        self._wait_for_card()
+        announced, self._pictures = self._shoot()
         return "%s from the shutter to the announcement" % milliseconds(announced)
 
     def _file(self) -> Evidence:
         begun = time.monotonic()
-        told = self._all_whole(self._files)
+        told = self._all_whole(self._pictures)
         return "%s; after %s" % ("; ".join(told), milliseconds(time.monotonic() - begun))
 
     def _five(self) -> Evidence:
@@ -73,9 +73,9 @@ class Shooting:
         names: List[str] = []
         for number in range(1, 6):
             try:
-                _, files = self._shoot()
-                self._all_whole(files)
-                names += files
+                _, pictures = self._shoot()
+                self._all_whole(pictures)
+                names += [picture.path for picture in pictures]
             except No as error:
                 raise No("picture %d: %s" % (number, error)) from None
         if len(set(names)) != len(names):
@@ -91,18 +91,18 @@ class Shooting:
             self._need("Set the picture quality to RAW and JPEG on the camera.", "choose_pair")
             if self._camera.wait(self._is_pair, _CONFIRM) is None:
                 raise Unseen("the quality is %s" % self._quality())
-        _, files = self._shoot()
-        told = self._all_whole(files)
-        extensions = sorted({os.path.splitext(path)[1].lower() for path in files})
-        if len(files) < 2:
+        _, pictures = self._shoot()
+        told = self._all_whole(pictures)
+        extensions = sorted({os.path.splitext(picture.path)[1].lower() for picture in pictures})
+        if len(pictures) < 2:
             raise No("one file came, %s" % extensions[0])
         return "; ".join(told)
 
     def _body(self) -> Evidence:
-        self._count()
+        self._since = time.monotonic()
         self._need("Press the shutter button on the camera, once.", "press")
         announced = self._announced(time.monotonic(), _PICTURE)
-        told = self._all_whole(self._new_files())
+        told = self._all_whole(self._new_pictures())
         return "after %s: %s" % (milliseconds(announced), "; ".join(told))
 
     def _long(self) -> Evidence:
@@ -113,8 +113,8 @@ class Shooting:
         self._tell.changed({"name": "shutter", "key": old})
         self._set_shutter(key)
         try:
-            announced, files = self._shoot(seconds)
-            told = self._all_whole(files)
+            announced, pictures = self._shoot(seconds)
+            told = self._all_whole(pictures)
         finally:
             self._set_shutter(old)
             self._tell.changed(None)
@@ -141,8 +141,9 @@ class Shooting:
                     raise No("it does not open again: %s" % error) from None
                 camera.wait(lambda: False, 1.0)
         opened = time.monotonic() - begun
-        announced, files = self._shoot()
-        told = self._all_whole(files)
+        self._wait_for_card()
+        announced, pictures = self._shoot()
+        told = self._all_whole(pictures)
         return "%s; open again after %s, a picture %s later: %s" % (
             *(silent, milliseconds(opened), milliseconds(announced)),
             "; ".join(told),
@@ -155,44 +156,45 @@ class Shooting:
         if self._camera.wait(lambda: self._camera.settings.is_complete, 10.0) is None:
             raise No("the settings were not told within 10 s")
 
-    def _shoot(self, exposure: float = 0.0) -> Tuple[float, List[str]]:
+    def _wait_for_card(self) -> None:
+        """Waits until what the card holds was fetched: no picture is taken meanwhile.
+
+        That may be what the camera delivered in the session before.
+        """
+        camera, begun = self._camera, time.monotonic()
+        if camera.wait(lambda: camera.has_fetched, _FETCHED) is None:
+            if camera.pictures_since(begun):
+                raise Unseen("after %g s the card's pictures are fetched still" % _FETCHED)
+            raise No("no second report came within %g s" % _FETCHED)
+
+    def _shoot(self, exposure: float = 0.0) -> Tuple[float, List[Picture]]:
         """Takes a picture; seconds from the shutter to its announcement, and its files."""
-        self._count()
         future = self._camera.thread.shoot()
         if self._camera.wait(future.done, _SHUTTER) is None:
             future.cancel()
             raise No("Shoot was not carried out within %g s" % _SHUTTER)
-        released = future.result(0)
-        announced = self._announced(released, _PICTURE + exposure)
-        return announced, self._new_files()
-
-    def _count(self) -> None:
-        """What comes from now on belongs to the next picture."""
-        self._seen = len(self._camera.files)
-        self._failures = self._camera.failures
+        self._since = future.result(0)
+        announced = self._announced(self._since, _PICTURE + exposure)
+        return announced, self._new_pictures()
 
     def _announced(self, since: float, seconds: float) -> float:
         camera = self._camera
-        found = camera.wait(
-            lambda: len(camera.files) > self._seen or camera.failures > self._failures, seconds
-        )
-        if found is None:
+        if camera.wait(lambda: bool(camera.pictures_since(self._since)), seconds) is None:
             raise No("no picture was announced within %g s" % seconds)
-        self._is_failed = camera.failures > self._failures
         return time.monotonic() - since
 
-    def _new_files(self) -> List[str]:
-        """The files of the picture that was announced last, all of them."""
+    def _new_pictures(self) -> List[Picture]:
+        """What was announced of the present picture: of a pair two."""
         camera = self._camera
-        if self._is_pair() and not self._is_failed:
-            camera.wait(lambda: len(camera.files) >= self._seen + 2, _SECOND_FILE)
-        return camera.files[self._seen :]
+        if self._is_pair():
+            camera.wait(lambda: len(camera.pictures_since(self._since)) >= 2, _SECOND_FILE)
+        return camera.pictures_since(self._since)
 
-    def _all_whole(self, files: List[str]) -> List[str]:
+    def _all_whole(self, pictures: List[Picture]) -> List[str]:
         """What the files of a picture are; raises No when one is not there or not whole."""
-        if self._is_failed:
+        if not all(picture.path for picture in pictures):
             raise No("the module says that the picture could not be written")
-        return [self._whole(path) for path in files]
+        return [self._whole(picture.path) for picture in pictures]
 
     def _whole(self, path: str) -> str:
         """What a file is, in words; raises No when it is not there or not whole in time."""

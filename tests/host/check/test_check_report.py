@@ -1,5 +1,6 @@
 """The parts of the check that need no camera: files of libraries, codes, what is sent away."""
 
+import functools
 import io
 import itertools
 import json
@@ -14,7 +15,19 @@ import unittest
 from unittest import mock
 
 import canon_tables
-from lumatie_host.check import binary, children, ends, heard, known, pace, records, report, through
+from lumatie_host import protocol
+from lumatie_host.check import (
+    binary,
+    children,
+    ends,
+    heard,
+    known,
+    pace,
+    records,
+    report,
+    shooting,
+    through,
+)
 from lumatie_host.check.points import NO, POINTS, UNSEEN, YES
 from lumatie_host.check.teller import Crashed, No, Stopped, Teller, Unseen, answered
 from lumatie_host.libraries import CANON_FUNCTIONS, NIKON_ENTRY
@@ -319,6 +332,73 @@ class Refusing(unittest.TestCase):
         session._camera, session._change = camera, through._Change("iso", *told)
         with self.assertRaisesRegex(No, "went to . when it was asked for key 3"):
             session._refuse()
+
+
+class NikonWithCard:
+    """Stands in for the module: fetches a picture after each of the first reports."""
+
+    class Lumatie:
+        def __init__(self):
+            self._is_asked = False
+            self._end = threading.Event()
+
+        def Init(self, info, folder, receive):
+            self._thread = threading.Thread(target=self._report, args=(receive,), daemon=True)
+            self._thread.start()
+            return 1
+
+        def _report(self, receive):
+            for number in itertools.count():
+                receive(protocol.Code.EXPOSUREMODE, "Manual")
+                for code in (protocol.Code.SHUTTERSPEED, protocol.Code.APERTURE,
+                             protocol.Code.ISO, protocol.Code.WB):  # fmt: skip
+                    receive(int(code), 1)
+                    receive(code + 1, "{1:'100',2:'200','NIKON_EDITABLE':1,}")
+                receive(protocol.Code.IMAGEQUALITY, "JPEG Fine")
+                if self._end.wait(0.3):
+                    return
+                if number < 3 or self._is_asked:
+                    name = "new" if self._is_asked else "old"
+                    receive(protocol.Code.GENERAL, "{'GENERAL_NEWFILE':r'%s'}" % name)
+                self._is_asked = False
+
+        def Shoot(self):
+            self._is_asked = True
+            return 1
+
+        def Uninit(self):
+            self._end.set()
+            self._thread.join()
+            return 1
+
+
+class Shots(unittest.TestCase):
+    def setUp(self):
+        libraries = mock.patch.multiple(
+            heard,
+            libraries=mock.DEFAULT,
+            CameraThread=functools.partial(heard.CameraThread, module=NikonWithCard),
+            go_on=lambda: None,  # other tests have ended the questions of this process
+        )
+        libraries.start()
+        self.addCleanup(libraries.stop)
+        target = heard.Target("nikon", "", None, "")
+        self.shooting = shooting.Shooting(Teller(io.StringIO()), target, "", False)
+        self.camera = self.shooting._camera = heard.Camera(target)
+        self.addCleanup(self.camera.close)
+
+    def test_a_picture_that_was_on_the_card_is_not_taken_for_the_one_that_is_taken(self):
+        reports = []
+        shoot = self.camera.thread.shoot
+
+        def asked():
+            reports.append(self.camera.reports)
+            return shoot()
+
+        with mock.patch.object(self.camera.thread, "shoot", asked):
+            self.shooting._one()
+        self.assertGreater(reports[0], 1)  # the first one is told before the card is fetched
+        self.assertEqual([picture.path for picture in self.shooting._pictures], ["new"])
 
 
 class Sending(unittest.TestCase):
