@@ -52,6 +52,7 @@ class Camera:
         self.unreadable: List[str] = []
         self.pictures: List[Picture] = []  # in the order in which they were announced
         self.reports = 0  # of this session: of a Nikon camera one a second
+        self.is_open = False
         self.thread = CameraThread(target.is_nikon, self._note)
 
     def start(self) -> float:
@@ -67,10 +68,12 @@ class Camera:
         )
         if answer != 1:
             raise No("Init answers %d" % answer)
+        self.is_open = True
         return time.monotonic() - begun
 
     def stop(self) -> float:
         """Calls Uninit; how many seconds it took. Raises No when it fails."""
+        self.is_open = False
         begun = time.monotonic()
         wait_for(lambda left: self.thread.uninit().result(left), END_PATIENCE, "Uninit")
         return time.monotonic() - begun

@@ -87,6 +87,8 @@ class Shooting:
         )
 
     def _pair(self) -> Evidence:
+        if not self._camera.is_open:
+            raise Unseen("see shoot.cable")
         if not self._is_pair():
             self._need("Set the picture quality to RAW and JPEG on the camera.", "choose_pair")
             if self._camera.wait(self._is_pair, _CONFIRM) is None:

@@ -384,8 +384,18 @@ class Shots(unittest.TestCase):
         self.addCleanup(libraries.stop)
         target = heard.Target("nikon", "", None, "")
         self.shooting = shooting.Shooting(Teller(io.StringIO()), target, "", False)
+        self.shooting._hands = None
         self.camera = self.shooting._camera = heard.Camera(target)
         self.addCleanup(self.camera.close)
+
+    def test_a_pair_is_not_asked_for_when_the_session_did_not_open_again(self):
+        self.shooting._open()
+        self.camera.stop()
+        with mock.patch.object(NikonWithCard.Lumatie, "Init", lambda *arguments: 0):
+            with self.assertRaises(No):
+                self.shooting._open()
+            with self.assertRaisesRegex(Unseen, "^see shoot.cable$"):
+                self.shooting._pair()
 
     def test_a_picture_that_was_on_the_card_is_not_taken_for_the_one_that_is_taken(self):
         reports = []
