@@ -16,7 +16,6 @@ STARTING = 20.0  # seconds until a process asks its first point
 _ENDING = 15.0  # from one point to the next, and from the last to its end
 _STOPPING = 8.0  # for an orderly end when it is interrupted
 _POLL = 0.02
-_UNLIMITED = ("ends.interpreter", "shoot.")  # what takes its time by itself
 
 Asking = Callable[[str, float], Optional[bool]]
 
@@ -110,10 +109,7 @@ class Part:
     @property
     def _patience(self) -> float:
         assert self._point is not None
-        point = POINTS[self._point]
-        if self._limit is None or point.id.startswith(_UNLIMITED):
-            return point.seconds
-        return min(point.seconds, self._limit)
+        return POINTS[self._point].limited(self._limit).seconds
 
     def _follow(self, process: "subprocess.Popen[bytes]", lines: Any) -> Iterator[Finding]:
         self._due = time.monotonic() + self._starting

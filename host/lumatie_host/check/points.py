@@ -4,12 +4,15 @@ The names are a contract for programs. Any thread may use what is here.
 """
 
 import dataclasses
-from typing import Dict, Tuple
+from typing import Dict, Optional, Tuple
 
 YES, NO, UNSEEN = "yes", "no", "could not be seen"
 
 # Exit statuses of the command, for a point that is answered with no.
 NO_CAMERA, NO_LIBRARY, REFUSED, NO_ANSWER, LOST, NO_PICTURE = 3, 4, 6, 7, 8, 9
+
+
+_UNLIMITED = ("ends.interpreter", "shoot.")  # what takes its time by itself
 
 
 @dataclasses.dataclass(frozen=True)
@@ -37,6 +40,12 @@ class Point:
     @property
     def group(self) -> str:
         return self.id.partition(".")[0]
+
+    def limited(self, seconds: Optional[float]) -> "Point":
+        """The same where points may take so many seconds at most; None: what they take."""
+        if seconds is None or self.id.startswith(_UNLIMITED):
+            return self
+        return dataclasses.replace(self, seconds=min(self.seconds, seconds))
 
 
 _FILE = ("library.whole",)

@@ -29,7 +29,8 @@ class Job:
         shoot: whether pictures may be taken.
         ask: whether a person can be asked for something.
         folder: where pictures go and stay; None for a folder that is removed afterwards.
-        limit: seconds that a point may take at most, where that is less than its own.
+        limit: seconds that a point may take at most, where that is less than its own; those for
+            pictures and for the interpreter's end keep their own.
     """
 
     maker: str
@@ -55,9 +56,11 @@ class Check:
         self._trouble = ""  # of a process that ended before its time, between two points
 
     def run(self) -> Iterator[Finding]:
-        """What was found out, as it is, every point once."""
+        """What was found out, as it is, every point once, with the seconds that it might take."""
         try:
-            yield from self._all()
+            for finding in self._all():
+                point = finding.point.limited(self._job.limit)
+                yield dataclasses.replace(finding, point=point)
         finally:
             self._is_over.set()
 
@@ -253,8 +256,16 @@ def plan(job: Job) -> List[str]:
             lines.append("Asks for the shutter button, the picture quality and the cable.")
     else:
         lines.append("Takes no picture: --shoot does.")
-    seconds = sum(
-        point.seconds for point in points_of(job.maker) if job.shoot or point.group != "shoot"
-    )
-    lines.append("Takes a minute as a rule, and %d minutes at most." % -(-seconds // 60))
+    lines.append("Takes a minute as a rule, and %d minutes at most." % -(-_longest(job) // 60))
     return lines
+
+
+def _longest(job: Job) -> float:
+    """How many seconds all points may take, with the processes that ask them."""
+    parts = len(_PARTS) + 3  # finding a library and what it needs, setting the camera back
+    parts += 2 if job.shoot else 0
+    return parts * STARTING + sum(
+        point.limited(job.limit).seconds
+        for point in points_of(job.maker)
+        if job.shoot or point.group != "shoot"
+    )

@@ -122,7 +122,8 @@ _COMMON = (
             "would be found"),
     _option("--timeout", type=_patience, metavar="S", help="seconds that the camera may take: to "
             "open (15), to confirm a setting (5), for a picture beside its exposure (30), to come "
-            "back when it is gone (60; watch and events wait for ever)"),
+            "back when it is gone (60; watch and events wait for ever); of check, for a point "
+            "without a picture, where that is less than its own"),
     _option("--json", action="store_true", help="print records, one JSON object a line, and "
             "nothing else; words go to standard error"),
     _option("--quiet", action="store_true", help="say nothing but errors"),

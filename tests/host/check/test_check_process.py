@@ -105,6 +105,13 @@ class Process(unittest.TestCase):
         self.assertIn("The card has to be empty", done.errors)
         self.assertNotIn("Open(source", done.log)
 
+    def test_the_minutes_that_are_stated_are_fewer_where_a_point_may_take_less(self):
+        stated = []
+        for limit in (None, 5.0):
+            job = whole.Job("canon", "Virtual EOS", None, None, limit=limit)
+            stated.append(int(re.findall(r"(\d+) minutes at most", whole.plan(job)[-1])[0]))
+        self.assertLess(stated[1], stated[0])
+
     def test_a_folder_into_which_pictures_were_fetched_is_kept(self):
         said = []
         job = whole.Job("canon", "Virtual EOS", str(CANON_LIBRARY), None)
@@ -172,6 +179,9 @@ class Process(unittest.TestCase):
         settings = "fault = EdsGetPropertyDesc hang"
         done = check(self.base, *CANON, "--timeout", "4", settings=settings)
         self.assertEqual(done.answers(NO)[0], "records.behind")
+        limits = {point["point"]: point["limit"] for point in done.points}
+        told = [limits[name] for name in ("session.opens", "ends.interpreter", "shoot.event")]
+        self.assertEqual(told, [4, 40, 130])
         for name in ("records.sizes", "messages.events", "session.closes"):
             self.assertEqual(done.evidence(name), "see records.behind")
 
