@@ -246,14 +246,14 @@ class OnceMore(unittest.TestCase):
         self.assertTrue(printed.endswith("\n4 passed, 0 failed, 1 skipped\n"), printed)
 
     def test_what_fails_alone_too_or_was_not_found_there_fails(self):
-        for why, text, status in (
+        for why, text, ended in (
             ("it failed", UNITTEST, 1),
             ("nothing ran", "Ran 0 tests in 0.0s\n\nOK\n", 0),
             ("it hung", "", 124),
         ):
             with self.subTest(why):
                 self.write("a", UNITTEST)
-                self.write("a.again", text, status)
+                self.write("a.again", text, ended)
                 status, printed = self.totals()
                 self.assertEqual(status, 1, printed)
                 self.assertIn("failed: test_it (test_x.Some)", printed)
