@@ -15,6 +15,7 @@ from .report import Finding
 STARTING = 20.0  # seconds until a process asks its first point
 _ENDING = 15.0  # from one point to the next, and from the last to its end
 _STOPPING = 8.0  # for an orderly end when it is interrupted
+_GRACE = 2.0  # the same when it is late: the library may hang, or answer later than is waited for
 _POLL = 0.02
 
 Asking = Callable[[str, float], Optional[bool]]
@@ -77,6 +78,7 @@ class Part:
         self._question: Optional[Tuple[str, float]] = None
         self._due = 0.0
         self._is_late = False
+        self._stopped = 0.0
 
     def run(self) -> Iterator[Finding]:
         """What the process finds out, as it does."""
@@ -120,9 +122,11 @@ class Part:
                 self._answer(process)
             if time.monotonic() > self._due:
                 self._is_late = True  # what is told until its process is ended is heard still
+                self._stopped = time.monotonic()
+                _end(process, _GRACE)
                 return
             if self._is_stopped():
-                _end(process)
+                _end(process, _STOPPING)
                 return
             time.sleep(_POLL)
 
@@ -183,7 +187,9 @@ class Part:
             return self._finding(UNSEEN, "interrupted")
         if self._is_late:
             return self._finding(
-                NO, "no answer within %g s; its process was ended" % self._patience
+                NO,
+                "no answer within %g s; its process was ended" % self._patience,
+                seconds=self._stopped - self._begun,
             )
         return self._finding(NO, _trouble(status, log))
 
@@ -202,12 +208,12 @@ def _environment() -> Dict[str, str]:
     return dict(os.environ, PYTHONPATH=os.pathsep.join(paths), PYTHONIOENCODING="utf-8")
 
 
-def _end(process: "subprocess.Popen[bytes]") -> None:
-    """Has a process give the camera back and end, as long as that takes a moment only."""
+def _end(process: "subprocess.Popen[bytes]", seconds: float) -> None:
+    """Has a process give the camera back and end, as long as that takes no longer."""
     assert process.stdin is not None
     try:
         process.stdin.close()
-        process.wait(_STOPPING)
+        process.wait(seconds)
     except (OSError, subprocess.TimeoutExpired):
         pass
 

@@ -65,6 +65,18 @@ class Process(unittest.TestCase):
             check=False,
         )
 
+    def test_a_process_that_takes_too_long_closes_its_session_where_the_library_answers(self):
+        refused = "fault = EdsGetPropertySize code=0x50 calls=0"
+        checked = check(self.base, *CANON, "--timeout", "5", settings=refused)
+        self.assertIn("session.answers", checked.answers(NO))
+        self.assertIn("its process was ended", checked.evidence("session.answers"))
+        opened, closed = (
+            len(re.findall(call + r"\(.*\) = 0x0 ", checked.log))
+            for call in ("EdsOpenSession", "EdsCloseSession")
+        )
+        self.assertGreater(opened, 0)
+        self.assertEqual(opened, closed, checked.log[-3000:])
+
     def test_a_person_reads_what_is_going_to_be_done_then_a_line_for_each_point(self):
         done = self._run(*CANON, "--report", "sent.json", settings="camera.plugged = 0")
         said, told = (text.decode("utf-8") for text in (done.stderr, done.stdout))
