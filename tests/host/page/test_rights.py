@@ -88,10 +88,25 @@ class Rights(Walks, PageCase):
 
     def test_guessing_tokens_is_slowed_down_and_does_not_lock_others_out(self):
         self.serve()
-        with mock.patch.object(guard, "_STRANGERS", (20, 0.0)):  # however slowly these come
+        with mock.patch.object(guard, "_LOOKS", (20, 0.0)):  # however slowly these come
             statuses = [self.get("/api/state", token="%032x" % n).status for n in range(40)]
         self.assertEqual(statuses, [401] * 20 + [429] * 20)
         self.assertEqual(self.get("/api/state").status, 200)
+
+    def test_who_tries_all_there_is_without_a_token_is_not_told_to_wait(self):
+        self.serve()
+        statuses = {self.get("/api/state", token=token).status for token in [None, "0"] * 100}
+        self.assertEqual(statuses, {401})
+
+    def test_what_one_may_not_or_cannot_do_is_no_act(self):
+        self.serve()
+        with mock.patch.object(guard, "_ACTS", (5, 0.0)):
+            statuses = [self.post("/api/shoot", token="viewer").status for _ in range(10)]
+            self.assertEqual(statuses, [403] * 10)
+            for role in ("viewer", "operator"):
+                statuses = [self.ask("PUT", "/api/state", token=role).status for _ in range(10)]
+                self.assertEqual(statuses, [405] * 10)
+            self.assertEqual(self.post("/api/tag", {"tag": "a"}).status, 200)
 
     def test_tokens_are_neither_logged_nor_sent_on(self):
         log = io.StringIO()
