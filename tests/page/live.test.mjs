@@ -1,7 +1,8 @@
 /** What a page stands while it is open: sleep, losses, restarts, a slow network, a long day. */
 
 import assert from "node:assert/strict";
-import { appendFileSync, linkSync } from "node:fs";
+import { createHash } from "node:crypto";
+import { appendFileSync, linkSync, mkdirSync, readFileSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { setTimeout as sleep } from "node:timers/promises";
@@ -128,6 +129,46 @@ test("a page goes on when the program was started again; with new links, it says
     await operator.shown(picture.n);
     await operator.leave();
     await again.stop();
+});
+
+test("another folder's picture of the same number is not the one that the browser has kept", async () => {
+    const one = await Station.start();
+    await one.open();
+    const size = [900, 600];
+    await one.showCharts([{ width: 900, height: 600, background: "#e00000", boxes: [] }]);
+    const operator = await Visitor.open(browser, one);
+    const picture = await one.press();
+    await operator.shown(picture.n);
+    const folder = join(one.base, "tuesday");
+    mkdirSync(join(folder, ".lumatie"), { recursive: true });
+    const file = "blue.jpg";
+    await one.steer("chart", join(folder, file), ...size, "#0000e0", []);
+    await one.stop({ keep: true });
+    const data = readFileSync(join(folder, file));
+    const sha256 = createHash("sha256").update(data).digest("hex");
+    const record = { ...picture, file, sha256, size: data.length };
+    writeFileSync(join(folder, ".lumatie/ledger.jsonl"), `${JSON.stringify(record)}\n`);
+    await operator.page.goto("about:blank");
+    const port = Number(new URL(one.url).port);
+    const two = await Station.start({ base: one.base, folder, port });
+    await operator.go(two.link("operator"));
+    await operator.shown(picture.n);
+    const { left, top, width, height } = await operator.box("lumatie-picture");
+    const [[r, , b]] = await operator.colours([[left + width / 2, top + height / 2]]);
+    assert.ok(r < 60 && b > 180, `${r}, ${b}`);
+    const strip = await operator.page.waitForFunction(() => {
+        const image = document.querySelector("[role=option] img");
+        if (!(image instanceof HTMLImageElement) || !image.complete || !image.naturalWidth) {
+            return null;
+        }
+        const context = new OffscreenCanvas(1, 1).getContext("2d");
+        context?.drawImage(image, 0, 0, 1, 1);
+        return [...(context?.getImageData(0, 0, 1, 1).data ?? [])];
+    });
+    assert.ok(/** @type {number[]} */ (await strip.jsonValue())[2] > 180, "the strip's, too");
+    operator.complaints = []; // what the browser writes of the server that was away
+    await operator.leave();
+    await two.stop();
 });
 
 test("a day's pictures are in the strip, the oldest one within reach and the next one shown", async () => {

@@ -2,6 +2,8 @@
 
 import {notify} from "./store.js";
 
+/** @typedef {import("./types.js").Picture} Picture */
+
 const shown = /^\/stations\/([^/]+)\//.exec(location.pathname);
 
 /** The station of a studio that this page shows; empty: it is the camera's own page. */
@@ -90,16 +92,24 @@ export async function act(path, body) {
 }
 
 /**
- * @param {number} n
+ * @param {Picture} picture
  * @param {number} width
  */
-export function previewOf(n, width) {
-    return `${base}pictures/${n}/preview?w=${width}`;
+export function previewOf(picture, width) {
+    return `${base}pictures/${picture.n}/preview?w=${width}&of=${hashOf(picture)}`;
 }
 
-/** @param {number} n */
-export function originalOf(n) {
-    return `${base}pictures/${n}`;
+/** @param {Picture} picture */
+export function originalOf(picture) {
+    return `${base}pictures/${picture.n}?of=${hashOf(picture)}`;
+}
+
+/**
+ * What the server passes over: browsers keep a picture for ever, and numbers begin anew in each folder.
+ * @param {Picture} picture
+ */
+function hashOf({sha256 = ""}) {
+    return sha256.slice(0, 8);
 }
 
 /** @param {string} text errors begin small */

@@ -5,6 +5,7 @@ import {attribute, h} from "./dom.js";
 import {nameOf} from "./shots.js";
 
 /** @typedef {import("./shots.js").Shot} Shot */
+/** @typedef {import("./types.js").Picture} Picture */
 /** @typedef {import("./view.js").View} View */
 
 const WIDTHS = [256, 512, 1024, 2048];
@@ -17,7 +18,7 @@ const REST = 400; // milliseconds before the original is fetched for a picture t
  * A picture that is wanted.
  * @typedef {object} Wanted
  * @property {Shot} shot
- * @property {number} n of the picture
+ * @property {Picture} picture
  * @property {HTMLImageElement} image
  */
 
@@ -27,7 +28,8 @@ export class Pane extends EventTarget {
     size = {width: 3, height: 2};
     /** @type {Shot | null} */
     shot = null;
-    n = 0;
+    /** @type {Picture | null} */
+    picture = null; // that is painted
     url = "";
     /** @type {Wanted[]} */
     #wanted = [];
@@ -57,12 +59,12 @@ export class Pane extends EventTarget {
      * @param {Shot} shot
      */
     async show(shot) {
-        const n = shot.shown.n;
+        const picture = shot.shown;
         this.shot = shot;
-        if (this.#wanted.some((wanted) => wanted.n === n)) {
+        if (this.#wanted.some((wanted) => isSame(wanted.picture, picture))) {
             return;
         }
-        if (this.n === n) {
+        if (isSame(this.picture, picture)) {
             this.#cancel(0);
             return;
         }
@@ -70,12 +72,12 @@ export class Pane extends EventTarget {
         const image = new Image();
         image.decoding = "sync";
         image.alt = "";
-        const wanted = {shot, n, image};
+        const wanted = {shot, picture, image};
         this.#wanted.push(wanted);
         let isDecoded = false;
         for (let tries = 0; tries < TRIES && !isDecoded && this.#wanted.includes(wanted); tries += 1) {
             await pause(tries * AGAIN);
-            isDecoded = await decode(image, previewOf(n, this.#width()));
+            isDecoded = await decode(image, previewOf(picture, this.#width()));
         }
         if (isDecoded) {
             await frame();
@@ -86,16 +88,15 @@ export class Pane extends EventTarget {
         }
         this.#wanted.splice(0, at + 1).forEach(({image: other}) => other !== image && cancel(other));
         if (isDecoded) {
-            this.#swap(shot, n, image);
+            this.#swap(shot, picture, image);
         } else {
-            this.dispatchEvent(new CustomEvent("missing", {detail: n}));
+            this.dispatchEvent(new CustomEvent("missing", {detail: picture.n}));
         }
     }
 
     clear() {
         this.#cancel(0);
-        this.shot = null;
-        this.n = 0;
+        this.shot = this.picture = null;
         this.#preview = this.#original = null;
         this.#sheet.replaceChildren();
         attribute(this.element, "aria-label", "No picture");
@@ -143,6 +144,11 @@ export class Pane extends EventTarget {
         }
     }
 
+    /** Number of the picture that is painted; 0: there is none. */
+    get n() {
+        return this.picture?.n ?? 0;
+    }
+
     /** How many pixels of the screen one of the picture takes. */
     get scale() {
         return this.view.place(this.room, this.size).scale * devicePixelRatio;
@@ -165,10 +171,10 @@ export class Pane extends EventTarget {
 
     /**
      * @param {Shot} shot
-     * @param {number} n
+     * @param {Picture} picture
      * @param {HTMLImageElement} image
      */
-    #swap(shot, n, image) {
+    #swap(shot, picture, image) {
         const sheet = h("div", {class: "sheet"}, image);
         if (this.#overlay) {
             sheet.append(this.#overlay);
@@ -182,13 +188,13 @@ export class Pane extends EventTarget {
         }
         this.#original = null;
         attribute(this.element, "data-sharp", null);
-        this.n = n;
+        this.picture = picture;
         this.url = image.src;
         this.size = sizeOf(shot, image);
         const name = [nameOf(shot), ...Object.values(shot.shown.settings)].join(", ");
         attribute(this.element, "aria-label", name);
         this.layout();
-        this.dispatchEvent(new CustomEvent("shown", {detail: n}));
+        this.dispatchEvent(new CustomEvent("shown", {detail: picture.n}));
     }
 
     /** @param {number} scale CSS pixels for one of the picture */
@@ -202,6 +208,10 @@ export class Pane extends EventTarget {
     /** The original over the preview, as soon as it is decoded. */
     async #sharpen() {
         const sheet = this.#sheet;
+        const {picture} = this;
+        if (!picture) {
+            return;
+        }
         const image = this.#original ?? new Image();
         if (!this.#original) {
             this.#original = image;
@@ -209,7 +219,7 @@ export class Pane extends EventTarget {
             image.className = "original";
         }
         attribute(this.element, "data-loading", true);
-        const isDecoded = await decode(image, originalOf(this.n));
+        const isDecoded = await decode(image, originalOf(picture));
         await frame();
         attribute(this.element, "data-loading", false);
         const isWanted = sheet === this.#sheet && this.#needsOriginal(this.scale / devicePixelRatio);
@@ -218,6 +228,15 @@ export class Pane extends EventTarget {
             attribute(this.element, "data-sharp", this.n);
         }
     }
+}
+
+/**
+ * Numbers begin anew in each folder.
+ * @param {Picture | null} one
+ * @param {Picture} other
+ */
+function isSame(one, other) {
+    return one?.n === other.n && one.sha256 === other.sha256;
 }
 
 /**

@@ -25,6 +25,7 @@
  * @property {string} time
  * @property {string} file
  * @property {number} size
+ * @property {string} [sha256]
  * @property {string} format "JPEG", "RAW" or "OTHER"
  * @property {number} shot
  * @property {string} [session]

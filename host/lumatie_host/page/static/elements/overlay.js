@@ -41,7 +41,7 @@ export function overlay(pane, button) {
         const before = shots.beside(get().chosen, -1);
         const hasLast = kind.value === "last" && before !== null && before.key !== get().chosen;
         if (hasLast) {
-            last.src = previewOf(before.shown.n, 2048);
+            last.src = previewOf(before.shown, 2048);
         }
         pane.cover(kind.value === "layout" ? layout : hasLast ? last : null);
     };

@@ -99,7 +99,7 @@ class LumatieStrip extends HTMLElement {
             return;
         }
         const [image, name, stars] = item.children;
-        const source = previewOf(shot.shown.n, 256);
+        const source = previewOf(shot.shown, 256);
         if (image.getAttribute("src") !== source) {
             attribute(image, "src", source);
         }
