@@ -7,6 +7,8 @@ import { Visitor, launch } from "./browsers.mjs";
 import { Station, stopAll } from "./station.mjs";
 import { LONG, until } from "./tools.mjs";
 
+/** @typedef {import("./station.mjs").Json} Json */
+
 /** @type {import("puppeteer-core").Browser} */
 let browser;
 /** @type {Station} */
@@ -256,6 +258,46 @@ test("clipping is marked where the file clips, and nowhere else", async () => {
     );
     await operator.click("Clipping");
     await until(async () => !(await differs()).includes(true), "no marks");
+    await operator.leave();
+});
+
+test("a picture that was turned away from and back to is shown, however late it comes", async () => {
+    const [first, second, third] = [await station.press(), await station.press(), await station.press()];
+    const operator = await Visitor.open(browser, station);
+    await operator.shown(third.n);
+    await until(async () => (await operator.strip()).length >= 3, "the strip");
+    const choose = (/** @type {Json} */ { file }) =>
+        operator.page.$eval(`[role=option][title="${file}"]`, (item) =>
+            /** @type {HTMLElement} */ (item).click(),
+        );
+    const address = (/** @type {Json} */ { n }) => `/pictures/${n}/preview?`;
+    /** @type {import("puppeteer-core").HTTPRequest[]} */
+    const held = [];
+    /** @type {string[]} */
+    const givenUp = [];
+    const isOf = (/** @type {string} */ url, /** @type {Json} */ picture) =>
+        url.includes(address(picture)) && !url.includes("?w=256");
+    operator.page.on("requestfailed", (request) => givenUp.push(request.url()));
+    await operator.page.setRequestInterception(true);
+    operator.page.on("request", (request) => {
+        if ([first, second].some((picture) => isOf(request.url(), picture))) {
+            held.push(request);
+        } else {
+            void request.continue();
+        }
+    });
+    await choose(first);
+    const one = await until(() => held.find((request) => isOf(request.url(), first)), "the first");
+    await choose(second);
+    const other = await until(() => held.find((request) => isOf(request.url(), second)), "the second");
+    await choose(first);
+    await other.continue().catch(() => {}); // it may be given up by now
+    const isShown = () => operator.page.$(`lumatie-picture[data-shown="${second.n}"]`);
+    const isGivenUp = () => givenUp.some((url) => isOf(url, second));
+    await until(async () => isGivenUp() || (await isShown()), "the second is given up, or shown");
+    await one.continue();
+    await operator.shown(first.n);
+    await operator.page.setRequestInterception(false);
     await operator.leave();
 });
 

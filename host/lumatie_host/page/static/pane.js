@@ -61,7 +61,9 @@ export class Pane extends EventTarget {
     async show(shot) {
         const picture = shot.shown;
         this.shot = shot;
-        if (this.#wanted.some((wanted) => isSame(wanted.picture, picture))) {
+        const place = this.#wanted.findIndex((wanted) => isSame(wanted.picture, picture));
+        if (place >= 0) {
+            this.#cancel(place + 1);
             return;
         }
         if (isSame(this.picture, picture)) {
