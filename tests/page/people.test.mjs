@@ -155,6 +155,15 @@ test("keys are shown by ?, 0 to 5 rate, and arrows change the chosen setting", a
     await operator.shown(picture.n);
     await operator.page.keyboard.press("4");
     await station.record((record) => record.kind === "rated" && record.rating === 4);
+    await operator.page.keyboard.press("2");
+    await station.record((record) => record.kind === "rated" && record.rating === 2);
+    const next = await station.press(); // the newest picture's rating comes with the state
+    await operator.shown(next.n);
+    await operator.page.reload();
+    await operator.ready();
+    await operator.page.waitForSelector("body[data-strip=yes]");
+    const [rated] = (await operator.strip()).filter((name) => name.includes(picture.file));
+    assert.match(rated, /2 stars/);
     await operator.page.keyboard.type("?");
     await operator.says(/space/i);
     await operator.page.keyboard.press("Escape");

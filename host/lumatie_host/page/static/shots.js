@@ -74,13 +74,10 @@ export function clear() {
  * @param {LedgerRecord[]} records in their order
  */
 export function addOlder(records) {
-    for (const record of records) {
+    for (const record of records.reverse()) {
         if (record.kind === "rated" && record.file && !ratings.has(record.file)) {
             rate(record.file, record.rating ?? 0);
-        }
-    }
-    for (const record of records.reverse()) {
-        if (record.kind === "picture") {
+        } else if (record.kind === "picture") {
             add(/** @type {Picture} */ (/** @type {unknown} */ (record)));
         }
     }
