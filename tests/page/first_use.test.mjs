@@ -69,7 +69,15 @@ test("with a library that is none the page says which, and does not try again by
     const station = await Station.start({ library });
     const { operator, error } = await tells(station);
     assert.match(error.text, /libEDSDK\.so/);
-    await operator.control("Try again", "button");
+    const isAsked = () => operator.asked.some((address) => address.endsWith("/api/open"));
+    assert.ok(!isAsked());
+    await operator.click("Try again");
+    await until(isAsked, "another try");
+    const isTaken = await operator.page.$eval(
+        ".first",
+        (words) => !words.dispatchEvent(new WheelEvent("wheel", { bubbles: true, cancelable: true })),
+    );
+    assert.ok(!isTaken, "the wheel scrolls the words");
     await operator.leave();
     await station.stop();
 });

@@ -22,7 +22,7 @@ export function listen(stage, view, paneAt, swiped) {
     let isGesture = false;
 
     stage.addEventListener("pointerdown", (event) => {
-        if (event.button !== 0) {
+        if (event.button !== 0 || isWords(event.target)) {
             return;
         }
         fingers.set(event.pointerId, {x: event.clientX, y: event.clientY});
@@ -80,6 +80,9 @@ export function listen(stage, view, paneAt, swiped) {
     stage.addEventListener(
         "wheel",
         (event) => {
+            if (isWords(event.target)) {
+                return;
+            }
             event.preventDefault();
             const at = inPane(paneAt(event.target), {x: event.clientX, y: event.clientY});
             const {room, size} = paneAt(event.target);
@@ -87,6 +90,11 @@ export function listen(stage, view, paneAt, swiped) {
         },
         {passive: false},
     );
+}
+
+/** @param {EventTarget | null} target whether it is a part of what stands there without a picture */
+function isWords(target) {
+    return target instanceof Element && target.closest(".first") !== null;
 }
 
 /**
