@@ -131,6 +131,29 @@ test("a page goes on when the program was started again; with new links, it says
     await again.stop();
 });
 
+test("a picture that was chosen while nobody answered is shown once somebody does", async () => {
+    const own = await Station.start();
+    await own.open();
+    const operator = await Visitor.open(browser, own);
+    const first = await own.press();
+    const second = await own.press();
+    await operator.shown(second.n);
+    const port = Number(new URL(own.url).port);
+    await operator.page.setCacheEnabled(false); // it was on the stage for a moment
+    await own.stop({ keep: true });
+    await operator.says("The program on the computer was closed.");
+    await operator.page.$eval(`[role=option][title="${first.file}"]`, (item) =>
+        /** @type {HTMLElement} */ (item).click(),
+    );
+    await operator.says("cannot be shown here");
+    const same = await Station.start({ base: own.base, port });
+    await operator.shown(first.n);
+    await operator.page.waitForSelector("lumatie-picture .missing", { hidden: true });
+    operator.complaints = []; // what the browser writes of the server that was away
+    await operator.leave();
+    await same.stop();
+});
+
 test("another folder's picture of the same number is not the one that the browser has kept", async () => {
     const one = await Station.start();
     await one.open();

@@ -96,6 +96,15 @@ export class Pane extends EventTarget {
         }
     }
 
+    /** The server is there again: what did not come from it is asked for once more. */
+    retry() {
+        this.#cancel(0);
+        if (this.shot) {
+            void this.show(this.shot);
+            this.layout();
+        }
+    }
+
     clear() {
         this.#cancel(0);
         this.shot = this.picture = null;

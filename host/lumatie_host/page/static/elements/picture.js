@@ -49,7 +49,13 @@ export class LumatiePicture extends HTMLElement {
         this.main.addEventListener("shown", () => this.#shown());
         this.#pinned.addEventListener("shown", () => this.#count(this.#pinned));
         this.main.addEventListener("missing", () => this.#lacks(this.main.shot));
-        on(["line"], ({line}) => line === "on" && this.#counter());
+        on(["line"], ({line}) => {
+            if (line === "on") {
+                this.#counter();
+                this.main.retry();
+                this.#pinned.retry();
+            }
+        });
         on(["chosen", "line"], ({chosen, line}) => {
             if (!chosen && line !== "entering" && !this.#hasWords) {
                 this.#hasWords = true;

@@ -40,6 +40,11 @@ class LumatieStrip extends HTMLElement {
             this.#items.clear();
             this.#list.replaceChildren();
         });
+        on(["line"], ({line}) => {
+            if (line === "on") {
+                this.#list.querySelectorAll("img.none").forEach((image) => image.dispatchEvent(new Event("retry")));
+            }
+        });
         let last = "";
         on(["chosen", "follow"], ({chosen}) => {
             this.#items.get(last)?.setAttribute("aria-selected", "false");
@@ -80,6 +85,10 @@ class LumatieStrip extends HTMLElement {
             }
         });
         image.addEventListener("load", () => image.classList.remove("none"));
+        image.addEventListener("retry", () => {
+            tries = 0;
+            image.src = image.src;
+        });
         const item = h(
             "div",
             {role: "option", id: `shot-${shot.n}`, "aria-selected": "false", "data-key": shot.key},
