@@ -256,6 +256,9 @@ test("clipping is marked where the file clips, and nowhere else", async () => {
         async () => JSON.stringify(await differs()) === "[true,true,false,false]",
         async () => `marks on white and black: ${await differs()}`,
     );
+    await operator.click("Compare");
+    await operator.page.waitForFunction(() => document.querySelectorAll(".pane .marks").length === 2);
+    await operator.click("Compare");
     await operator.click("Clipping");
     await until(async () => !(await differs()).includes(true), "no marks");
     await operator.leave();

@@ -8,6 +8,7 @@ const BLACK_MARK = 0xffff6020; // blue
 /**
  * @typedef {object} Job
  * @property {number} id
+ * @property {boolean} isMain which pane asks
  * @property {string} url of the preview
  * @property {boolean} marks whether marks are wanted
  */
@@ -15,33 +16,32 @@ const BLACK_MARK = 0xffff6020; // blue
 /**
  * @typedef {object} Counted
  * @property {number} id
+ * @property {boolean} isMain
  * @property {Uint32Array} counts luminance, red, green, blue: 256 each
  * @property {[number, number]} clipped shares of the picture: white, black
  * @property {ImageBitmap | null} marks
  */
 
 self.onmessage = async (/** @type {MessageEvent<Job>} */ event) => {
-    const {id, url, marks} = event.data;
+    const {id, isMain, url, marks} = event.data;
     try {
         const response = await fetch(url);
         if (!response.ok) {
             return;
         }
         const bitmap = await createImageBitmap(await response.blob(), {colorSpaceConversion: "none"});
-        const counted = count(id, bitmap, marks);
+        const counted = {id, isMain, ...count(bitmap, marks)};
         self.postMessage(counted, {transfer: counted.marks ? [counted.marks] : []});
     } catch {
-        self.postMessage({id, counts: null}); // no preview, no histogram
+        self.postMessage({id, isMain, counts: null}); // no preview, no histogram
     }
 };
 
 /**
- * @param {number} id
  * @param {ImageBitmap} bitmap
  * @param {boolean} hasMarks
- * @returns {Counted}
  */
-function count(id, bitmap, hasMarks) {
+function count(bitmap, hasMarks) {
     const {width, height} = bitmap;
     const canvas = new OffscreenCanvas(width, height);
     const context = /** @type {OffscreenCanvasRenderingContext2D} */ (
@@ -77,5 +77,5 @@ function count(id, bitmap, hasMarks) {
         context.putImageData(new ImageData(new Uint8ClampedArray(marks.buffer), width, height), 0, 0);
         drawn = canvas.transferToImageBitmap();
     }
-    return {id, counts, clipped: [white / all, black / all], marks: drawn};
+    return {counts, clipped: [white / all, black / all], marks: drawn};
 }

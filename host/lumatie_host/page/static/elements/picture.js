@@ -146,7 +146,8 @@ export class LumatiePicture extends HTMLElement {
     #count(pane) {
         pane.mark(null);
         if (pane.n && (pane === this.main || get().clipping)) {
-            this.#counter().postMessage({id: pane.n, url: pane.url, marks: get().clipping});
+            const job = {id: pane.n, isMain: pane === this.main, url: pane.url, marks: get().clipping};
+            this.#counter().postMessage(job);
         }
     }
 
@@ -159,15 +160,18 @@ export class LumatiePicture extends HTMLElement {
         return this.#worker;
     }
 
-    /** @param {{id: number, counts: Uint32Array | null, clipped: [number, number], marks: ImageBitmap | null}} counted */
-    #counted({id, counts, clipped, marks}) {
-        if (id === this.main.n) {
+    /** @param {{id: number, isMain: boolean, counts: Uint32Array | null, clipped: [number, number], marks: ImageBitmap | null}} counted */
+    #counted({id, isMain, counts, clipped, marks}) {
+        const pane = isMain ? this.main : this.#pinned;
+        if (id !== pane.n) {
+            return;
+        }
+        if (isMain) {
             patch({histogram: counts, clipped: counts && clipped});
             performance.mark(`histogram-${id}`);
         }
-        const pane = [this.main, this.#pinned].find(({n}) => n === id);
         if (marks && get().clipping) {
-            pane?.mark(marks);
+            pane.mark(marks);
         }
     }
 }
