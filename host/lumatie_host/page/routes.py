@@ -225,10 +225,10 @@ class Routes:
         entry = book.of_file(wish.file) if wish.n is None else book.entry(wish.n)
         if entry is None:
             raise missing("there is no such picture")
-        file, rating, label = entry.file, wish.rating, wish.label
+        file, rating = entry.file, wish.rating
         camera = self._desk.camera()
         try:
-            await on(self._file_pool, lambda: camera.rate(file, rating, label))
+            label = await on(self._file_pool, lambda: wishes.rate(camera, file, wish))
         except ValueError:
             raise missing("the picture is not in the folder") from None
         return answered({"v": VERSION, "file": file, "rating": rating, "label": label})

@@ -7,8 +7,9 @@ from typing import Any, Callable, Dict, NamedTuple, Optional
 
 from aiohttp import web
 
-from .. import sequences
-from ..ledger import LARGEST_NUMBER
+from .. import sequences, sidecar
+from ..ledger import LARGEST_NUMBER, path_of
+from ..session import Session
 from ..settings import NAMES
 from .fields import Fields, number_of
 from .problems import Problem, bad, missing
@@ -41,7 +42,7 @@ class Rating(NamedTuple):
     n: Optional[int]
     file: str
     rating: int
-    label: str
+    label: Optional[str]  # None: whatever it is
 
 
 def picture(request: web.Request) -> int:
@@ -91,9 +92,20 @@ def rating(fields: Fields) -> Rating:
         raise bad("either n or file says which picture is meant")
     n = fields.whole("n", 1, LARGEST_NUMBER) if fields.has("n") else None
     file = "" if n is not None else fields.text("file")
-    wish = Rating(n, file, fields.whole("rating", 0, 5), fields.text("label", "", LONGEST_LABEL))
+    stars = fields.whole("rating", 0, 5)
+    label = fields.text("label", most=LONGEST_LABEL) if fields.has("label") else None
     fields.end()
-    return wish
+    return Rating(n, file, stars, label)
+
+
+def rate(session: Session, file: str, wish: Rating) -> str:
+    """Rates a picture; the label that it has then. Raises as `Session.rate` does."""
+    label = wish.label
+    if label is None:
+        path = path_of(session.folder, file)
+        label = "" if path is None else sidecar.read(path).label or ""
+    session.rate(file, wish.rating, label)
+    return label
 
 
 def sequence(fields: Fields) -> Optional[Begin]:

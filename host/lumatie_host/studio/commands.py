@@ -272,8 +272,8 @@ class Commands:
         with _meant():
             wish = wishes.rating(_fields(request))
             file = wish.file if wish.n is None else self._file_of(wish.n)
-            self._session.rate(file, wish.rating, wish.label)
-        return {"file": file, "rating": wish.rating, "label": wish.label}
+            label = wishes.rate(self._session, file, wish)
+        return {"file": file, "rating": wish.rating, "label": label}
 
     def _file_of(self, number: int) -> str:
         record = next(self._session.ledger.read(number - 1), {})

@@ -238,11 +238,13 @@ class Routes:
     async def _station_rate(self, request: web.Request) -> web.StreamResponse:
         station = self._station(request)
         wish = wishes.rating(await Fields.of(request))
-        wanted: Dict[str, Any] = {"rating": wish.rating, "label": wish.label}
+        wanted: Dict[str, Any] = {"rating": wish.rating}
         wanted["n" if wish.n else "file"] = wish.n or wish.file
+        if wish.label is not None:
+            wanted["label"] = wish.label
         answer = await self._acts.do(lambda: self._studio.do(station, "rate", wanted))
-        rated = {"file": str(answer.get("file", "")), "rating": wish.rating, "label": wish.label}
-        return answered({"v": VERSION, **rated})
+        file, label = (str(answer.get(name, "")) for name in ("file", "label"))
+        return answered({"v": VERSION, "file": file, "rating": wish.rating, "label": label})
 
     async def _station_sequence(self, request: web.Request) -> web.StreamResponse:
         station = self._station(request)

@@ -5,7 +5,7 @@ import threading
 import unittest
 from unittest import mock
 
-from lumatie_host import NoAnswer
+from lumatie_host import NoAnswer, sidecar
 from lumatie_host.page import acts, desk, routes
 from page_support import PageCase
 from timing import timed, within
@@ -115,7 +115,11 @@ class Acts(PageCase):
         )
         self.assertTrue(any(name.endswith(".xmp") for name in os.listdir(self.folder)))
         answer = self.post("/api/rate", {"file": picture["file"], "rating": 0})
-        self.assertEqual(answer.json["rating"], 0)
+        self.assertEqual(answer.json, {**told, "rating": 0})  # a label that is not named stays
+        path = os.path.join(self.folder, picture["file"])
+        self.assertEqual((sidecar.read(path).rating, sidecar.read(path).label), (0, "Red"))
+        answer = self.post("/api/rate", {"file": picture["file"], "rating": 1, "label": ""})
+        self.assertEqual((answer.json["label"], sidecar.read(path).label), ("", None))
         self.assertEqual(self.post("/api/rate", {"n": 99999, "rating": 0}).status, 404)
         self.assertEqual(self.post("/api/rate", {"file": "x", "rating": 0}).status, 404)
 

@@ -316,7 +316,7 @@ class Acts(WallCase):
         sent = {name: json.loads(one.payload) for name, one in sent if name != "enter"}
         since = sent["sequence"].pop("since")
         self.assertLess(since["after"], DEADLINE)
-        rated = {"n": 2, "rating": 3, "label": ""}
+        rated = {"n": 2, "rating": 3}  # a label that is not named stays
         self.assertEqual(sent, {"rate": rated, "sequence": wanted, "stop": {}})
         station.refusal = ("refused", "a sequence is running")
         refused = self.post(path, wanted)
