@@ -7,7 +7,7 @@ import threading
 from typing import Callable, Optional
 
 from .. import session as sessions
-from ..errors import Closed, Reason, TetherError
+from ..errors import Closed, FolderRejected, Reason, TetherError
 from ..ledger import Ledger
 from ..opening import VIRTUAL_CANON
 from ..subscribers import Mailbox
@@ -19,7 +19,6 @@ CLOSE_PATIENCE = 10.0
 
 # Nothing that is plugged in mends these: a person has to, and says so.
 HOPELESS = (Reason.LIBRARY_MISSING, Reason.LIBRARY_UNFIT, Reason.NAME_REJECTED)
-_OF_FOLDER = (Reason.FOLDER_REJECTED,)
 
 _log = logging.getLogger("lumatie_host")
 
@@ -100,6 +99,16 @@ class Desk:
             return "closed"
         return "opening" if self._error is None else "waiting"
 
+    @property
+    def needs_folder(self) -> bool:
+        """Whether the folder for the pictures is in the way, and not that for their copies."""
+        error = self._error
+        return (
+            isinstance(error, FolderRejected)
+            and error.reason is Reason.FOLDER_REJECTED
+            and os.path.abspath(error.folder) == os.path.abspath(self.wanted.folder)
+        )
+
     def start(self) -> None:
         """Begins to open; returns at once."""
         self._thread.start()
@@ -114,10 +123,10 @@ class Desk:
     def open_again(self, folder: Optional[str] = None) -> bool:
         """Has it tried again at once; False when a folder was named that nobody asked for."""
         if folder is not None:
-            error = self._error
-            if self._session is not None or error is None or error.reason not in _OF_FOLDER:
+            if self._session is not None or not self.needs_folder:
                 return False
             self.wanted = dataclasses.replace(self.wanted, folder=folder)
+            self._error = self._ledger = None
         self._wake.set()
         return True
 
@@ -153,7 +162,8 @@ class Desk:
     def _open(self) -> None:
         wanted = self.wanted
         try:
-            if self._ledger is None:
+            if self._ledger is None or self._ledger.folder != os.path.abspath(wanted.folder):
+                self._ledger = None
                 self._ledger = Ledger(wanted.folder)
                 self._on_news()
             session = sessions.open(**vars(wanted), begin=self._begin)

@@ -26,7 +26,8 @@ class Feed:
     """Follows the ledger of a desk.
 
     Args:
-        on_ledger: called with the number that the ledger ends with, before its first records.
+        on_ledger: called with a ledger and the number that it ends with, before its first records;
+            with None and 0 when there is none any more.
         on_records: called with records, in their order.
         on_free: called with the bytes that are free on the folder's disk, None: not known.
             All three are called on the feed's thread.
@@ -34,7 +35,7 @@ class Feed:
 
     def __init__(
         self,
-        on_ledger: Callable[[int], None],
+        on_ledger: Callable[[Optional[Ledger], int], None],
         on_records: Callable[[Records], None],
         on_free: Callable[[Optional[int]], None],
     ) -> None:
@@ -87,21 +88,22 @@ class Feed:
 
     def _look(self) -> None:
         desk = self._desk
-        if desk is None or desk.ledger is None:
+        if desk is None:
             return
         desk.drain()
-        if self._ledger is not desk.ledger:
-            self._ledger = desk.ledger
-            self._last = 0
-            with self._ledger.exclusive():
-                self._on_ledger(self._ledger.last)
-        else:
-            with self._ledger.exclusive():
+        ledger = desk.ledger
+        if ledger is not None:
+            with ledger.exclusive():
                 pass  # looks whether there is more
-        if self._ledger.last <= self._last:
+        if ledger is not self._ledger:
+            self._ledger, self._last = ledger, 0
+            self._on_ledger(ledger, 0 if ledger is None else ledger.last)
+        if ledger is None:
+            return
+        if ledger.last <= self._last:
             return
         batch: Records = []
-        for record in self._ledger.read(self._last):
+        for record in ledger.read(self._last):
             batch.append(record)
             self._last = record["n"]
             if len(batch) == MOST_AT_ONCE:

@@ -4,6 +4,7 @@ import logging
 import threading
 from typing import Any, Callable, Dict, List, Optional
 
+from ..ledger import Ledger
 from .book import Book
 from .desk import Desk, Wanted
 from .feed import Feed, Records
@@ -142,7 +143,7 @@ class Server(Web):
 
     # The feed.
 
-    def _take_ledger(self, last: int) -> None:
+    def _take_ledger(self, ledger: Optional[Ledger], last: int) -> None:
         self._since = last
         self._on_loop(self._begin_ledger, last)
 
@@ -157,6 +158,8 @@ class Server(Web):
 
     def _begin_ledger(self, last: int) -> None:
         self._state.book = Book(last)
+        if last == 0:
+            self._hub.tell_state()
 
     def _set_free(self, free: Optional[int]) -> None:
         self._state.free = free

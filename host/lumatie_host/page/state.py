@@ -72,7 +72,7 @@ class State:
             "connection": connection,
             "words": words,
             "advice": advice,
-            "error": told(error) if error is not None and connection == "waiting" else None,
+            "error": self._error(error) if connection == "waiting" else None,
             "folder": desk.wanted.folder,
             "job": desk.wanted.job,
             "station": desk.wanted.station,
@@ -96,6 +96,12 @@ class State:
         """What the next picture will be called; empty while that is not known."""
         session = self._desk.session
         return "" if session is None else session.next_name()
+
+    def _error(self, error: Optional[TetherError]) -> Optional[Dict[str, str]]:
+        """Why it is waiting, and what the page can do about it."""
+        if error is None:
+            return None
+        return {**told(error), **({"asks": "folder"} if self._desk.needs_folder else {})}
 
     def _copy(self, waiting: int) -> Dict[str, Any]:
         return {

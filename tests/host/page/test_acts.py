@@ -5,6 +5,7 @@ import threading
 import unittest
 from unittest import mock
 
+import lumatie_host
 from lumatie_host import NoAnswer, sidecar
 from lumatie_host.page import acts, desk, routes
 from page_support import PageCase
@@ -252,6 +253,38 @@ class FirstUse(PageCase):
             self.wait_for_connection("open")
             self.assertEqual(self.state()["folder"], self.folder)
             self.shoot()
+
+    def test_another_folder_takes_the_place_of_one_whose_pictures_can_only_be_read(self):
+        long = os.path.join(self.base, "a" * (215 - len(self.base)))
+        os.makedirs(long)
+        lumatie_host.Ledger(long).append("alarm", what="of the long folder", advice="b")
+        self.serve({"folder": long})
+        state = self.wait_for_state(lambda one: one["error"] is not None and one["n"] == 1)
+        self.assertIn("too long", state["error"]["text"])
+        self.assertEqual(state["error"]["asks"], "folder")
+
+        async def run(client):
+            page = await self.live(client)
+            await page.kind("state", n=1)
+            await self.beside(self.post, "/api/open", {"folder": self.folder})
+            await page.kind("state", folder=self.folder)
+
+        self.run_async(run)
+        self.wait_for_connection("open")
+        picture = self.shoot()
+        self.assertEqual(self.get("/api/pictures/%d" % picture["n"]).status, 200)
+        self.assertEqual(self.get("/api/ledger").json, self.ledger())
+
+    def test_the_folder_stays_when_that_of_the_copies_is_in_the_way(self):
+        file = os.path.join(self.base, "file")
+        with open(file, "wb"):
+            pass
+        self.serve({"copy": file})
+        state = self.wait_for_state(lambda one: one["error"] is not None)
+        self.assertEqual(state["error"]["reason"], "folder_rejected")
+        self.assertNotIn("asks", state["error"])
+        self.assertEqual(self.post("/api/open", {"folder": self.base}).status, 409)
+        self.assertEqual(self.state()["folder"], self.folder)
 
     def test_a_folder_that_is_in_nobodys_way_stays(self):
         self.serve_open()

@@ -15,6 +15,7 @@ const CHUNK = 4000; // and those before them, at a time
 let seen = 0; // the last record that was taken in
 let known = 0; // the last record that was heard of
 let folder = 0; // counts the folders that this page has shown
+let place = ""; // of the folder that is shown
 let isFilling = false;
 
 /** Hears of everything from now on. */
@@ -60,7 +61,8 @@ function hear(message) {
 
 /** @param {State} state */
 function takeState(state) {
-    const isNew = !seen || state.n < seen || state.folder !== get().folder;
+    const isNew = !seen || state.n < seen || (state.folder ?? "") !== place;
+    place = state.folder ?? "";
     takeStatus(state);
     line.settle();
     if (!isNew) {

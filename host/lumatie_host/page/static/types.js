@@ -44,7 +44,7 @@
  * @property {{key: number, text: string}[]} [choices]
  */
 
-/** @typedef {{reason: string, text: string, advice: string}} Trouble */
+/** @typedef {{reason: string, text: string, advice: string, asks?: string}} Trouble */
 
 /**
  * @typedef {object} Sequence

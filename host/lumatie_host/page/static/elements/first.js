@@ -45,7 +45,7 @@ export function firstUse() {
         text(advice, words.advice);
         const {error, line} = known;
         show(form, line === "on" && error !== null && may("open"));
-        show(folder, error?.reason === "folder_rejected");
+        show(folder, error?.asks === "folder");
     });
     return block;
 }
