@@ -45,7 +45,7 @@ class Book:
     """The index of one ledger. It grows with each picture, so little is kept of one.
 
     Args:
-        since: alarms up to this number are those of earlier sessions.
+        since: records up to this number were there before; their alarms are over.
     """
 
     def __init__(self, since: int = 0) -> None:
@@ -63,6 +63,11 @@ class Book:
         self._ratings: "collections.OrderedDict[str, Dict[str, Any]]" = collections.OrderedDict()
         self._alarms: Deque[Dict[str, Any]] = collections.deque(maxlen=MOST_ALARMS)
         self._copy_seconds = 0.0
+
+    @property
+    def is_whole(self) -> bool:
+        """Whether it has all records of before."""
+        return self.last >= self.since
 
     @property
     def pictures(self) -> int:

@@ -28,7 +28,7 @@ from .web import Links, Route
 MOST_RECORDS = 100_000  # in an answer
 MOST_SOCKETS = 400
 PREVIEW_PATIENCE = 30.0  # seconds
-TOLD_WITHIN = 2.0  # seconds in which the page knows what the session has recorded
+TOLD_WITHIN = 2.0  # seconds in which the page knows what is recorded
 
 _TYPES = {"JPEG": "image/jpeg", "RAW": "image/x-raw", "OTHER": "application/octet-stream"}
 _BATCH = 200  # records that are made into texts at once
@@ -94,11 +94,13 @@ class Routes:
     # Who looks.
 
     async def _get_state(self, request: web.Request) -> web.StreamResponse:
+        await self._loaded()
         return answered(self._state.whole(ROLE.get()))
 
     async def _ledger(self, request: web.Request) -> web.StreamResponse:
         since = number_of(request, "since", 0, LARGEST_NUMBER, 0)
         limit = number_of(request, "limit", 1, MOST_RECORDS, MOST_RECORDS)
+        await self._loaded()
         upto = self._state.book.last
         text = await on(
             self._file_pool, lambda: "[%s]" % ",".join(self._texts(since, upto, limit)[0])
@@ -181,8 +183,17 @@ class Routes:
             raise missing("there is no picture %d" % number)
         return entry
 
+    async def _loaded(self) -> None:
+        """Waits until what was in the folder before can be told: a page that comes back early would
+        take less for another shoot.
+        """
+        end = time.monotonic() + TOLD_WITHIN
+        while not self._state.is_loaded and time.monotonic() < end:
+            await asyncio.sleep(0.005)
+
     async def _told_of(self, number: int) -> None:
         """Waits for a record that is written already: who took the picture may ask for it first."""
+        await self._loaded()
         session = self._desk.session
         end = time.monotonic() + TOLD_WITHIN
         while session is not None and self._state.book.last < number <= session.ledger.last:
@@ -192,6 +203,7 @@ class Routes:
 
     async def _live(self, request: web.Request) -> web.StreamResponse:
         since = wishes.live(request, self._hub.count() >= MOST_SOCKETS)
+        await self._loaded()
         return await Client(self._hub, ROLE.get()).run(request, since)
 
     # What acts.
@@ -266,4 +278,5 @@ class Routes:
                 "Start the program again to work in another folder.",
                 "refused",
             )
+        await self._loaded()
         return answered(self._state.whole(ROLE.get()))

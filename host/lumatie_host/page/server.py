@@ -126,6 +126,8 @@ class Server(Web):
 
     def _tell_changes(self) -> None:
         self._looks_soon = False
+        if not self._state.is_loaded:
+            return
         try:
             changes = self._state.changes()
         except Exception:
@@ -145,7 +147,7 @@ class Server(Web):
 
     def _take_ledger(self, ledger: Optional[Ledger], last: int) -> None:
         self._since = last
-        self._on_loop(self._begin_ledger, last)
+        self._on_loop(self._begin_ledger, ledger, last)
 
     def _take_records(self, records: Records) -> None:
         self._on_loop(self._tell_records, records)
@@ -156,8 +158,8 @@ class Server(Web):
     def _take_free(self, free: Optional[int]) -> None:
         self._on_loop(self._set_free, free)
 
-    def _begin_ledger(self, last: int) -> None:
-        self._state.book = Book(last)
+    def _begin_ledger(self, ledger: Optional[Ledger], last: int) -> None:
+        self._state.begin(ledger, Book(last))
         if last == 0:
             self._hub.tell_state()
 
@@ -168,6 +170,7 @@ class Server(Web):
     def _tell_records(self, records: Records) -> None:
         book = self._state.book
         is_new = records[-1]["n"] > book.since
+        was_whole = book.is_whole
         entry = None
         for record in records:
             entry = book.take(record) or entry
@@ -175,6 +178,6 @@ class Server(Web):
                 self._hub.tell_record(record)
         if entry is not None and is_new:
             self._previews.announce(self._routes.source(entry))
-        if not is_new and records[-1]["n"] >= book.since:
+        if book.is_whole and not was_whole:
             self._hub.tell_state()
         self._look_soon()

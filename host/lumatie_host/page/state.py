@@ -3,6 +3,7 @@
 from typing import Any, Dict, List, Optional, Tuple
 
 from ..errors import TetherError
+from ..ledger import Ledger
 from ..settings import NAMES, Setting
 from .book import Book
 from .desk import Desk
@@ -33,6 +34,20 @@ class State:
         self._sequences = sequences
         self._viewers_rate = viewers_rate
         self._told: Dict[str, Any] = {}
+        self._ledger: Optional[Ledger] = None
+
+    def begin(self, ledger: Optional[Ledger], book: Book) -> None:
+        """Tells of another ledger from now on, whose records are taken into the book."""
+        self._ledger = ledger
+        self.book = book
+
+    @property
+    def is_loaded(self) -> bool:
+        """Whether the book has what was in the folder before, as far as that can be had."""
+        ledger = self._desk.ledger
+        if ledger is None:
+            return self._desk.error is not None
+        return (ledger is self._ledger and self.book.is_whole) or self._desk.needs_folder
 
     def may(self, role: str) -> List[str]:
         """What somebody may do."""

@@ -2,11 +2,13 @@
 
 import asyncio
 import socket
+import threading
 import time
 import unittest
 from unittest import mock
 
-from lumatie_host.page import live
+from lumatie_host import Ledger
+from lumatie_host.page import desk, live, routes
 from page_support import DEADLINE, PageCase
 from virtual_cameras import wait_until
 
@@ -125,6 +127,49 @@ class Sockets(PageCase):
         self.assertEqual(self.state()["offer"], {"iso": ["100", "800"]})
         self.post("/api/set", {"name": "iso", "text": "800"})
         self.assertIsNone(self.state()["offer"])
+
+    def test_what_was_in_the_folder_before_is_waited_for_and_told_whole(self):
+        numbers = [Ledger(self.folder).append("alarm", what="a", advice="b").n for _ in range(5)]
+        may_read = threading.Event()
+        self.addCleanup(may_read.set)
+
+        def ledger_of(folder):
+            may_read.wait(DEADLINE)
+            return Ledger(folder)
+
+        with mock.patch.object(desk, "Ledger", ledger_of), mock.patch.object(
+            routes, "TOLD_WITHIN", DEADLINE
+        ):
+            self.serve()
+
+            async def run(client):
+                answers = [
+                    asyncio.ensure_future(self.beside(self.get, path))
+                    for path in ("/api/state", "/api/ledger?since=0")
+                ]
+                page = asyncio.ensure_future(self.first_message(client))
+                asked = [*answers, page]
+                await self.beside(
+                    wait_until,
+                    lambda: self.busy() + sum(one.done() for one in asked) >= len(asked),
+                    lambda: "all have asked",
+                )
+                may_read.set()
+                return [(await one).json for one in answers], await page
+
+            (state, records), first = self.run_async(run)
+        self.assertGreaterEqual(state["n"], numbers[-1])
+        self.assertEqual([one["n"] for one in records[:5]], numbers)
+        self.assertEqual(first["kind"], "state")
+        self.assertGreaterEqual(first["n"], numbers[-1])
+
+    async def first_message(self, client):
+        page = await self.live(client)
+        return await page.next()
+
+    def busy(self):
+        """How many requests have come and are not answered."""
+        return sum(gate.is_busy for gate in list(self.server.gates._open))
 
 
 class Slow(PageCase):
