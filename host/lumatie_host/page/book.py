@@ -6,9 +6,12 @@ have been written by anybody who may write into the folder.
 
 import collections
 import itertools
+import os
 import re
 import sys
 from typing import Any, Deque, Dict, List, Mapping, NamedTuple, Optional, Tuple
+
+from ..ledger import path_of
 
 MOST_RATINGS = 2000  # that a state tells
 MOST_ALARMS = 20
@@ -191,6 +194,15 @@ class Book:
             for name, pair in differences.items():
                 if isinstance(pair, list) and len(pair) == 2:
                     self.offer[name] = [str(pair[0]), str(pair[1])]
+
+
+def path_in(folder: str, name: str) -> Optional[str]:
+    """The path of a file that a record names; None when it is none, or a link leads elsewhere."""
+    path = path_of(folder, name)
+    if path is None or not os.path.isfile(path):  # neither a pipe, which would be waited for
+        return None
+    real, home = (os.path.normcase(os.path.realpath(one)) for one in (path, folder))
+    return path if real.startswith(os.path.join(home, "")) else None
 
 
 def _text(record: Mapping[str, Any], name: str) -> str:

@@ -8,8 +8,8 @@ from typing import Dict, NamedTuple, Optional, Tuple
 
 from PIL import Image, UnidentifiedImageError
 
-from ..ledger import INNER_FOLDER, path_of
-from .book import Entry
+from ..ledger import INNER_FOLDER
+from .book import Entry, path_in
 
 SIZES = (256, 512, 1024, 2048)
 LARGEST = SIZES[-1]
@@ -175,7 +175,7 @@ def _original(source: Source, width: int) -> Tuple[Image.Image, Tuple[int, int]]
     """As `_decoded`, from the first of the files that gives something."""
     failure = NoPreview("no preview can be made of this kind of file")
     for entry in (source.entry, *source.others):
-        path = path_of(source.folder, entry.file)
+        path = path_in(source.folder, entry.file)
         if path is None:
             continue
         try:

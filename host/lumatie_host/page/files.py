@@ -11,6 +11,7 @@ from urllib.parse import quote
 
 from aiohttp import web
 
+from .book import Entry, path_in
 from .problems import missing
 
 BLOCK = 512 * 1024  # bytes that are read at once
@@ -84,15 +85,16 @@ def not_modified(request: web.Request, etag: str) -> Optional[web.Response]:
 
 
 async def original(
-    request: web.Request, path: str, size: int, etag: str, kind: str, executor: Executor
+    request: web.Request, folder: str, entry: Entry, kind: str, executor: Executor
 ) -> web.StreamResponse:
     """A picture's own bytes, or the part of them that is asked for."""
+    size, etag = entry.size, entry.sha256
     known = not_modified(request, etag)
     if known is not None:
         return known
     loop = asyncio.get_event_loop()
     try:
-        file = await loop.run_in_executor(executor, _open, path, size)
+        file = await loop.run_in_executor(executor, _open, folder, entry)
     except OSError:
         raise missing("the picture is not in the folder, or not what it was") from None
     try:
@@ -130,9 +132,12 @@ async def _sent(
     return response
 
 
-def _open(path: str, size: int) -> BinaryIO:
+def _open(folder: str, entry: Entry) -> BinaryIO:
+    path = path_in(folder, entry.file)
+    if path is None:
+        raise OSError("no file of the folder")
     file = open(path, "rb")  # noqa: SIM115  closed by the caller
-    if os.fstat(file.fileno()).st_size != size:
+    if os.fstat(file.fileno()).st_size != entry.size:
         file.close()
         raise OSError("another size")
     return file

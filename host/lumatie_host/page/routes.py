@@ -10,7 +10,7 @@ from typing import AsyncIterator, List, Tuple
 from aiohttp import web
 
 from ..events import to_record
-from ..ledger import LARGEST_NUMBER, path_of
+from ..ledger import LARGEST_NUMBER
 from . import developing, files, previews, wishes
 from .acts import Acts, on
 from .book import Entry
@@ -131,11 +131,8 @@ class Routes:
 
     async def _picture(self, request: web.Request) -> web.StreamResponse:
         entry = await self._entry(request)
-        path = path_of(self._desk.wanted.folder, entry.file)
-        if path is None:
-            raise missing("the picture is not in the folder")
-        kind = _TYPES[entry.format]
-        return await files.original(request, path, entry.size, entry.sha256, kind, self._file_pool)
+        folder, kind = self._desk.wanted.folder, _TYPES[entry.format]
+        return await files.original(request, folder, entry, kind, self._file_pool)
 
     async def _preview(self, request: web.Request) -> web.StreamResponse:
         entry = await self._entry(request)

@@ -119,6 +119,37 @@ class Paths(PageCase):
                 self.assertEqual(self.get("/api/pictures/%d/preview" % n).status, 404)
         self.assertEqual(self.post("/api/rate", {"file": names[0], "rating": 1}).status, 404)
 
+    @unittest.skipUnless(hasattr(os, "mkfifo"), "this system has no pipes in folders")
+    def test_a_link_out_of_the_folder_and_a_pipe_bring_nothing_and_hold_nobody_up(self):
+        secret = os.path.join(self.base, "secret.jpg")
+        with open(secret, "wb") as file:
+            file.write(b"secret")
+        os.symlink(secret, os.path.join(self.folder, "link.jpg"))
+        os.symlink(self.base, os.path.join(self.folder, "way"))
+        pipe = os.path.join(self.folder, "pipe.jpg")
+        os.mkfifo(pipe)
+        self.addCleanup(self.end_waiting, pipe)
+        self.serve_open()
+        for name, size in (("link.jpg", 6), ("way/secret.jpg", 6), ("pipe.jpg", 0)):
+            with self.subTest(name=name):
+                n = self.record(
+                    "picture",
+                    file=name,
+                    size=size,
+                    sha256="a" * 64,
+                    shot=0,
+                    origin="body",
+                    format="JPEG",
+                )
+                self.assertEqual(self.get("/api/pictures/%d" % n).status, 404)
+                self.assertEqual(self.get("/api/pictures/%d/preview" % n).status, 404)
+
+    @staticmethod
+    def end_waiting(pipe):
+        """Lets go whoever waits for a pipe's other end."""
+        with contextlib.suppress(OSError):
+            os.close(os.open(pipe, os.O_WRONLY | os.O_NONBLOCK))
+
     def test_a_hash_that_is_none_never_becomes_a_header(self):
         self.serve_open()
         with open(os.path.join(self.folder, "a.jpg"), "wb") as file:
