@@ -153,8 +153,12 @@ class Guard:
         )
 
     def _is_own(self, host: str, request: web.Request) -> bool:
-        name, _, port = host.rpartition(":")
-        if port != str(self._port):
+        port = ":%d" % self._port
+        if host.endswith(port):
+            name = host[: -len(port)]
+        elif self._port == 80:  # which browsers leave out
+            name = host
+        else:
             return False
         if name in ("127.0.0.1", "localhost", "[::1]"):
             return True

@@ -31,6 +31,16 @@ class Origins(PageCase):
             with self.subTest(host=name):
                 self.assertEqual(self.raw_status(get, "Host: " + name, token=self.operator), 400)
 
+    def test_the_port_may_be_left_out_where_browsers_do(self):
+        self.serve()
+        get = "GET /api/state HTTP/1.1"
+        self.server.guard._port = 80
+        for name in ("127.0.0.1", "localhost", "[::1]", "127.0.0.1:80"):
+            lines = [get, "Host: " + name, "Origin: http://" + name]
+            self.assertEqual(self.raw_status(*lines, token=self.operator), 200, name)
+        for name in ("evil.example", "127.0.0.1:8080", "127.0.0.1:", ""):
+            self.assertEqual(self.raw_status(get, "Host: " + name, token=self.operator), 400, name)
+
     def test_no_host_or_two_of_them_are_refused(self):
         self.serve()
         get = "GET / HTTP/1.1"
