@@ -58,6 +58,51 @@ test("a tab that slept shows what was taken meanwhile", async () => {
     await operator.leave();
 });
 
+test("a page that is woken while it enters opens one socket, and looks after it when it is online", async () => {
+    const context = await browser.createBrowserContext();
+    const viewer = new Visitor(station, context, await context.newPage());
+    await viewer.page.evaluateOnNewDocument(() => {
+        const own = /** @type {any} */ (window);
+        own.sockets = 0;
+        own.WebSocket = class extends WebSocket {
+            /** @param {string} url */
+            constructor(url) {
+                super(url);
+                own.sockets += 1;
+            }
+        };
+    });
+    /** @type {import("puppeteer-core").HTTPRequest[]} */
+    const held = [];
+    await viewer.page.setRequestInterception(true);
+    viewer.page.on("request", (request) => {
+        if (request.url().endsWith("/api/enter")) {
+            held.push(request);
+        } else {
+            void request.continue();
+        }
+    });
+    await viewer.page.goto(station.link("viewer"), { waitUntil: "domcontentloaded" });
+    await until(() => held.length === 1, "it enters");
+    await viewer.page.evaluate(() => dispatchEvent(new Event("online")));
+    await until(() => held.length === 2, "it enters once more");
+    for (const request of held) {
+        const answered = viewer.page.waitForResponse((response) => response.request() === request);
+        await request.continue();
+        await answered;
+    }
+    await viewer.ready();
+    await viewer.page.evaluate(() => fetch("/api/state").then((answer) => answer.json()));
+    assert.equal(await viewer.page.evaluate(() => /** @type {any} */ (window).sockets), 1);
+    const before = viewer.asked.length;
+    await viewer.page.evaluate(() => dispatchEvent(new Event("online")));
+    await until(
+        () => viewer.asked.slice(before).some((address) => address.endsWith("/api/state")),
+        "it asks how it stands",
+    );
+    await viewer.leave();
+});
+
 test("a text that is being typed stays, and so does the cursor, while events arrive", async () => {
     const operator = await Visitor.open(browser, station);
     const field = await operator.control("Tag", "textbox");

@@ -18,6 +18,7 @@ const SLEEP = 15_000; // a clock that stood still for longer was asleep
 
 let token = "";
 let tries = 0;
+let entries = 0; // counts the tries to connect; one that is overtaken ends
 /** @type {WebSocket | null} */
 let socket = null;
 /** @type {ReturnType<typeof setTimeout> | undefined} */
@@ -37,7 +38,7 @@ export function start(page) {
         takeToken();
         again(0);
     });
-    addEventListener("online", () => again(0));
+    addEventListener("online", () => void wake()); // a socket of before may be dead without knowing
     addEventListener("lumatie-role", () => void wake());
     document.addEventListener("visibilitychange", () => {
         if (!document.hidden) {
@@ -83,6 +84,8 @@ function takeToken() {
 
 async function connect() {
     clearTimeout(timer);
+    entries += 1;
+    const entry = entries;
     try {
         if (token) {
             const entered = token;
@@ -90,7 +93,12 @@ async function connect() {
             token = token === entered ? "" : token;
         }
     } catch (error) {
-        failed(error);
+        if (entry === entries) {
+            failed(error);
+        }
+        return;
+    }
+    if (entry !== entries) {
         return;
     }
     const scheme = location.protocol === "https:" ? "wss:" : "ws:";
