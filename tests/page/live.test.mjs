@@ -103,6 +103,27 @@ test("a page that is woken while it enters opens one socket, and looks after it 
     await viewer.leave();
 });
 
+test("an alarm that was put away stays so; one that an earlier clock has told is shown", async () => {
+    const operator = await Visitor.open(browser, station);
+    const told = (/** @type {number} */ hours, /** @type {string} */ what) => {
+        const { n } = station.records[station.records.length - 1];
+        const time = new Date(Date.now() - hours * 3600e3).toISOString();
+        const record = { v: 1, n: n + 1, time, kind: "alarm", what, advice: "Look." };
+        appendFileSync(join(station.folder, ".lumatie/ledger.jsonl"), `${JSON.stringify(record)}\n`);
+        return station.record((one) => one.what === what);
+    };
+    await told(0, "The first one");
+    await operator.says("The first one.");
+    await operator.click("Dismiss");
+    await told(2, "The second one");
+    await operator.says("The second one.");
+    await operator.page.reload();
+    await operator.ready();
+    await operator.says("The second one.");
+    assert.ok(!(await operator.text()).includes("The first one."));
+    await operator.leave();
+});
+
 test("a text that is being typed stays, and so does the cursor, while events arrive", async () => {
     const operator = await Visitor.open(browser, station);
     const field = await operator.control("Tag", "textbox");

@@ -7,7 +7,8 @@ import {on} from "../store.js";
 /** @typedef {import("../types.js").Notice} Notice */
 
 const MOST = 4;
-const DISMISSED = "lumatie-dismissed"; // time of the newest record that was put away
+const DISMISSED = "lumatie-put-away"; // keys of the alarms that were put away
+const MOST_DISMISSED = 100;
 
 class LumatieNotices extends HTMLElement {
     #list = h("div", {"aria-live": "assertive", "aria-relevant": "additions"});
@@ -24,10 +25,10 @@ class LumatieNotices extends HTMLElement {
             this.#drop(new Set(alarms.map(({n, time}) => `${n} ${time}`)));
             for (const {n, time, what, text, advice, kind} of [...alarms].sort((one, other) => one.n - other.n)) {
                 const key = `${n} ${time}`;
-                if (time > (sessionStorage.getItem(DISMISSED) ?? "") && !this.#told.has(key)) {
+                if (!this.#told.has(key) && !dismissed().includes(key)) {
                     this.#told.add(key);
                     const words = what || text || (kind === "failed" ? "No picture came." : "Something is wrong.");
-                    this.#add({text: words, advice}, time, key);
+                    this.#add({text: words, advice}, key);
                 }
             }
         });
@@ -51,10 +52,9 @@ class LumatieNotices extends HTMLElement {
 
     /**
      * @param {Notice} notice
-     * @param {string} [time] of its record
      * @param {string} [key] of its alarm
      */
-    #add({text, advice}, time = "", key = "") {
+    #add({text, advice}, key = "") {
         const words = sentence(text);
         const same = [...this.#list.children].find((other) => other.firstElementChild?.textContent === words);
         same?.remove();
@@ -68,8 +68,9 @@ class LumatieNotices extends HTMLElement {
         );
         close.addEventListener("click", () => {
             notice.remove();
-            if (time > (sessionStorage.getItem(DISMISSED) ?? "")) {
-                sessionStorage.setItem(DISMISSED, time);
+            if (key) {
+                const keys = [...dismissed(), key].slice(-MOST_DISMISSED);
+                sessionStorage.setItem(DISMISSED, JSON.stringify(keys));
             }
         });
         this.#list.prepend(notice);
@@ -77,6 +78,11 @@ class LumatieNotices extends HTMLElement {
             this.#list.lastElementChild?.remove();
         }
     }
+}
+
+/** @returns {string[]} by the clock of the day nothing can be told: it may be set back */
+function dismissed() {
+    return JSON.parse(sessionStorage.getItem(DISMISSED) ?? "[]");
 }
 
 customElements.define("lumatie-notices", LumatieNotices);
