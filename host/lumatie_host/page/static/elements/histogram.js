@@ -1,7 +1,7 @@
 // <lumatie-histogram>: how the values of the picture's JPEG are spread, and how much of it clips.
 
 import {attribute, h, text} from "../dom.js";
-import {on} from "../store.js";
+import {get, on} from "../store.js";
 
 const WIDTH = 256;
 const HEIGHT = 96;
@@ -19,9 +19,7 @@ class LumatieHistogram extends HTMLElement {
             text(this.#clipped, words);
             attribute(this.#canvas, "aria-label", `Histogram of the JPEG. ${words}`);
         });
-        matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => {
-            on(["histogram"], ({histogram}) => this.#draw(histogram));
-        });
+        matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => this.#draw(get().histogram));
     }
 
     /** @param {Uint32Array | null} counts */
