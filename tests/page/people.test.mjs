@@ -85,6 +85,10 @@ test("a screen reader finds landmarks, controls by their names, and is told of a
     assert.deepEqual(nameless, []);
     const live = await operator.page.$$eval("[aria-live=assertive], [role=alert]", (all) => all.length);
     assert.ok(live > 0, "a live region for alarms");
+    const loud = await operator.page.$$eval("aside output:not([aria-live=off])", (all) =>
+        all.map((one) => one.id),
+    );
+    assert.deepEqual(loud, [], "what changes with every picture is not read out");
     await operator.leave();
 });
 

@@ -71,6 +71,10 @@ test("an interval tells how far it is, takes what was asked for, and ends where 
     await operator.click("Start");
     await operator.says(/\b[1-9]\d* of 99/);
     await viewer.says(/\b[1-9]\d* of 99/);
+    const readOut = await operator.page.$$eval("lumatie-sequence [aria-live=polite]", (all) =>
+        all.map((one) => one.textContent).join(""),
+    );
+    assert.equal(readOut, "", "what changes all the time is not read out");
     const shutter = await operator.control("Take a picture", "button");
     assert.ok(await shutter.evaluate((one) => /** @type {HTMLButtonElement} */ (one).disabled));
     assert.equal(await viewer.count("Stop", "button"), 0, "a viewer has no Stop");
@@ -82,6 +86,26 @@ test("an interval tells how far it is, takes what was asked for, and ends where 
     await operator.control("Start", "button");
     await operator.leave();
     await viewer.leave();
+});
+
+test("the seconds to the next frame go on when the connection to the camera changes", async () => {
+    const operator = await Visitor.open(browser, station);
+    const begun = await station.call("/api/sequence", { kind: "interval", count: 2, every: 100 });
+    assert.equal(begun.status, 200);
+    const seconds = async () => {
+        const [, left] = /the next in (\d+) s/.exec(await operator.text()) ?? [];
+        return Number(left);
+    };
+    await until(async () => (await seconds()) <= 97, async () => `less than ${await seconds()} s`);
+    await operator.page.evaluate(async () => {
+        const store = "/static/store.js";
+        const { patch } = await import(store);
+        patch({ connection: "silent" });
+    });
+    assert.ok((await seconds()) <= 97, `${await seconds()} s`);
+    await station.call("/api/sequence", { kind: "stop" });
+    await operator.says("Stopped after 1 of 2.");
+    await operator.leave();
 });
 
 test("a bracket takes its frames, each with another value, and sets the setting back", async () => {

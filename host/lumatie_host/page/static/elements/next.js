@@ -7,7 +7,7 @@ import {may, on} from "../store.js";
 
 class LumatieNext extends HTMLElement {
     connectedCallback() {
-        const name = h("output", {id: "next-name"});
+        const name = h("output", {id: "next-name", "aria-live": "off"});
         const tag = h("input", {
             id: "tag",
             autocomplete: "off",
@@ -17,7 +17,7 @@ class LumatieNext extends HTMLElement {
             enterkeyhint: "done",
         });
         const form = h("form", {class: "field"}, h("label", {for: "tag", text: "Tag"}), tag);
-        const told = h("output", {id: "tag-told"});
+        const told = h("output", {id: "tag-told", "aria-live": "off"});
         const plain = h("div", {class: "field"}, h("label", {for: "tag-told", text: "Tag"}), told);
         this.append(
             h("div", {class: "field"}, h("label", {for: "next-name", text: "Next name"}), name),

@@ -15,6 +15,7 @@ class LumatieSequence extends HTMLElement {
     #setting = h("select");
     #steps = h("input", {type: "number", min: 1, max: 30, value: 3, required: true});
     #progress = h("progress", {"aria-label": "Sequence"});
+    #count = h("p"); // changes every second, so it is not read out
     #words = h("p", {"aria-live": "polite"});
     #due = 0; // performance.now() of the next frame
     /** @type {ReturnType<typeof setInterval> | undefined} */
@@ -31,7 +32,7 @@ class LumatieSequence extends HTMLElement {
         const form = h("form", {}, fields);
         const running = h("div", {class: "running", hidden: true}, this.#progress, stop);
         const details = /** @type {HTMLDetailsElement} */ (this.firstElementChild);
-        details.append(form, running, this.#words);
+        details.append(form, running, this.#count, this.#words);
         const reveal = () => details.open && this.scrollIntoView({block: "nearest"});
         details.addEventListener("toggle", reveal);
         requestAnimationFrame(reveal);
@@ -49,12 +50,15 @@ class LumatieSequence extends HTMLElement {
         this.#kind.addEventListener("change", choose);
         choose();
         on(["settings"], ({settings}) => this.#list(settings.filter((one) => one.settable).map(({name}) => name)));
-        on(["sequence", "may", "connection", "line"], ({sequence, connection, line}) => {
+        on(["may", "connection", "line"], ({connection, line}) => {
+            show(stop, may("sequence"));
+            start.disabled = line !== "on" || connection !== "open";
+        });
+        on(["sequence"], ({sequence}) => {
             const isRunning = sequence?.running ?? false;
             show(form, !isRunning);
             show(running, isRunning);
-            show(stop, may("sequence"));
-            start.disabled = line !== "on" || connection !== "open";
+            show(this.#count, isRunning);
             details.open ||= isRunning;
             this.#tell(sequence);
         });
@@ -89,8 +93,9 @@ class LumatieSequence extends HTMLElement {
         this.#progress.value = frame;
         if (running) {
             this.#due = performance.now() + (next ?? 0) * 1000;
-            this.#count(next !== null);
-            this.#clock = next === null ? undefined : setInterval(() => this.#count(true), 1000);
+            text(this.#words, "");
+            this.#tick(next !== null);
+            this.#clock = next === null ? undefined : setInterval(() => this.#tick(true), 1000);
         } else if (error) {
             text(this.#words, `Ended after ${frame} of ${of}. ${sentence(error.text)} ${error.advice}`);
         } else {
@@ -99,11 +104,11 @@ class LumatieSequence extends HTMLElement {
     }
 
     /** @param {boolean} hasNext */
-    #count(hasNext) {
+    #tick(hasNext) {
         const {frame = 0, of = 0} = get().sequence ?? {};
         const seconds = Math.ceil((this.#due - performance.now()) / 1000);
         const next = hasNext && seconds > 0 ? `, the next in ${seconds} s` : "";
-        text(this.#words, `${frame} of ${of}${next}`);
+        text(this.#count, `${frame} of ${of}${next}`);
     }
 }
 

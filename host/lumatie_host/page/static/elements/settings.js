@@ -17,7 +17,7 @@ export function labelOf(name) {
 /** One setting: a list where it can be set, its text where it cannot. */
 class Row {
     #select;
-    #output = h("output");
+    #output = h("output", {"aria-live": "off"});
     #listed = ""; // what the list was made of
     #isByPointer = false;
     /** @type {Setting} */

@@ -8,11 +8,11 @@ const UNITS = ["bytes", "kB", "MB", "GB", "TB"];
 
 class LumatieStorage extends HTMLElement {
     connectedCallback() {
-        const copy = h("output", {id: "copy"});
-        const disk = h("output", {id: "disk"});
+        const copy = h("output", {id: "copy", "aria-live": "off"});
+        const disk = h("output", {id: "disk", "aria-live": "off"});
         const copyRow = h("div", {class: "field"}, h("label", {for: "copy", text: "Copy"}), copy);
         const diskRow = h("div", {class: "field"}, h("label", {for: "disk", text: "Disk"}), disk);
-        const folder = h("output", {id: "folder"});
+        const folder = h("output", {id: "folder", "aria-live": "off"});
         const folderRow = h("div", {class: "field"}, h("label", {for: "folder", text: "Folder"}), folder);
         this.append(folderRow, copyRow, diskRow);
         on(["folder"], (known) => {
