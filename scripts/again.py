@@ -1,9 +1,9 @@
 """Says which failed tests are worth running once more, alone: NAME ARGUMENT..., separated by tabs.
 
-The folder that is named holds NAME.log of each runner; the arguments make that runner run only what
-failed. A test that fails beside a hundred others may have met a machine that had no time for it. What
-no machine does is never run again: a crash, a hang, a sanitizer's report, a file of tests that cannot
-be loaded, more than a few failures.
+The folder that is named holds NAME.log of each runner; the arguments make that runner run only
+what failed. A test that fails beside a hundred others may have met a machine that had no time for
+it. What no machine does is never run again: a crash, a hang, a sanitizer's report, a file of tests
+that cannot be loaded, more than a few failures.
 """
 
 import pathlib
@@ -18,7 +18,7 @@ REPORT = re.compile(r"Sanitizer|runtime error:|unittest\.loader\._FailedTest|Fat
 
 
 def unittest_pattern(name: str) -> str:
-    """What chooses a test that is listed as "test_it (module.Class)", by an end of its whole name."""
+    """What chooses a test that is listed as "test_it (module.Class)": an end of its whole name."""
     test, where = re.match(r"(\w+) \(([\w.]+)\)", name).groups()
     if not test.startswith("test"):  # a set-up, of a class or a module
         return "*" + where + ".*"
@@ -36,7 +36,7 @@ def arguments(text: str) -> List[str]:
 
 
 def worth_it(folder: pathlib.Path) -> Dict[str, List[str]]:
-    """The arguments for each runner that is to run again; none when one failure is not of that kind."""
+    """The arguments for each runner that is to run again; none where one may not."""
     found = {}
     failed = 0
     for log in sorted(folder.glob("*.log")):

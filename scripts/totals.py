@@ -1,16 +1,15 @@
 """Repeats the closing lines of test runners and adds their totals up: N passed, N failed.
 
 Each folder that is named holds NAME.log and NAME.status (the exit status) of each runner that ran
-there, and NAME.again.log of one whose failed tests were run once more, alone. Those that passed then
-are named and count as passed. Ends with 1 when a runner failed, did not finish or ran nothing, or
-when there was none.
+there, and NAME.again.log of one whose failed tests were run once more, alone. Those that passed
+then are named and count as passed. Ends with 1 when a runner failed, did not finish or ran nothing,
+or when there was none.
 """
 
 import pathlib
 import re
 import sys
 from typing import List, NamedTuple
-
 
 AGAIN = ".again"
 

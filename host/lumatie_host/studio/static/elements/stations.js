@@ -79,6 +79,13 @@ class Card {
         void this.show();
     }
 
+    /** The studio is heard again: a picture that did not come meanwhile is tried again. */
+    heardAgain() {
+        if (this.element.dataset.shown !== String(this.#tile.picture?.n)) {
+            this.again();
+        }
+    }
+
     async show() {
         const {picture, station} = this.#tile;
         if (!picture) {
@@ -132,6 +139,11 @@ export class WallStations extends HTMLElement {
         on(["picked"], ({picked}) => {
             for (const [name, card] of this.#cards) {
                 card.pickedIs(picked.includes(name));
+            }
+        });
+        on(["line"], ({line}) => {
+            if (line === "on") {
+                this.#cards.forEach((card) => card.heardAgain());
             }
         });
         on(["line", "stations"], ({line, stations}) => {
