@@ -275,7 +275,7 @@ def recover(
     """
     pictures: List[Picture] = []
     alarms: List[Alarm] = []
-    about = {"shot": 0, "origin": "recovered", **(fields or {})}
+    about = {"shot": 0, "origin": "recovered", "settings": {}, **(fields or {})}
     for spool in orphans(folder):
         for path in spool.files():
             try:

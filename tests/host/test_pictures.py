@@ -447,6 +447,12 @@ class Recovering(FolderTest):
         self.assertEqual(os.listdir(os.path.join(self.folder, ".lumatie/spool")), [])
         self.assertEqual(verify(self.folder), [])
 
+    def test_its_record_has_settings_which_nobody_knows_any_more(self):
+        self.left("a.JPG", picture_files.jpeg())
+        os.link(self.left("b.JPG", picture_files.jpeg(6000)), os.path.join(self.folder, "c.JPG"))
+        recover(self.folder, self.ledger)
+        self.assertEqual([record["settings"] for record in self.ledger.read()], [{}, {}])
+
     def test_the_session_gives_it_a_name(self):
         self.left("a.JPG", picture_files.jpeg())
         template = Template("{date}_{total:03}")
