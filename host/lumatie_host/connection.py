@@ -7,7 +7,7 @@ import logging
 import os
 import time
 from concurrent.futures import Future
-from typing import Callable, Dict, Iterable, Optional
+from typing import Callable, Dict, Iterable, List, Mapping, Optional
 
 from . import reopen, settings
 from .announcer import Announcer
@@ -200,9 +200,14 @@ class Connection:
         # Before the next start, on the camera thread: what is written by then is whole.
         def list_files(_: object) -> None:
             files = self._intake.unannounced()
-            self._post(lambda: self._intake.adopt(files, texts))
+            self._post(lambda: self._adopt(files, texts))
 
         self._camera_thread.uninit().add_done_callback(list_files)
+
+    def _adopt(self, files: List[str], texts: Mapping[str, str]) -> None:
+        if files:
+            self._watch.fetched()
+        self._intake.adopt(files, texts)
 
     def _end_hope(self, what: str) -> None:
         self._watch.give_up(what)

@@ -44,13 +44,15 @@ class Arrival(NamedTuple):
     """A picture that was announced.
 
     `time` is of the monotonic clock; `texts` are what the camera was set to then; `patience` is how
-    many seconds it may take until it is whole.
+    many seconds it may take until it is whole; `may_return` says that a Nikon camera's card may
+    still hold it at the next start.
     """
 
     path: str
     time: float
     texts: Mapping[str, str]
     patience: float
+    may_return: bool = False
 
 
 class _Unwritten(NamedTuple):
@@ -134,7 +136,8 @@ class Intake:
         """Takes them in."""
         for path in paths:
             if self._is_first(path):
-                self._queue.put(Arrival(path, time.monotonic(), texts, UNANNOUNCED_PATIENCE))
+                moment = time.monotonic()
+                self._queue.put(Arrival(path, moment, texts, UNANNOUNCED_PATIENCE, True))
 
     def mend_spool(self) -> None:
         """Raises WriteFailed when pictures have nowhere to go to."""
@@ -292,6 +295,8 @@ class Intake:
         except pictures.Torn as torn:
             self._tell_torn(arrival, torn, exposure)
             return
+        if arrival.may_return and self._known:
+            self._known = max(self._known, picture.n)
         if self.copier is not None:
             with contextlib.suppress(TetherError):
                 path = os.path.join(self._ledger.folder, *picture.file.split("/"))

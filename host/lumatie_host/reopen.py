@@ -103,12 +103,16 @@ class Watch:
         """
         if is_picture:
             self._fetch_until = 0.0
-            self._knows_transfers = True
-            self._silence = max(self._silence, LEARNT * (self.since - self._exposure))
+            self._learn_transfer()
         self._last_sign = self._clock()
         self._missed = 0
         if self._state == SILENT:
             self._state = OPEN
+
+    def fetched(self) -> None:
+        """What looked like a loss was a picture's transfer: its file is there by now."""
+        if self._state in (LOST, REOPENING):
+            self._learn_transfer()
 
     def missed(self) -> None:
         """A deadline passed, and no event came since the request."""
@@ -225,6 +229,10 @@ class Watch:
         """Seconds until a Nikon camera's silence is as long as the limit, and unexplained."""
         now = self._clock()
         return max(self._last_sign + self._exposure + limit, self._fetch_until) - now
+
+    def _learn_transfer(self) -> None:
+        self._knows_transfers = True
+        self._silence = max(self._silence, LEARNT * (self.since - self._exposure))
 
     def _pause(self) -> float:
         # Whoever has pulled a cable by mistake puts it back soon, and nothing may tell of that.

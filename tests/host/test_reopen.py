@@ -92,6 +92,14 @@ class NikonTest(WatchCase):
         self.assertIsNone(self.go(14.9))
         self.assertIs(self.go(0.1), Do.LOSE)
 
+    def test_a_loss_that_was_a_transfer_is_none_the_next_time(self):
+        self.assertIs(self.go(5.0), Do.LOSE)
+        self.clock.now += 4.0
+        self.watch.fetched()
+        self.watch.opened()
+        self.assertIsNone(self.go(13.4))
+        self.assertIs(self.go(0.1), Do.LOSE)
+
     def test_a_second_picture_explains_no_more_than_the_first_has_taken(self):
         self.watch.expect("JPEG Fine")
         self.watch.fetch()

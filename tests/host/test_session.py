@@ -1017,6 +1017,18 @@ class NikonTest(BothMakers, SessionCase):
         listener.wait_for(tether.Back)
         self.assertEqual(self.files(), [picture.file])
 
+    def test_a_slow_picture_that_stays_on_the_card_is_taken_for_a_loss_once(self):
+        # 7 seconds without a report, in each session of the module's.
+        self.camera.configure("items.remove = 0\npicture.size = 7000000\ntransfer.rate = 1")
+        self.camera.press_shutter()
+        session = self.open(name="{n}")
+        listener = Listener(session)
+        listener.wait_for(tether.Back, deadline=40.0)
+        # Confirmed by the report behind the second time that it is fetched.
+        self.assertEqual(session.set("iso", "800", timeout=40.0), "800")
+        self.assertEqual(len(listener.of(tether.Lost)), 1)
+        self.assertEqual(len(listener.of(tether.Picture)), 1)
+
     def test_pictures_that_the_card_still_holds_do_not_come_twice(self):
         self.camera.configure("items.remove = 0")
         with self.open(name="{n}") as session:
