@@ -90,7 +90,7 @@ class Intake:
     ) -> None:
         self.tag = ""
         self.copier: Optional[Copier] = None
-        self.progress: float = time.monotonic()  # when a picture came last
+        self.progress: float = time.monotonic()  # when a picture came last, or the camera was begun with
         self._ledger = ledger
         self._announcer = announcer
         self._shots = shots

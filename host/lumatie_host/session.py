@@ -397,6 +397,7 @@ class Session:
         self._intake.recover()
         if copier is not None and copy is not None:
             second_copies.add_missing(copier, copy, self.ledger)
+        self._intake.progress = time.monotonic()
         self._inbox.post(self._connection.start)
         while True:
             deadline = self._intake.progress + timeout

@@ -164,6 +164,12 @@ class BothMakers:
         self.open().close()
         self.assertEqual([record["origin"] for record in self.ledger("picture")], ["recovered"])
 
+    def test_what_comes_before_the_camera_is_looked_for_takes_nothing_of_its_time(self):
+        def last_for_an_hour(session):
+            session._intake.progress -= 3600.0
+
+        self.open(begin=last_for_an_hour).close()
+
     def test_a_beginning_that_fails_leaves_no_session(self):
         with self.assertRaises(KeyError):
             self.open(begin=lambda session: {}["no such thing"])
