@@ -90,7 +90,7 @@ class Intake:
     ) -> None:
         self.tag = ""
         self.copier: Optional[Copier] = None
-        self.progress: float = time.monotonic()  # when a picture came last, or the camera was begun with
+        self.progress: float = time.monotonic()  # when a picture came last, or the first start began
         self._ledger = ledger
         self._announcer = announcer
         self._shots = shots
@@ -177,15 +177,23 @@ class Intake:
         )
         self._announcer.tell_recorded([*found.pictures, *found.alarms])
 
-    def close(self, seconds: float) -> None:
-        """Ends behind what has come; what cannot be recorded stays for the next session."""
+    def close(self, seconds: Optional[float]) -> bool:
+        """Ends behind what has come; what cannot be recorded stays for the next session.
+
+        Whether it has ended within that time. May be called again, to wait on.
+        """
         self._is_closed = True
         self._queue.put(None)
         self._thread.join(seconds)
+        return not self._thread.is_alive()
 
     def leave_spool(self) -> None:
-        """Gives the spool folder back, when nothing can come into it any more."""
-        self._spool.close()
+        """Gives the spool folder back, when nothing can come into it any more.
+
+        While its thread works in it still it stays this process's own.
+        """
+        if not self._thread.is_alive():
+            self._spool.close()
 
     def _is_first(self, path: str) -> bool:
         with self._lock:

@@ -203,12 +203,12 @@ class Spool:
 
     def files(self) -> List[str]:
         """The paths of the pictures in it, oldest first."""
+        found = []
         with os.scandir(self.path) as entries:
-            found = [
-                (entry.stat().st_mtime_ns, entry.path)
-                for entry in entries
-                if entry.name != _HELD and entry.is_file(follow_symlinks=False)
-            ]
+            for entry in entries:
+                if entry.name != _HELD and entry.is_file(follow_symlinks=False):
+                    with contextlib.suppress(FileNotFoundError):  # it went meanwhile
+                        found.append((entry.stat().st_mtime_ns, entry.path))
         return [path for _, path in sorted(found)]
 
     def close(self) -> None:
@@ -281,13 +281,15 @@ def recover(
             try:
                 found = inspect(path)
             except Torn as torn:
-                alarm = _put_aside(folder, ledger, path, torn)
+                alarm = _put_aside(folder, ledger, path, torn) if os.path.lexists(path) else None
                 if alarm is not None:
                     alarms.append(alarm)
                 continue
+            picture = None
             try:
                 with ledger.exclusive():
-                    picture = _recover(ledger, path, found, adopt, about)
+                    if os.path.lexists(path):  # nobody has taken it meanwhile
+                        picture = _recover(ledger, path, found, adopt, about)
             except OSError as error:
                 raise WriteFailed(str(error)) from error
             if picture is not None:

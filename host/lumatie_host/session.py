@@ -367,8 +367,9 @@ class Session:
         try:
             is_ended = self._close()
         finally:
-            if is_ended or not module_use.end_behind(self._leave_camera):
-                self._leave_module()
+            if is_ended or not module_use.end_behind(self._leave_behind):
+                self._intake.leave_spool()
+                module_use.release()
             self._closed.set()
             _forget(self)
 
@@ -408,7 +409,7 @@ class Session:
                     raise NoAnswer(timeout, "tell its settings") from None
 
     def _close(self) -> bool:
-        """Whether the camera has ended, too."""
+        """Whether the camera has ended, too, and nothing works with its pictures any more."""
         deadline = time.monotonic() + CLOSE_WITHIN
 
         def left() -> float:
@@ -424,7 +425,7 @@ class Session:
         self._inbox.end(left())
         if is_ended:
             self._intake.adopt(self._intake.unannounced(), self._confirmations.texts)
-        self._intake.close(left())
+        is_ended = self._intake.close(left()) and is_ended
         if self._intake.copier is not None:
             second_copies.close_copier(self._intake.copier, self._announcer, left())
         opened = self._connection.opened
@@ -433,14 +434,15 @@ class Session:
         self._subscribers.close()
         return is_ended
 
-    def _leave_camera(self) -> None:
-        """Waits for a camera that a close has left behind; on a thread of its own."""
+    def _leave_behind(self) -> None:
+        """Waits for a camera and its pictures that a close has left; on a thread of its own."""
+        end = time.monotonic() + CLOSE_PATIENCE
         self._camera_thread.end(CLOSE_PATIENCE)
-        self._leave_module()
-
-    def _leave_module(self) -> None:
-        self._intake.leave_spool()
+        is_ended = self._intake.close(max(0.0, end - time.monotonic()))
         module_use.release()
+        if not is_ended:
+            self._intake.close(None)  # for as long as the disk takes
+        self._intake.leave_spool()
 
     # On the event thread.
 

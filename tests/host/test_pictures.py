@@ -480,6 +480,24 @@ class Recovering(FolderTest):
         self.assertEqual(kept, content)
         self.assertEqual(list(self.ledger.events()), list(found.alarms))
 
+    def test_a_file_that_goes_meanwhile_is_passed_over(self):
+        # Whose spool it is has not ended yet, and takes its picture in at the same time.
+        self.left("a.JPG", picture_files.jpeg())
+        self.left("b.JPG", picture_files.jpeg(6000))
+        look = pictures.inspect
+
+        def look_and_lose(path):
+            if path.endswith("a.JPG"):
+                os.remove(path)
+                return look(path)
+            found = look(path)
+            os.remove(path)
+            return found
+
+        with mock.patch.object(pictures, "inspect", look_and_lose):
+            found = recover(self.folder, self.ledger)
+        self.assertEqual((found, self.ledger.last), (pictures.Recovered((), ()), 0))
+
     def test_a_second_torn_file_of_a_name_does_not_replace_the_first(self):
         for content in (b"1", b"2"):
             self.left("a.JPG", content)

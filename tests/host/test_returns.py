@@ -4,9 +4,10 @@ import os
 import pathlib
 import threading
 import unittest
+from unittest import mock
 
 import lumatie_host as tether
-from lumatie_host import reopen
+from lumatie_host import pictures, reopen
 from lumatie_host import session as session_module
 from test_session import DEADLINE, Listener, SessionCase
 from timing import timed, within
@@ -131,6 +132,33 @@ class Closing:
         with self.open():
             pass
         self.assert_recovered()
+
+    @timed
+    def test_a_picture_that_is_looked_at_behind_the_close_keeps_its_spool(self):
+        goes_on = threading.Event()
+        self.addCleanup(goes_on.set)
+        await_whole = pictures.await_whole
+
+        def await_and_stay(*arguments):
+            found = await_whole(*arguments)
+            goes_on.wait(DEADLINE)
+            return found
+
+        with mock.patch.object(pictures, "await_whole", await_and_stay):
+            session = self.open()
+            self.shoot_beside(session)
+            wait_until(lambda: session._shots.pending, "it was asked for")
+            wait_until(lambda: session._intake._announced, "the picture is looked at")
+            with within(CLOSED_WITHIN):
+                session.close()
+            spool = session._intake.spool
+            self.assertEqual(list(pictures.orphans(self.folder)), [])
+            goes_on.set()
+            with self.open():  # waits for it
+                self.assertFalse(os.path.exists(spool))
+        (picture,) = self.ledger("picture")
+        self.assertEqual(picture["origin"], "host")
+        self.assertEqual(tether.verify(self.folder), [])
 
     def assert_recovered(self):
         (picture,) = self.ledger("picture")
