@@ -51,11 +51,11 @@ class CameraNotFound(TetherError):
     """No camera answers to the name, or the driver module finds none.
 
     Args:
-        camera: the name.
+        camera: the name; empty: none was given.
         file: a file of that name, which the module would take for a driver module.
     """
 
-    def __init__(self, camera: str, file: Optional[str] = None) -> None:
+    def __init__(self, camera: str = "", file: Optional[str] = None) -> None:
         self.camera = camera
         self.file = file
         if file is not None:
@@ -102,18 +102,18 @@ class FolderRejected(TetherError):
 
     Args:
         folder: as it was given.
-        why: what is wrong with it, in words.
+        why: what is wrong with it, in words. A single argument is this one; `folder` is empty then.
     """
 
-    def __init__(self, folder: str, why: str) -> None:
-        self.folder = folder
-        self.why = why
+    def __init__(self, folder: str, why: Optional[str] = None) -> None:
+        arguments = (folder, why)
+        place = "there" if why is None else "into %s" % (folder or '""')
+        self.folder, self.why = ("", folder) if why is None else (folder, why)
         super().__init__(
-            "pictures cannot go into %s: %s" % (folder or '""', why),
+            "pictures cannot go %s: %s" % (place, self.why),
             Reason.FOLDER_REJECTED,
             "Choose a folder on this computer that you may write to, with a short path.",
-            folder,
-            why,
+            *arguments,
         )
 
 
@@ -185,7 +185,7 @@ class NotSettable(TetherError):
     """
 
     def __init__(
-        self, setting: str, mode: Optional[str] = None, advice: Optional[str] = None
+        self, setting: str = "setting", mode: Optional[str] = None, advice: Optional[str] = None
     ) -> None:
         self.setting = setting
         self.mode = mode
@@ -272,7 +272,7 @@ class WriteFailed(TetherError):
         evidence: what the system said, and of which file.
     """
 
-    def __init__(self, evidence: str) -> None:
+    def __init__(self, evidence: str = "the system did not say why") -> None:
         self.evidence = evidence
         super().__init__(
             "a picture could not be written: %s" % evidence,

@@ -22,6 +22,12 @@ ALL = (
         "Switch the camera on, check its cable, and close other programs that use it.",
     ),
     (
+        errors.CameraNotFound(),
+        Reason.CAMERA_NOT_FOUND,
+        "no camera was named",
+        "Name the camera as it calls itself, or the driver module of a Nikon camera.",
+    ),
+    (
         errors.LibraryMissing("EDSDK.dll", None, "module not found"),
         Reason.LIBRARY_MISSING,
         "the camera library EDSDK.dll cannot be loaded: module not found",
@@ -43,6 +49,12 @@ ALL = (
         errors.FolderRejected("shoot", "it cannot be written to"),
         Reason.FOLDER_REJECTED,
         "pictures cannot go into shoot: it cannot be written to",
+        "Choose a folder on this computer that you may write to, with a short path.",
+    ),
+    (
+        errors.FolderRejected("it cannot be written to"),
+        Reason.FOLDER_REJECTED,
+        "pictures cannot go there: it cannot be written to",
         "Choose a folder on this computer that you may write to, with a short path.",
     ),
     (
@@ -89,6 +101,12 @@ ALL = (
         "Set it on the camera itself.",
     ),
     (
+        errors.NotSettable(),
+        Reason.NOT_SETTABLE,
+        "the camera's setting cannot be set from here",
+        "Set it on the camera itself.",
+    ),
+    (
         errors.NotSettable("shutter", "P"),
         Reason.NOT_SETTABLE,
         "the camera chooses its shutter itself in mode P",
@@ -129,6 +147,12 @@ ALL = (
         errors.WriteFailed("no space left"),
         Reason.WRITE_FAILED,
         "a picture could not be written: no space left",
+        MAKE_ROOM,
+    ),
+    (
+        errors.WriteFailed(),
+        Reason.WRITE_FAILED,
+        "a picture could not be written: the system did not say why",
         MAKE_ROOM,
     ),
     (
