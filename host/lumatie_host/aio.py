@@ -24,6 +24,7 @@ from typing import (
     Optional,
     Type,
     TypeVar,
+    Union,
 )
 
 from . import finding, session
@@ -281,7 +282,7 @@ def open_async(
 
 
 async def find_async(
-    names: Iterable[str] = (),
+    names: Union[str, Iterable[str]] = (),
     *,
     module: Optional[str] = None,
     canon_library: Optional[str] = None,

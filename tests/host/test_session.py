@@ -12,11 +12,12 @@ import textwrap
 import threading
 import time
 import unittest
+from unittest import mock
 
 import lumatie_host as tether
 import picture_files
 from camera_case import DEADLINE, CameraCase
-from lumatie_host import libraries, reopen
+from lumatie_host import finding, libraries, reopen
 from lumatie_host.camera_thread import Note
 from timing import timed, within
 from virtual_cameras import wait_until
@@ -710,9 +711,38 @@ class CanonTest(BothMakers, SessionCase):
         found = tether.find(["Nobody EOS", "Virtual EOS"], canon_library=library)
         self.assertEqual(found, "Virtual EOS")
         self.assertIsNone(tether.find(["Nobody EOS"], canon_library=library))
+        self.assertEqual(tether.find("Virtual EOS", canon_library=library), "Virtual EOS")
         self.assertEqual(tether.find(virtual="canon"), "Virtual EOS")
-        with self.assertRaises(tether.CameraNotFound):
+
+    def test_without_a_name_the_virtual_camera_is_looked_for(self):
+        self.assertEqual(tether.find(timeout=DEADLINE), "Virtual EOS")
+        self.camera.unplug()
+        self.assertIsNone(tether.find(timeout=DEADLINE))
+
+    def test_names_that_no_camera_can_have_are_passed_over(self):
+        file = os.path.join(self.base, "file")
+        pathlib.Path(file).touch()
+        unfit = ["", "\0", "\ud800", file]
+        self.assertEqual(tether.find([*unfit, "Virtual EOS"]), "Virtual EOS")
+        self.assertIsNone(tether.find(unfit))
+
+    def test_pictures_that_come_while_a_camera_is_looked_for_are_kept(self):
+        folders = []
+
+        def find_and_fetch(plans, folder, deadline):
+            folders.append(folder)
+            if len(folders) > 1:
+                pathlib.Path(folder, "a.JPG").touch()
+            return "Virtual EOS"
+
+        with mock.patch.object(finding, "_first", find_and_fetch):
             tether.find()
+            with self.assertLogs("lumatie_host", "WARNING") as logs:
+                tether.find()
+        self.assertFalse(os.path.exists(folders[0]))
+        self.addCleanup(shutil.rmtree, folders[1])
+        self.assertEqual(os.listdir(folders[1]), ["a.JPG"])
+        self.assertIn(folders[1], logs.output[0])
 
     def test_a_camera_whose_session_does_not_open_gives_no_answer(self):
         self.camera.fault("EdsOpenSession code=0xC0 calls=0")
