@@ -70,4 +70,5 @@ class Announcer:
         self._is_unwritable = True
         _log.error("nothing can be recorded: %s", error)
         now = datetime.datetime.now(datetime.timezone.utc)
-        self._subscribers.publish(Alarm(self._ledger.last, now, str(error), error.advice))
+        last = self._ledger.last
+        self._subscribers.publish(Alarm(last, now, str(error), error.advice, is_recorded=False))

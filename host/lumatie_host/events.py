@@ -6,7 +6,7 @@ read on any thread, for ever.
 
 import dataclasses
 import datetime
-from typing import Any, ClassVar, Dict, Mapping, Optional, Tuple, Type
+from typing import Any, ClassVar, Dict, Iterator, Mapping, Optional, Tuple, Type
 
 
 @dataclasses.dataclass(frozen=True)
@@ -136,11 +136,15 @@ class Rated(Event):
 
 @dataclasses.dataclass(frozen=True)
 class Alarm(Event):
-    """Something that a person has to look after."""
+    """Something that a person has to look after.
+
+    `is_recorded` is False when nothing can be recorded, this neither; `n` is the record's before.
+    """
 
     kind: ClassVar[str] = "alarm"
     what: str
     advice: str
+    is_recorded: bool = dataclasses.field(default=True, metadata={"in_record": False})
 
 
 @dataclasses.dataclass(frozen=True)
@@ -193,7 +197,7 @@ def to_record(event: Event) -> Dict[str, Any]:
         "time": time_text(event.time),
         "kind": event.kind,
     }
-    for field in dataclasses.fields(event):
+    for field in _fields_of(type(event)):
         value = getattr(event, field.name)
         if field.name not in record and value is not None:
             record[field.name] = value
@@ -213,7 +217,7 @@ def from_record(record: Mapping[str, Any]) -> Optional[Event]:
     try:
         values = {
             field.name: record[field.name]
-            for field in dataclasses.fields(kind)
+            for field in _fields_of(kind)
             if field.name in record
         }
         values["time"] = time_of(values["time"])
@@ -227,3 +231,8 @@ def from_record(record: Mapping[str, Any]) -> Optional[Event]:
         return kind(**values)
     except (AttributeError, KeyError, TypeError, ValueError):
         return None
+
+
+def _fields_of(kind: Type[Event]) -> "Iterator[dataclasses.Field[Any]]":
+    """Those that a record has."""
+    return (field for field in dataclasses.fields(kind) if field.metadata.get("in_record", True))

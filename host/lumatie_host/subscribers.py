@@ -4,6 +4,7 @@ Each listener has a mailbox of its own with a limit. Of the events about one set
 newest waits there. When a mailbox overflows, the older half of what waits is replaced with one
 `Lagged`, which names the numbers under which the ledger has all of it: the numbers that a listener
 sees, those of a `Lagged` included, have no gap but for settings that a newer event stands for.
+An alarm that is in no ledger, because nothing can be recorded, is kept: of several the newest.
 
 Everything here may be called on any thread. No lock is held while a listener's code runs.
 """
@@ -16,7 +17,7 @@ import time
 import weakref
 from typing import Callable, Deque, Iterable, Iterator, Optional, Tuple, Union
 
-from .events import Event, Lagged, SettingChanged
+from .events import Alarm, Event, Lagged, SettingChanged
 
 Heard = Union[Event, Lagged]
 
@@ -103,7 +104,11 @@ class Mailbox:
                 return
 
     def _give_up_half(self) -> None:
-        given_up = [self._waiting.popleft() for _ in range(len(self._waiting) // 2)]
+        older = [self._waiting.popleft() for _ in range(len(self._waiting) // 2)]
+        given_up = [event for event in older if _is_in_ledger(event)]
+        self._waiting.extendleft([event for event in older if not _is_in_ledger(event)][-1:])
+        if not given_up:
+            return
         first, last = given_up[0], given_up[-1]
         self._waiting.appendleft(
             Lagged(
@@ -221,14 +226,20 @@ class EventIterator(Iterator[Heard]):
             self._earlier = None
         while True:
             event = self._mailbox.take(timeout)
+            if event is None or not _is_in_ledger(event):
+                return event
             # What was read from the ledger may wait in the mailbox, too.
-            if event is None or self._seen < (event.last if isinstance(event, Lagged) else event.n):
+            if self._seen < (event.last if isinstance(event, Lagged) else event.n):
                 return event
 
     def close(self) -> None:
         """Ends the iteration; may be called on any thread."""
         self._mailbox.close()
         self._mailbox.clear()
+
+
+def _is_in_ledger(event: Heard) -> bool:
+    return not isinstance(event, Alarm) or event.is_recorded
 
 
 def _deliver(mailbox: Mailbox, listener: Callable[[Heard], object]) -> None:

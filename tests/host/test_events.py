@@ -119,6 +119,12 @@ class Records(unittest.TestCase):
         self.assertEqual(record["settings"], {})
         self.assertEqual(events.from_record(record), picture)
 
+    def test_whether_there_is_a_record_is_in_none(self):
+        alarm = events.Alarm(3, TIME, "the disk is full", "Make room.", is_recorded=False)
+        record = events.to_record(alarm)
+        self.assertNotIn("is_recorded", record)
+        self.assertTrue(events.from_record(dict(record, is_recorded=False)).is_recorded)
+
     def test_fields_that_are_not_known_are_passed_over(self):
         for event, fields in ALL:
             with self.subTest(event.kind):

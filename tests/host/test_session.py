@@ -537,6 +537,7 @@ class BothMakers:
             )
         alarm = listener.wait_for(tether.Alarm)
         self.assertEqual(alarm.what, "a picture could not be written: No space left on device")
+        self.assertFalse(alarm.is_recorded)
         self.assertEqual((self.files(), listener.of(tether.Picture)), ([], []))
         is_full.clear()
         picture = listener.wait_for(tether.Picture)

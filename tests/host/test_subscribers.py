@@ -1,5 +1,6 @@
 """Listeners get what happens, in order, and delay nobody."""
 
+import dataclasses
 import datetime
 import gc
 import threading
@@ -26,6 +27,9 @@ def picture(n):
 
 def setting(n, name, text):
     return SettingChanged(n, NOW, name, text)
+
+
+UNRECORDED = Alarm(1, NOW, "the disk is full", "Make room.", is_recorded=False)
 
 
 def numbers(mailbox):
@@ -78,6 +82,22 @@ class MailboxTest(unittest.TestCase):
             self.assertEqual(first, expected)
             expected = last + 1
         self.assertEqual(expected, 1001)
+
+    def test_an_alarm_that_is_in_no_ledger_is_not_given_up(self):
+        mailbox = Mailbox(limit=4)
+        mailbox.put(picture(1))
+        mailbox.put(UNRECORDED)
+        for n in range(2, 20):
+            mailbox.put(picture(n))
+        taken = numbers(mailbox)
+        self.assertEqual(taken, [(1, 16), 1, 17, 18, 19])
+
+    def test_of_the_alarms_that_are_in_no_ledger_the_newest_is_kept(self):
+        mailbox = Mailbox(limit=2)
+        for n in range(100):
+            mailbox.put(dataclasses.replace(UNRECORDED, n=n))
+        self.assertLessEqual(len(mailbox._waiting), 4)
+        self.assertEqual(numbers(mailbox)[-1], 99)
 
     def test_who_waits_without_an_event_gets_none_at_the_deadline(self):
         start = time.monotonic()
@@ -236,6 +256,14 @@ class EventIteratorTest(unittest.TestCase):
         mailbox.close()
         events = EventIterator(mailbox, iter([alarm(2), alarm(3), alarm(4)]))
         self.assertEqual([event.n for event in events], [2, 3, 4, 5])
+
+    def test_an_alarm_that_is_in_no_ledger_comes_whatever_was_read(self):
+        mailbox = Mailbox()
+        mailbox.put(alarm(1))
+        mailbox.put(UNRECORDED)
+        mailbox.close()
+        events = EventIterator(mailbox, iter([alarm(1)]))
+        self.assertEqual(list(events), [alarm(1), UNRECORDED])
 
     def test_a_lag_that_reaches_beyond_what_was_read_is_told(self):
         mailbox = Mailbox(limit=4)
