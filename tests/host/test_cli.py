@@ -420,6 +420,16 @@ class CanonTest(BothMakers, CommandTestCase):
         )
         self.assertEqual((run.status, len(self.pictures())), (0, 1), run)
 
+    def test_a_library_that_is_named_is_used_in_place_of_the_virtual_cameras_own(self):
+        missing = os.path.join(self.base, "EDSDK.dll")
+        run = self.run_command("shoot", "--canon-library", missing)
+        self.assertEqual(run.status, 4, run)
+        self.assertIn(missing, run.stderr)
+        run = self.run_command("check", "--canon-library", missing)
+        self.assertIn(missing, run.stdout)
+        run = self.run_command("shoot", "--canon-library", str(CANON_LIBRARY))
+        self.assertEqual((run.status, len(self.pictures())), (0, 1), run)
+
     def test_without_a_folder_one_of_todays_date_is_made_and_told(self):
         run = self.run_bare("shoot", "--virtual", "canon")
         self.assertEqual(run.status, 0, run)
@@ -559,6 +569,14 @@ class NikonTest(BothMakers, CommandTestCase):
     slow_start = "fault = GetCapInfo delay_ms=500"
     start_begins = "GetCapCount(module#0"
 
+    def test_a_driver_module_that_is_named_is_used_in_place_of_the_virtual_cameras_own(self):
+        missing = os.path.join(self.base, "Other.md3")
+        run = self.run_command("shoot", "--module", missing)
+        self.assertEqual(run.status, 4, run)
+        self.assertIn(missing, run.stderr)
+        run = self.run_command("shoot", "--module", str(NIKON_MODULE))
+        self.assertEqual((run.status, len(self.pictures())), (0, 1), run)
+
     def test_the_modules_own_lines_go_to_standard_error(self):
         run = self.run_command("shoot")
         self.assertEqual(run.status, 0, run)
@@ -623,6 +641,7 @@ class WrongUseTest(CommandTestCase):
             ("shoot", "unrecognized arguments: --evry 3", ("--evry", "3")),
             ("shoot", "invalid choice: 'sony'", ("--virtual", "sony")),
             ("shoot", "--module is a Nikon camera", ("--module", "x.md3")),
+            ("shoot", "--module is a Nikon camera", ("--module", "x.md3", "--camera", "EOS")),
             ("set", "argument SETTING=VALUE: foo is not like shutter=1/250", ("foo",)),
             ("set", "there is no setting foo; there are mode, shutter,", ("foo=1",)),
             ("set", "shutter=key:x is not like shutter=key:120", ("shutter=key:x",)),

@@ -414,12 +414,10 @@ def _check(parser: argparse.ArgumentParser, options: Options) -> None:
     for name, value in vars(options).items():
         if isinstance(value, str) and ("\0" in value or value == ""):
             parser.error("--%s is empty" % name.replace("_", "-"))
-    if options.module is not None and (options.camera is not None or options.virtual is not None):
-        parser.error("--module is a Nikon camera: not with --camera or --virtual")
+    if options.module is not None and (options.camera is not None or options.virtual == "canon"):
+        parser.error("--module is a Nikon camera: not with --camera or --virtual canon")
     if options.virtual == "nikon" and options.camera is not None:
         parser.error("--camera is a Canon camera: not with --virtual nikon")
-    if options.virtual == "canon" and options.canon_library is not None:
-        parser.error("--virtual canon has a library of its own: not with --canon-library")
     if options.word == "ledger" and options.place is not None:
         if options.folder is not None:
             parser.error("the folder is named twice")

@@ -57,9 +57,9 @@ def _job(options: Options) -> Job:
     if options.virtual is not None:
         came_along = libraries.virtual()
         if maker == "nikon":
-            module = came_along.nikon_module
+            module = module or came_along.nikon_module
         else:
-            canon_library = came_along.canon_library
+            canon_library = canon_library or came_along.canon_library
             camera = camera or opening.VIRTUAL_CANON
     if maker == "canon":
         opening.check_camera_name(camera)
