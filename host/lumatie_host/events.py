@@ -4,9 +4,23 @@ An event and its record say the same. Events are made on threads of the session'
 read on any thread, for ever.
 """
 
+import collections.abc
 import dataclasses
 import datetime
-from typing import Any, ClassVar, Dict, Iterator, Mapping, Optional, Tuple, Type
+from typing import (
+    Any,
+    Callable,
+    ClassVar,
+    Dict,
+    Iterator,
+    Mapping,
+    Optional,
+    Tuple,
+    Type,
+    Union,
+    get_args,
+    get_origin,
+)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -144,7 +158,9 @@ class Alarm(Event):
     kind: ClassVar[str] = "alarm"
     what: str
     advice: str
-    is_recorded: bool = dataclasses.field(default=True, metadata={"in_record": False})
+    is_recorded: bool = dataclasses.field(
+        default=True, compare=False, metadata={"in_record": False}
+    )
 
 
 @dataclasses.dataclass(frozen=True)
@@ -208,25 +224,24 @@ def from_record(record: Mapping[str, Any]) -> Optional[Event]:
     """The event that a record tells of.
 
     None for a kind or version that is not known here, and for a record without a field that its
-    kind needs: the ledger may have been written by a newer program. Fields that are not known are
-    passed over.
+    kind needs, or with one of another type: the ledger may have been written by a newer program.
+    Fields that are not known are passed over.
     """
     kind = EVENTS.get(str(record.get("kind")))
     if kind is None or record.get("v") != VERSION:
         return None
     try:
-        values = {
-            field.name: record[field.name]
-            for field in _fields_of(kind)
-            if field.name in record
-        }
-        values["time"] = time_of(values["time"])
+        values: Dict[str, Any] = {"time": time_of(record["time"])}
+        for name, is_fit in _FORMS[kind].items():
+            if name in record and name != "time":
+                values[name] = record[name]
+                if not is_fit(record[name]):
+                    return None
         if "allowed" in values:
             values["allowed"] = tuple(values["allowed"])
         if "differences" in values:
             values["differences"] = {
-                name: (str(before), str(now))
-                for name, (before, now) in values["differences"].items()
+                name: tuple(texts) for name, texts in values["differences"].items()
             }
         return kind(**values)
     except (AttributeError, KeyError, TypeError, ValueError):
@@ -236,3 +251,34 @@ def from_record(record: Mapping[str, Any]) -> Optional[Event]:
 def _fields_of(kind: Type[Event]) -> "Iterator[dataclasses.Field[Any]]":
     """Those that a record has."""
     return (field for field in dataclasses.fields(kind) if field.metadata.get("in_record", True))
+
+
+def _form(kind: Any) -> Callable[[Any], bool]:
+    """Says whether a value of a record is one of a field's type: a list is a tuple's."""
+    origin, parts = get_origin(kind), get_args(kind)
+    forms = [_form(part) for part in parts if part is not Ellipsis]
+    if origin is Union:
+        return lambda value: any(form(value) for form in forms)
+    if origin is tuple and Ellipsis in parts:
+        return lambda value: isinstance(value, (list, tuple)) and all(map(forms[0], value))
+    if origin is tuple:
+        return lambda value: (
+            isinstance(value, (list, tuple))
+            and len(value) == len(forms)
+            and all(form(part) for form, part in zip(forms, value))
+        )
+    if origin is collections.abc.Mapping:
+        return lambda value: (
+            isinstance(value, Mapping)
+            and all(map(forms[0], value))
+            and all(map(forms[1], value.values()))
+        )
+    if kind is bool:
+        return lambda value: isinstance(value, bool)
+    kinds = (int, float) if kind is float else (kind,)
+    return lambda value: isinstance(value, kinds) and not isinstance(value, bool)
+
+
+_FORMS: Mapping[Type[Event], Mapping[str, Callable[[Any], bool]]] = {
+    kind: {field.name: _form(field.type) for field in _fields_of(kind)} for kind in EVENTS.values()
+}

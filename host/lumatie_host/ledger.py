@@ -38,6 +38,7 @@ from .places import Places
 INNER_FOLDER = ".lumatie"
 FILE = "ledger.jsonl"
 LOCK = "lock"
+TORN_END = "the last line is torn"
 
 LONGEST_LINE = 1 << 20  # bytes; longer ones are passed over, and not written
 LARGEST_NUMBER = (1 << 53) - 1  # that every reader of JSON takes
@@ -152,10 +153,12 @@ class Ledger:
 
         Raises WriteFailed when the ledger cannot be had.
         """
-        with self._held(is_reader=True):
+        with self._current(is_reader=True):
             texts = list(self._problems)
             if self._more_problems:
                 texts.append("%d more" % self._more_problems)
+            if self._is_torn():
+                texts.append(TORN_END)
             return texts
 
     @contextlib.contextmanager
@@ -280,6 +283,13 @@ class Ledger:
         except FileNotFoundError:
             if self._is_prepared or self._end:
                 raise
+
+    def _is_torn(self) -> bool:
+        """Whether something stands behind the last whole line, with the lock held."""
+        try:
+            return os.path.getsize(self._path) > self._end
+        except OSError:
+            return False
 
     def _start_anew(self) -> None:
         """Forgets what was read; the highest number stays, so that none is given twice."""
@@ -463,7 +473,7 @@ def _findings(folder: str, file: BinaryIO, size: int) -> Iterator[Finding]:
         if line.record["v"] == VERSION and line.record["kind"] == "picture":
             yield from _picture_findings(folder, line)
     if end != size:
-        yield Finding("damaged", "the last line is torn")
+        yield Finding("damaged", TORN_END)
 
 
 def _picture_findings(folder: str, line: _Line) -> Iterator[Finding]:

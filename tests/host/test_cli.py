@@ -761,6 +761,22 @@ class LedgerTest(CommandTestCase):
         run = self.run_bare("ledger", "--folder", self.folder, "show", "--json")
         self.assertEqual(self.records(run), self.ledger())
 
+    def test_records_that_say_nothing_and_a_torn_end_are_shown(self):
+        fields = '"sha256":"00","shot":1,"origin":"host","format":"JPEG"'
+        head = '{"v":1,"n":%d,"time":"2026-11-22T05:40:48.123Z","kind":"picture",'
+        path = pathlib.Path(self.folder, ".lumatie", "ledger.jsonl")
+        with path.open("a") as file:
+            file.write(head % 100 + '"file":"a.JPG","size":"x",%s}\n' % fields)
+            file.write(head % 101 + '"file":["a.JPG"],"size":1,%s}\n' % fields)
+            file.write(head % 102)
+        run = self.run_bare("ledger", "show", self.folder)
+        self.assertEqual(run.status, 0, run)
+        line = "2026-11-22T05:40:48.123Z  picture"
+        self.assertEqual(run.stdout.splitlines()[-2:], [line, line])
+        self.assertEqual(run.stderr, "the last line is torn\n")
+        run = self.run_command("shoot", "--name", "{n}", "--copy", self.folder + "-2")
+        self.assertEqual((run.status, len(self.pictures(self.folder + "-2"))), (0, 3), run)
+
     def test_a_folder_that_is_only_read_is_not_written_to(self):
         inner = pathlib.Path(self.folder, ".lumatie")
         (inner / "lock").unlink()

@@ -173,6 +173,26 @@ class Records(unittest.TestCase):
                 self.assertIsNone(events.from_record(dict(record_of(*event), **changes)))
 
 
+    def test_fields_of_another_type_make_no_event(self):
+        for event, fields in ALL:
+            for name, value in dict(fields, n=event.n).items():
+                for other in (True, 1, 1.5, "x", ["x"], [1], {"x": ["y", "z"]}, {"x": 1}):
+                    is_alike = type(other) in (type(value), type(value) is float and int)
+                    if is_alike and other not in ([1], {"x": 1}):
+                        continue
+                    with self.subTest(event.kind, name=name, other=other):
+                        record = record_of(event, {**fields, name: other})
+                        self.assertIsNone(events.from_record(record))
+
+    def test_a_whole_number_of_seconds_is_one(self):
+        back, fields = ALL[2]
+        self.assertEqual(events.from_record(record_of(back, dict(fields, after=7))).after, 7)
+
+    def test_what_is_not_known_may_be_told_as_nothing(self):
+        picture, fields = ALL[6]
+        self.assertIsNone(events.from_record(record_of(picture, dict(fields, width=None))).width)
+
+
 class Times(unittest.TestCase):
     def test_a_time_is_told_in_utc_with_milliseconds(self):
         east = datetime.timezone(datetime.timedelta(hours=5, minutes=30))

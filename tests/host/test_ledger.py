@@ -328,6 +328,15 @@ class BadLedgers(LedgerTest):
         self.assertEqual(self.numbers(ledger), [1, 2])
         self.assertEqual(ledger.problems(), ["line 2: no JSON"])
 
+    def test_a_torn_last_line_is_told(self):
+        ledger = Ledger(self.folder)
+        ledger.append("closed")
+        self.assertEqual(ledger.problems(), [])
+        with open(self.path, "ab") as file:
+            file.write(b'{"v":1,"n":2')
+        self.assertEqual(ledger.problems(), ["the last line is torn"])
+        self.assertEqual(Ledger(self.folder).problems(), ["the last line is torn"])
+
     def test_a_whole_record_without_its_newline_keeps_its_number(self):
         self.write(record(1) + record(2)[:-1])
         ledger = Ledger(self.folder)
