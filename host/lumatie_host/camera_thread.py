@@ -20,6 +20,7 @@ from typing import Any, Callable, Deque, NamedTuple, Optional, Tuple
 from . import messages
 from .errors import Closed, TooLate
 from .protocol import Code
+from .turns import taken
 
 PUMP_EVERY = 0.01  # seconds, on Windows
 GIVE_UP = 2.0  # seconds that a library may take to end, before it is given up
@@ -189,7 +190,7 @@ class CameraThread:
                 if pump is not None:
                     pump.run()
                 try:
-                    job = self._jobs.get(timeout=None if pump is None else self._pause())
+                    job = taken(self._jobs, None if pump is None else self._pause())
                 except queue.Empty:
                     continue
                 if job is None:

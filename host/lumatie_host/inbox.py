@@ -7,7 +7,7 @@ from concurrent.futures import Future
 from typing import Any, Callable, Optional, TypeVar
 
 from .errors import Closed, TetherError
-from .turns import Late, wait_for
+from .turns import Late, taken, wait_for
 
 _MOST = 1000  # items that are worked off before the session looks after the rest
 
@@ -102,7 +102,7 @@ class Inbox:
         timeout = self._pause()
         for _ in range(_MOST):
             try:
-                item = self._queue.get(timeout=timeout)
+                item = taken(self._queue, timeout)
             except queue.Empty:
                 break
             if item is None:

@@ -30,6 +30,7 @@ from .errors import Closed, PictureLost, TetherError, WriteFailed
 from .ledger import INNER_FOLDER, Ledger, path_of
 from .names import Template
 from .shots import Exposure, Shots
+from .turns import taken
 
 WHOLE_PATIENCE = 5.0  # seconds until an announced picture is whole
 UNANNOUNCED_PATIENCE = 0.2  # the same for one that was written before
@@ -210,7 +211,7 @@ class Intake:
     def _run(self) -> None:
         while True:
             try:
-                item = self._queue.get(timeout=RETRY_EVERY if self._unsettled else None)
+                item = taken(self._queue, RETRY_EVERY if self._unsettled else None)
             except queue.Empty:
                 self._guarded(self._try_again)
                 continue

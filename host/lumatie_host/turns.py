@@ -3,11 +3,12 @@
 import collections
 import contextlib
 import os
+import queue
 import threading
 import time
 from concurrent.futures import Future
 from concurrent.futures import TimeoutError as FutureTimeout
-from typing import Callable, Deque, Iterator, TypeVar
+from typing import Any, Callable, Deque, Iterator, Optional, TypeVar
 
 from .errors import Closed, TetherError
 
@@ -54,6 +55,19 @@ class Turns:
         with self._changed:
             self._is_closed = True
             self._changed.notify_all()
+
+
+def taken(items: "queue.SimpleQueue[Any]", timeout: Optional[float]) -> Any:
+    """The next of a queue that one thread alone takes from; raises queue.Empty after `timeout`.
+
+    Before 3.11 a wait whose time is over as it begins may last for ever: not behind a look.
+    """
+    try:
+        return items.get_nowait()
+    except queue.Empty:
+        if timeout is not None and timeout <= 0:
+            raise
+    return items.get(timeout=timeout)
 
 
 class Late(Exception):

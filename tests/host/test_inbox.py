@@ -36,6 +36,21 @@ class InboxTest(unittest.TestCase):
         self.assertEqual([each for each in self.done if each != "look"], flood)
         self.assertEqual(self.done[: len(flood)], flood)
 
+    def test_a_flood_that_came_while_it_worked_is_looked_after_without_another(self):
+        def work_off_floods():
+            for number in range(5000):
+                self.inbox._pause = lambda: 0.0001
+                self.inbox._work_off()
+                self.inbox.note(number)
+                self.inbox._pause = lambda: None
+                self.inbox._work_off()
+
+        thread = threading.Thread(target=work_off_floods, daemon=True)
+        thread.start()
+        thread.join(DEADLINE)
+        self.assertFalse(thread.is_alive())
+        self.assertEqual(self.done, list(range(5000)))
+
     def test_a_flood_without_an_end_is_looked_after_too(self):
         for number in range(5000):
             self.inbox.note(number)
