@@ -7,7 +7,7 @@ import logging
 import os
 import time
 from concurrent.futures import Future
-from typing import Callable, Dict, Iterable, List, Mapping, Optional
+from typing import Callable, Dict, Iterable, List, Mapping, Optional, Sequence
 
 from . import reopen, settings
 from .announcer import Announcer
@@ -15,10 +15,12 @@ from .camera_thread import CameraThread, Note
 from .confirmations import Confirmations
 from .errors import CameraNotFound, Closed, SessionLost, TetherError, WriteFailed
 from .intake import Intake
+from .ledger import LONGEST_LINE
 from .opening import Plan
 from .settings import Setting
 
 USB_EVERY = 1.0  # seconds between two looks at the devices
+LONGEST_ALLOWED = LONGEST_LINE // 16  # characters of a record, which may take 12 bytes each
 START_PATIENCE = 15.0  # seconds for a camera that is opened again to tell its settings
 
 _log = logging.getLogger("lumatie_host")
@@ -122,7 +124,7 @@ class Connection:
                 "setting",
                 name=setting.name,
                 text=setting.text,
-                allowed=setting.allowed,
+                allowed=_recordable(setting.allowed),
                 settable=setting.settable,
             )
 
@@ -255,3 +257,13 @@ class Connection:
         }
         self._announcer.announce("back", after=round(after, 3), differences=differences)
         self._confirmations.keep_changed(differences)
+
+
+def _recordable(texts: Sequence[str]) -> Sequence[str]:
+    """As many of them as a record has room for, whatever letters they have."""
+    left = LONGEST_ALLOWED
+    for index, text in enumerate(texts):
+        left -= len(text)
+        if left < 0:
+            return texts[:index]
+    return texts

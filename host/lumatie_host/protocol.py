@@ -268,7 +268,7 @@ def _allowed(setting: str, text: str) -> Message:
         if isinstance(shown, int) != is_number_list:
             raise ValueError("an entry of another kind: %r" % text[:100])
         # The keys of color temperatures are positions; what is set is the number itself.
-        choices.append((_key(shown if isinstance(shown, int) else key), str(shown)))
+        choices.append((_key(shown if isinstance(shown, int) else key), str(shown)[:LONGEST_TEXT]))
     return Allowed(setting, tuple(choices), listed.editable)
 
 

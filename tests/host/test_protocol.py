@@ -347,6 +347,8 @@ class UnreadableTest(unittest.TestCase):
         self.assertEqual(read(1, "x" * LONGEST_TEXT), Value("mode", None, "x" * LONGEST_TEXT))
         self.assert_unreadable(1, "x" * (LONGEST_TEXT + 1))
         self.assert_unreadable(3, 1, "x" * (LONGEST_TEXT + 1))
+        listed = read(4, "{1:'%s',}" % ("x" * LONGEST_LIST)[:-9])
+        self.assertEqual(listed.choices, ((1, "x" * LONGEST_TEXT),))
         self.assert_unreadable(0, "{'GENERAL_NEWFILE':r'/%s'}" % ("x" * LONGEST_PATH))
 
     def test_a_path_that_no_system_opens_is_unreadable(self):

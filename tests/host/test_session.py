@@ -17,7 +17,7 @@ from unittest import mock
 import lumatie_host as tether
 import picture_files
 from camera_case import DEADLINE, CameraCase
-from lumatie_host import finding, libraries, reopen
+from lumatie_host import finding, libraries, protocol, reopen
 from lumatie_host.camera_thread import Note
 from timing import timed, within
 from virtual_cameras import wait_until
@@ -853,6 +853,19 @@ class CanonTest(BothMakers, SessionCase):
         self.assertEqual(failed.text, str(caught.exception))
         self.assertEqual(failed.file, caught.exception.name)
         self.assertEqual(session.shoot().number, 2)
+
+    def test_a_list_that_no_record_has_room_for_is_recorded_as_far_as_it_goes(self):
+        # Each entry is 12 bytes for a letter, and the record has room for 1 MiB.
+        texts = ["\ud800" + "\U0001f4f7" * 49 + str(number) for number in range(10000)]
+        entries = "".join("%d:'%s'," % entry for entry in enumerate(texts, 1))
+        session = self.open()
+        listener = Listener(session)
+        count = len(listener.of(tether.SettingChanged))
+        session._inbox.note(Note(1, time.monotonic(), protocol.Code.ISO_LIST, ("{%s}" % entries,)))
+        change = listener.wait_for(tether.SettingChanged, count + 1)
+        self.assertGreater(len(change.allowed), 1000)
+        self.assertEqual(change.allowed, tuple(texts[: len(change.allowed)]))
+        self.assertEqual(session.settings["iso"].allowed, tuple(texts))
 
     def test_a_flood_of_changes_is_worked_off(self):
         session = self.open()
