@@ -1,13 +1,14 @@
 """Records what happens, and tells it then: in that order, and in the order of the numbers."""
 
+import contextlib
 import datetime
 import logging
 import threading
-from typing import Any, Callable, Iterable, Optional
+from typing import Any, Callable, Iterable, Iterator, Optional
 
 from .errors import TetherError, WriteFailed
 from .events import Alarm, Event, Picture
-from .ledger import Ledger
+from .ledger import PATIENCE, Ledger
 from .subscribers import Subscribers
 
 _log = logging.getLogger("lumatie_host")
@@ -27,27 +28,26 @@ class Announcer:
 
         With `must` it raises WriteFailed; otherwise there is one alarm, which nobody can record.
         """
-        with self._lock:
-            try:
+        try:
+            with self._turn():
                 event = self._ledger.append(kind, **fields)
-            except WriteFailed as error:
-                if must:
-                    raise
-                self._tell_unwritable(error)
-            else:
                 self._is_unwritable = False
                 self._subscribers.publish(event)
+        except WriteFailed as error:
+            if must:
+                raise
+            self._tell_unwritable(error)
 
     def announce_picture(self, settle: Callable[[], Picture]) -> Picture:
-        """Tells of the picture that a function records; raises what it raises."""
-        with self._lock:
+        """Tells of the picture that a function records; raises what it raises, and WriteFailed."""
+        with self._turn():
             picture = settle()
             self._subscribers.publish(picture)
             return picture
 
     def tell_recorded(self, recorded: Iterable[Event]) -> None:
-        """Tells of what is recorded already, in the order of the numbers."""
-        with self._lock:
+        """Tells of what is recorded already, in the order of the numbers; raises WriteFailed."""
+        with self._turn():
             for event in sorted(recorded, key=lambda event: event.n):
                 self._subscribers.publish(event)
 
@@ -63,6 +63,16 @@ class Announcer:
             shot=shot,
             file=file,
         )
+
+    @contextlib.contextmanager
+    def _turn(self) -> Iterator[None]:
+        """Raises WriteFailed when the one before does not end."""
+        if not self._lock.acquire(timeout=PATIENCE):
+            raise WriteFailed("another record waits for the disk, for %g s by now" % PATIENCE)
+        try:
+            yield
+        finally:
+            self._lock.release()
 
     def _tell_unwritable(self, error: WriteFailed) -> None:
         if self._is_unwritable:

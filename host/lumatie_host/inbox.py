@@ -3,6 +3,7 @@
 import logging
 import queue
 import threading
+import time
 from concurrent.futures import Future
 from typing import Any, Callable, Optional, TypeVar
 
@@ -10,6 +11,8 @@ from .errors import Closed, TetherError
 from .turns import Late, taken, wait_for
 
 _MOST = 1000  # items that are worked off before the session looks after the rest
+
+BEGUN_PATIENCE = 5.0  # seconds behind a deadline, for what is being done then
 
 _Result = TypeVar("_Result")
 
@@ -45,10 +48,20 @@ class Inbox:
         """Begins to work off what is in it."""
         self._thread.start()
 
-    def end(self, seconds: float) -> None:
-        """Ends behind what is in it; waits that long for it."""
+    def end(self, seconds: float) -> bool:
+        """Ends behind what is in it; whether that was done within that time.
+
+        May be called again, to wait on.
+        """
         self.post(None)
         self._thread.join(seconds)
+        return not self._thread.is_alive()
+
+    def work_off(self, seconds: float) -> None:
+        """Waits that long until what is in it now was worked off."""
+        done = threading.Event()
+        if self.post(done.set):
+            done.wait(seconds)
 
     def post(self, function: Optional[Callable[[], object]]) -> bool:
         """Has the thread call a function, or end; False when it has ended."""
@@ -83,12 +96,15 @@ class Inbox:
         try:
             return wait_for(future, deadline)
         except Late:
-            if not future.cancel():  # it is being done at this moment
-                return future.result(5.0)
-            raise late() from None
+            if future.cancel():
+                raise late() from None
         except BaseException:  # interrupted
             future.cancel()
             raise
+        try:  # it is being done at this moment
+            return wait_for(future, time.monotonic() + BEGUN_PATIENCE)
+        except Late:
+            raise late() from None
 
     def _run(self) -> None:
         while self._work_off():

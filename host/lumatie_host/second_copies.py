@@ -1,7 +1,7 @@
 """The second copies of a session: told and recorded, and taken up where an earlier one ended."""
 
 import os
-from typing import Dict
+from typing import Dict, Sequence
 
 from .announcer import Announcer
 from .copies import Copier
@@ -41,9 +41,8 @@ def add_missing(copier: Copier, target: str, ledger: Ledger) -> None:
             copier.add(path, picture.file, picture.sha256, picture.size)
 
 
-def close_copier(copier: Copier, announcer: Announcer, seconds: float) -> None:
-    """Ends the copying, and says what is left after that time."""
-    left = copier.close(seconds)
+def tell_left(left: Sequence[object], announcer: Announcer) -> None:
+    """Says that copying has ended before all was copied."""
     if left:
         announcer.announce(
             "alarm",

@@ -21,7 +21,7 @@ import threading
 import time
 from concurrent.futures import Future
 from types import TracebackType
-from typing import Any, Callable, Dict, Optional, Set, Type, Union
+from typing import Any, Callable, Dict, Optional, Sequence, Set, Type, Union
 
 from . import module_use, pictures, protocol, reopen, second_copies, sidecar
 from .announcer import Announcer
@@ -43,6 +43,7 @@ from .turns import Late, Turns, wait_for
 CLOSE_PATIENCE = 10.0  # seconds for a module that hangs
 CLOSE_WITHIN = 2.0  # seconds until `close` returns
 CAMERA_WITHIN = 1.0  # seconds of that for the camera
+TELLING = 0.4  # seconds of that for the last records
 SETTLING = 0.2  # seconds without an event after which nothing more follows from a change
 
 _log = logging.getLogger("lumatie_host")
@@ -290,7 +291,7 @@ class Session:
 
         with self._shutter.turn(begun + patience, late):
             exposure = self._inbox.ask(
-                lambda: self._begin_shot(pair, is_wanted), begun + patience, late
+                lambda: self._begin_shot(pair, is_wanted, begun + patience), begun + patience, late
             )
             try:
                 return wait_for(exposure.result, begun + patience)
@@ -409,11 +410,14 @@ class Session:
                     raise NoAnswer(timeout, "tell its settings") from None
 
     def _close(self) -> bool:
-        """Whether the camera has ended, too, and nothing works with its pictures any more."""
-        deadline = time.monotonic() + CLOSE_WITHIN
+        """Whether the camera has ended, too, and nothing works with pictures or records any more.
 
-        def left() -> float:
-            return max(0.1, deadline - time.monotonic())
+        What records does so on other threads, for a disk may hang.
+        """
+        end = time.monotonic() + CLOSE_WITHIN
+
+        def left(kept: float = TELLING) -> float:
+            return max(0.05, end - kept - time.monotonic())
 
         self._inbox.post(self._connection.close)
         self._shutter.close()
@@ -422,15 +426,16 @@ class Session:
         is_ended = self._camera_thread.end(CAMERA_WITHIN)
         if not is_ended:
             _log.warning("the camera is busy still, or its library hangs: it is left behind")
-        self._inbox.end(left())
+        self._inbox.work_off(left())
         if is_ended:
             self._intake.adopt(self._intake.unannounced(), self._confirmations.texts)
         is_ended = self._intake.close(left()) and is_ended
-        if self._intake.copier is not None:
-            second_copies.close_copier(self._intake.copier, self._announcer, left())
-        opened = self._connection.opened
-        if opened.done() and opened.exception() is None:
-            self._announcer.announce("closed")
+        copier = self._intake.copier
+        not_copied = [] if copier is None else copier.close(left())
+        self._inbox.post(lambda: self._tell_end(not_copied))
+        if not self._inbox.end(left(0.0)):
+            _log.warning("the last records wait for the disk: they are left behind")
+            is_ended = False
         self._subscribers.close()
         return is_ended
 
@@ -438,6 +443,7 @@ class Session:
         """Waits for a camera and its pictures that a close has left; on a thread of its own."""
         end = time.monotonic() + CLOSE_PATIENCE
         self._camera_thread.end(CLOSE_PATIENCE)
+        self._inbox.end(max(0.0, end - time.monotonic()))
         is_ended = self._intake.close(max(0.0, end - time.monotonic()))
         module_use.release()
         if not is_ended:
@@ -466,6 +472,12 @@ class Session:
         self._confirmations.confirm()
         self._connection.look()
 
+    def _tell_end(self, not_copied: Sequence[object]) -> None:
+        second_copies.tell_left(not_copied, self._announcer)
+        opened = self._connection.opened
+        if opened.done() and opened.exception() is None:
+            self._announcer.announce("closed")
+
     def _end_set(self, asked: Asked, late: NoAnswer) -> str:
         """Nothing has confirmed it in time: what that means."""
         self._confirmations.withdraw(asked)
@@ -481,7 +493,9 @@ class Session:
         self._connection.check_open()
         return self._confirmations.ask(name, text, key)
 
-    def _begin_shot(self, pair: bool, is_wanted: Optional[IsWanted]) -> Exposure:
+    def _begin_shot(
+        self, pair: bool, is_wanted: Optional[IsWanted], deadline: float
+    ) -> Exposure:
         self._connection.check_open()
         self._intake.mend_spool()
         if is_wanted is not None and not is_wanted():
@@ -492,6 +506,10 @@ class Session:
         except WriteFailed as error:
             self._shots.give_up(exposure, error)
             raise
+        if time.monotonic() > deadline:  # the disk took so long, and nobody waits any more
+            late = TooLate(exposure.number)
+            self._fail_shot(exposure, late)
+            raise late
         exposure.released = self._camera_thread.shoot(is_wanted)
         exposure.released.add_done_callback(lambda released: self._note_release(exposure, released))
         return exposure

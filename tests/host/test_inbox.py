@@ -3,7 +3,9 @@
 import threading
 import time
 import unittest
+from unittest import mock
 
+from lumatie_host import inbox
 from lumatie_host.errors import Closed, NoAnswer
 from lumatie_host.inbox import Inbox
 
@@ -82,6 +84,13 @@ class InboxTest(unittest.TestCase):
         self.ask(lambda: None)
         self.assertNotIn("late", self.done)
 
+    def test_what_is_being_done_and_does_not_end_is_late_too(self):
+        self.start()
+        goes_on = threading.Event()
+        self.addCleanup(goes_on.set)
+        with mock.patch.object(inbox, "BEGUN_PATIENCE", 0.1), self.assertRaises(NoAnswer):
+            self.ask(lambda: goes_on.wait(DEADLINE), 0.5)
+
     def test_the_look_is_due_after_the_pause_though_nothing_came(self):
         looked = threading.Event()
         inbox = Inbox(self.done.append, looked.set, lambda: 0.01)
@@ -92,7 +101,7 @@ class InboxTest(unittest.TestCase):
     def test_behind_the_end_nothing_is_done(self):
         self.start()
         self.inbox.post(lambda: self.done.append("last"))
-        self.inbox.end(DEADLINE)
+        self.assertTrue(self.inbox.end(DEADLINE))
         self.assertFalse(self.inbox.post(lambda: self.done.append("late")))
         with self.assertRaises(Closed):
             self.ask(lambda: None)

@@ -17,7 +17,7 @@ from unittest import mock
 import lumatie_host as tether
 import picture_files
 from camera_case import DEADLINE, CameraCase
-from lumatie_host import finding, libraries, protocol, reopen
+from lumatie_host import finding, inbox, libraries, protocol, reopen
 from lumatie_host.camera_thread import Note
 from timing import timed, within
 from virtual_cameras import wait_until
@@ -543,6 +543,64 @@ class BothMakers:
         picture = listener.wait_for(tether.Picture)
         self.assertEqual((picture.shot, picture.origin), (1, "host"))
         self.assertEqual(self.files(), [picture.file])
+
+    def hold_the_ledger(self, session):
+        """Has records wait; returns a function that lets them go on."""
+        is_held, goes_on = threading.Event(), threading.Event()
+
+        def hold():
+            with session.ledger.exclusive():
+                is_held.set()
+                goes_on.wait(2 * DEADLINE)
+
+        thread = threading.Thread(target=hold)
+        thread.start()
+        self.addCleanup(thread.join, DEADLINE)
+        self.addCleanup(goes_on.set)
+        self.assertTrue(is_held.wait(DEADLINE))
+        return goes_on.set
+
+    @timed
+    def test_a_record_that_hangs_does_not_hold_up_the_close(self):
+        session = self.open()
+        session.shoot()
+        let_go = self.hold_the_ledger(session)
+        with within(2.5), self.assertLogs("lumatie_host", "WARNING") as logs:
+            session.close()
+        self.assertIn("the last records wait for the disk", logs.output[-1])
+        let_go()
+        wait_until(lambda: self.ledger("closed"), "the end is recorded")
+
+    def test_a_shot_whose_record_hangs_is_not_taken_later(self):
+        session = self.open()
+        let_go = self.hold_the_ledger(session)
+        with mock.patch.object(inbox, "BEGUN_PATIENCE", 0.1), self.assertRaises(tether.NoAnswer):
+            session.shoot(timeout=0.5)
+        let_go()
+        wait_until(lambda: self.ledger("failed"), "it is told that it was not taken")
+        self.assertEqual([record["shot"] for record in self.ledger("failed")], [1])
+        self.assertEqual(session.shoot().number, 2)
+        self.assertEqual(len(self.camera.pictures()), 1)
+
+    def test_who_waits_for_another_ones_record_is_told_that_it_hangs(self):
+        session = self.open()
+        file = session.shoot().pictures[0].file
+        goes_on = threading.Event()
+        append = session.ledger.append
+
+        def append_later(kind, **fields):
+            goes_on.wait(DEADLINE)
+            return append(kind, **fields)
+
+        session.ledger.append = append_later
+        self.camera.press_shutter()
+        announcer = session._announcer
+        wait_until(announcer._lock.locked, "a record waits")
+        events = session.events()
+        with mock.patch("lumatie_host.announcer.PATIENCE", 0.1):
+            session.rate(file, 3)
+        self.assertIn("another record waits for the disk", next(events).what)
+        goes_on.set()
 
     def test_a_session_that_is_closed_right_after_its_start_leaves_nothing(self):
         for _ in range(5):
