@@ -1,8 +1,8 @@
 """The names of pictures: templates, and what every file system takes.
 
-What stands in a template is the photographer's own, and is rejected at the start when some system
-could not take it. What comes from a camera, a scanner or a clock is made to fit, because a picture
-is never lost for its name.
+What stands in a template, and the names of job and station, are the photographer's own, and are
+rejected at the start when some system could not take them. What comes from a camera, a scanner or a
+clock is made to fit, because a picture is never lost for its name.
 """
 
 import datetime
@@ -32,6 +32,7 @@ LONGEST_TEMPLATE = 1000  # characters
 
 _TIMES = {"date": "%Y-%m-%d", "time": "%H%M%S"}
 _CUT = ("tag", "original", "job", "station", "camera", "maker")  # in this order, where too long
+_OWN = ("job", "station")  # given before the first shot by whoever wrote the template
 _SUFFIX = "suffix"  # the extension with its dot, where the template does not say where it goes
 _ROOM = len(" (9999)")  # for the number of a second picture of the name
 _LONGEST_WINDOWS_PATH = 259
@@ -39,6 +40,7 @@ _LONGEST_WINDOWS_PATH = 259
 # Letters that some file system refuses, control characters, and halves of letters.
 _REFUSED = re.compile('[<>:"/\\\\|?*\\x00-\\x1f\\x7f-\\x9f\ud800-\udfff]')
 _REFUSED_IN_TEMPLATE = re.compile('[<>:"\\\\|?*\\x00-\\x1f\\x7f-\\x9f\ud800-\udfff]')
+_UNSEEN = re.compile("[\\x00-\\x1f\\x7f-\\x9f\ud800-\udfff]")
 _DEVICES = re.compile(
     r"(CON|PRN|AUX|NUL|CONIN\$|CONOUT\$|CLOCK\$|(COM|LPT)[0-9\u00b9\u00b2\u00b3])[ ]*(\..*)?",
     re.IGNORECASE | re.DOTALL,
@@ -149,7 +151,7 @@ class Template:
         """The pieces of each part; raises NameRejected."""
         if len(self.text) > LONGEST_TEMPLATE:
             raise self._rejected("it has more than %d characters" % LONGEST_TEMPLATE)
-        if re.search("[\\x00-\\x1f\\x7f-\\x9f\ud800-\udfff]", self.text):
+        if _UNSEEN.search(self.text):
             raise self._rejected("it holds a character that cannot be seen")
         parts: List[List[_Piece]] = [[]]
         try:
@@ -218,6 +220,7 @@ class Template:
             for piece, text in zip(part, texts):
                 if piece.token in _TIMES and _REFUSED.search(text):
                     raise self._rejected("some systems refuse %s in a name" % text)
+            self._check_own(part, "".join(texts))
             length = length_of("".join(_safe(text) for text in texts))
             if length > LONGEST - _ROOM:
                 raise self._rejected("its names have up to %d letters" % length)
@@ -226,6 +229,24 @@ class Template:
             whole = len(os.path.abspath(folder)) + longest + _ROOM
             if whole > _LONGEST_WINDOWS_PATH:
                 raise self._rejected("its paths have up to %d letters" % whole)
+
+    def _check_own(self, part: List[_Piece], text: str) -> None:
+        """Raises NameRejected when the job or the station makes a part that no file can have."""
+        for token in _OWN:
+            value = self._fixed[token]
+            if not value or not any(piece.token == token for piece in part):
+                continue
+            if _UNSEEN.search(value):
+                raise self._rejected("the %s holds a character that cannot be seen" % token)
+            refused = _REFUSED.search(value)
+            if refused:
+                raise self._rejected(
+                    "some systems refuse %s in the %s %s" % (refused.group(), token, value)
+                )
+            if part[-1].token == token and value[-1] in ". ":
+                raise self._rejected("the %s %s ends with a dot or a blank" % (token, value))
+            if _DEVICES.fullmatch(text):
+                raise self._rejected("Windows has a device of the name %s" % text.split(".")[0])
 
     def _filled(self, part: List[_Piece], values: Mapping[str, object]) -> str:
         texts: Dict[int, str] = {}

@@ -100,6 +100,32 @@ class Rejected(unittest.TestCase):
         self.rejects("x" * 240 + "{n:09}", "ü" * 120 + "{n}", "x" * 2000, "{date:%A}" * 120)
         self.rejects("{job}", job="j" * 300)
 
+    def test_a_job_or_a_station_that_no_file_can_have(self):
+        for token in ("job", "station"):
+            whole, end, begin = ("{%s}/{n}", "{tag}_{%s}/{n}", "{%s}_{n}")
+            for texts, templates in (
+                (("a/b", "a:b", "a\\b", "\0", "a?", "\ud800"), (whole, end, begin)),
+                (("..", "x.", "x "), (whole, end)),
+                (("CON", "nul.a", "Lpt1"), (whole, "{%s}.{ext}", "{%s}")),
+            ):
+                for text in texts:
+                    self.rejects(*(template % token for template in templates), **{token: text})
+                    Template("{tag}_{n}", **{token: text})
+        for text in ("", "Müller & Söhne", "a.b", "con_1", "写真"):
+            Template("{job}/{station}/{tag}_{job}/{n}", job=text, station=text)
+        Template("{job}_{n}", job="Con")
+        Template("{job}_{n}", job="Mr. X.")
+
+    def test_what_of_a_job_is_wrong_is_told(self):
+        for job, why in (
+            ("a/b", "some systems refuse / in the job a/b"),
+            ("x.", "the job x. ends with a dot or a blank"),
+            ("CON", "Windows has a device of the name CON"),
+        ):
+            with self.subTest(job=job), self.assertRaises(NameRejected) as caught:
+                Template("{job}/{n}", job=job)
+            self.assertEqual(caught.exception.why, why)
+
     def test_a_device_or_a_folder_as_the_beginning_of_a_name_is_none(self):
         for text in ("con_{n}", "console", "com10", "com{n}x", ".lumatie2/{n}", "a/.lumatie/{n}"):
             with self.subTest(text=text):
