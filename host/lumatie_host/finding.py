@@ -88,7 +88,7 @@ def _first(plans: List[Plan], folder: str, deadline: float) -> Optional[str]:
 
 
 def _leave(folder: str) -> None:
-    """Removes the folder, unless pictures came into it: a Nikon camera gives what its card holds."""
+    """Removes the folder, unless pictures came into it, as from a Nikon camera's card."""
     try:
         os.rmdir(folder)
     except OSError as error:

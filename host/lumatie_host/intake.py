@@ -91,7 +91,7 @@ class Intake:
     ) -> None:
         self.tag = ""
         self.copier: Optional[Copier] = None
-        self.progress: float = time.monotonic()  # when a picture came last, or the first start began
+        self.progress: float = time.monotonic()  # of the last picture, or the first start
         self._ledger = ledger
         self._announcer = announcer
         self._shots = shots

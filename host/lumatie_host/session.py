@@ -493,9 +493,7 @@ class Session:
         self._connection.check_open()
         return self._confirmations.ask(name, text, key)
 
-    def _begin_shot(
-        self, pair: bool, is_wanted: Optional[IsWanted], deadline: float
-    ) -> Exposure:
+    def _begin_shot(self, pair: bool, is_wanted: Optional[IsWanted], deadline: float) -> Exposure:
         self._connection.check_open()
         self._intake.mend_spool()
         if is_wanted is not None and not is_wanted():

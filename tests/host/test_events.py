@@ -172,7 +172,6 @@ class Records(unittest.TestCase):
             with self.subTest(changes):
                 self.assertIsNone(events.from_record(dict(record_of(*event), **changes)))
 
-
     def test_fields_of_another_type_make_no_event(self):
         for event, fields in ALL:
             for name, value in dict(fields, n=event.n).items():
