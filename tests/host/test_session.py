@@ -575,7 +575,7 @@ class BothMakers:
         session = self.open()
         let_go = self.hold_the_ledger(session)
         with mock.patch.object(inbox, "BEGUN_PATIENCE", 0.1), self.assertRaises(tether.NoAnswer):
-            session.shoot(timeout=0.5)
+            session.shoot(timeout=2.0)
         let_go()
         wait_until(lambda: self.ledger("failed"), "it is told that it was not taken")
         self.assertEqual([record["shot"] for record in self.ledger("failed")], [1])
