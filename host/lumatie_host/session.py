@@ -23,7 +23,7 @@ from concurrent.futures import Future
 from types import TracebackType
 from typing import Any, Callable, Dict, Optional, Sequence, Set, Type, Union
 
-from . import module_use, pictures, protocol, reopen, second_copies, sidecar
+from . import copies, module_use, pictures, protocol, reopen, second_copies, sidecar
 from .announcer import Announcer
 from .camera_thread import CameraThread, IsWanted, Note
 from .confirmations import Asked, Confirmations
@@ -431,7 +431,7 @@ class Session:
             self._intake.adopt(self._intake.unannounced(), self._confirmations.texts)
         is_ended = self._intake.close(left()) and is_ended
         copier = self._intake.copier
-        not_copied = [] if copier is None else copier.close(left())
+        not_copied = [] if copier is None else copier.close(left(TELLING + copies.GRACE))
         self._inbox.post(lambda: self._tell_end(not_copied))
         if not self._inbox.end(left(0.0)):
             _log.warning("the last records wait for the disk: they are left behind")

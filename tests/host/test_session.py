@@ -561,6 +561,25 @@ class BothMakers:
         return goes_on.set
 
     @timed
+    def test_a_copy_that_hangs_does_not_hold_up_the_close(self):
+        session = self.open(copy=os.path.join(self.base, "copy"))
+        is_copying, goes_on = threading.Event(), threading.Event()
+        self.addCleanup(goes_on.set)
+
+        def hang(*_):
+            is_copying.set()
+            goes_on.wait(2 * DEADLINE)
+
+        listener = Listener(session)
+        with mock.patch.object(session.copier, "_copy", hang):
+            session.shoot()
+            self.assertTrue(is_copying.wait(DEADLINE))
+            with within(2.0):
+                session.close()
+        self.assertIn("1 pictures have no second copy yet", listener.wait_for(tether.Alarm).what)
+        listener.wait_for(tether.Closed)
+
+    @timed
     def test_a_record_that_hangs_does_not_hold_up_the_close(self):
         session = self.open()
         session.shoot()
