@@ -15,6 +15,7 @@ from ..events import VERSION, SettingChanged
 from ..page.sequence import Sequences
 from ..session import Session
 from ..subscribers import Heard
+from ..turns import taken
 from . import ages, messages
 from .address import Address
 from .answers import Answers
@@ -191,7 +192,7 @@ class Station(Listener):
         looked_at = 0.0
         while True:
             try:
-                what, about = self._inbox.get(timeout=0.1)
+                what, about = taken(self._inbox, 0.1)
             except queue.Empty:
                 what, about = "", None
             try:
@@ -304,7 +305,7 @@ class Station(Listener):
             self._answers.pump()
             self._pump()
             try:
-                what, about = self._inbox.get(timeout=0.02)
+                what, about = taken(self._inbox, 0.02)
             except queue.Empty:
                 continue
             if what in ("sent", "down", "answer"):

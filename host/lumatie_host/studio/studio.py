@@ -14,6 +14,7 @@ from concurrent.futures import Future
 from typing import Any, Callable, Dict, Iterable, List, NamedTuple, Optional, Sequence, Set
 
 from ..errors import TetherError
+from ..turns import taken
 from . import spread
 from .address import Address
 from .asking import Answered, Asking, checked
@@ -377,7 +378,7 @@ class Studio(Listener, Watcher):
         kept = looked = time.monotonic()
         while not self._closing.is_set() or not self._desk.empty():
             try:
-                work = self._desk.get(timeout=LOOK_EVERY)
+                work = taken(self._desk, LOOK_EVERY)
             except queue.Empty:
                 work = None
             try:
