@@ -218,6 +218,7 @@ start_property_tests() {
 start_browsers() {
     local engine
     scripts/page.sh install
+    use_tree
     for engine in chrome firefox; do
         start "page-$engine" scripts/page.sh "$engine"
     done

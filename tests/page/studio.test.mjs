@@ -27,10 +27,14 @@ after(async () => {
 
 /** Waits until each card shows the picture that its station took last. @param {Visitor} visitor */
 async function allShown(visitor) {
-    /** @type {{ station: string, picture: { n: number } }[]} */
-    const stations = (await studio.call("/api/state")).body.stations;
+    /** @type {{ station: string, picture: { n: number } | null }[]} */
+    let stations = [];
+    await until(async () => {
+        stations = (await studio.call("/api/state")).body.stations;
+        return stations.every(({ picture }) => picture);
+    }, "a picture of each station");
     for (const { station, picture } of stations) {
-        await visitor.page.waitForSelector(`.card[data-station="${station}"][data-shown="${picture.n}"]`);
+        await visitor.page.waitForSelector(`.card[data-station="${station}"][data-shown="${picture?.n}"]`);
     }
 }
 
