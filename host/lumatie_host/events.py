@@ -40,9 +40,9 @@ class Opened(Event):
     """The camera answers, and its settings are known."""
 
     kind: ClassVar[str] = "opened"
-    camera: str
-    maker: str  # "canon" or "nikon"
-    session: str  # tells the sessions that share a folder apart
+    camera: str = ""
+    maker: str = ""  # "canon" or "nikon"
+    session: str = ""  # tells the sessions that share a folder apart
 
 
 @dataclasses.dataclass(frozen=True)
@@ -133,8 +133,8 @@ class Copied(Event):
 
     kind: ClassVar[str] = "copied"
     file: str
-    to: str  # the complete path of the copy
-    sha256: str
+    to: str = ""  # the complete path of the copy
+    sha256: str = ""
     seconds: float = 0.0  # behind the picture itself
 
 

@@ -89,6 +89,12 @@ def record_of(event, fields):
 
 
 class Records(unittest.TestCase):
+    def test_a_record_without_what_only_our_own_programs_write_is_an_event(self):
+        for kind, fields in {"opened": {}, "copied": {"file": "a.jpg"}}.items():
+            with self.subTest(kind):
+                record = {"v": 1, "n": 1, "time": "2026-11-22T05:40:48.123Z", "kind": kind}
+                self.assertEqual(events.from_record({**record, **fields}).kind, kind)
+
     def test_each_event_makes_its_record(self):
         for event, fields in ALL:
             with self.subTest(event.kind):

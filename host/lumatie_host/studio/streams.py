@@ -96,7 +96,7 @@ class Stream:
         else:
             entry.is_settled = True
             if kind == "opened":
-                self._begin_session(str(record["session"]), number)
+                self._begin_session(str(record.get("session", "")), number)
             if kind == "failed" and record.get("shot") is not None:
                 self._answer(number, record["shot"], False, True)
         self._take_up_to(self.taken)
