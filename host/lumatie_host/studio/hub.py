@@ -101,6 +101,7 @@ class Station:
         self.settings: Dict[str, Any] = {}
         self.ticks = ages.Heard()
         self.heard_at = 0.0  # the last sign of life
+        self.has_ticked = False  # a station that is not of our making may have no ticks
         self.is_silent = False
         self.picture: Optional[Record] = None  # the newest, with its `ledger`
         self.unanswered = 0  # requests for a shot that the station does not know of
@@ -276,6 +277,8 @@ class Hub:
             was_online = station.is_online
             before, station.state = station.state, state
             is_new = state.get("instance") != before.get("instance")
+            if is_new:
+                station.has_ticked = False
             if is_new or not is_retained:
                 station.hear()
             is_other = {**before, "n": 0} != {**state, "n": 0} or station.is_online != was_online
@@ -299,6 +302,7 @@ class Hub:
                 return
             was_silent = station.is_silent
             station.hear()
+            station.has_ticked = True
             station.ticks.hear(str(told["instance"]), tick)
             for request in station.requests:
                 if request.ledger == station.ledger:
@@ -403,7 +407,8 @@ class Hub:
         silent = []
         for name, station in self._stations.items():
             heard_at = max(station.heard_at, self._listening_since)
-            if station.is_online and moment - heard_at > SILENCE:
+            is_late = station.has_ticked and moment - heard_at > SILENCE
+            if station.is_online and is_late:
                 station.is_silent = True
                 silent.append(name)
         return silent

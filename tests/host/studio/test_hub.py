@@ -546,8 +546,14 @@ class Silent(HubTestCase):
         self.tick()
         self.assertEqual(self.states[1:], [("7", False, ["7"])])
 
+    def test_a_station_that_tells_no_ticks_at_all_is_there_until_it_says_otherwise(self):
+        self.hub.connected(True)
+        self.go_on(100)
+        self.assertEqual((self.states, self.hub.online()), ([], ["7"]))
+
     def test_a_station_that_is_gone_already_is_not_gone_again_with_its_will(self):
         self.hub.connected(True)
+        self.tick()
         self.go_on(40)
         self.announce(online=False)
         self.assertEqual([was for _, was, _ in self.states], [True, False])
@@ -564,6 +570,7 @@ class Silent(HubTestCase):
 
     def test_while_the_broker_is_not_there_and_for_a_while_after_nobody_is_gone(self):
         self.hub.connected(True)
+        self.tick()
         self.hub.connected(False)
         self.go_on(200)
         self.hub.connected(True)
@@ -574,6 +581,7 @@ class Silent(HubTestCase):
 
     def test_a_studio_that_stood_still_hears_first_who_is_there(self):
         self.hub.connected(True)
+        self.tick()
         self.go_on(5)
         self.moment += 3600.0
         self.go_on(20)
