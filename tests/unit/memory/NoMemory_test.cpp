@@ -336,8 +336,8 @@ TEST(NoMemoryNikonTest, APartOfAPictureIsRefusedAndTakenWhenItIsDeliveredAgain)
     int failed = 0;
     for (int number = 1; number < kEnough; ++number) {
         SCOPED_TRACE("allocation " + std::to_string(number));
-        const auto receiver = std::make_shared<nikon::DataReceiver>(
-            1, std::make_shared<nikon::ModuleHeartbeat>());
+        const auto receiver =
+            std::make_shared<nikon::DataReceiver>(1, std::make_shared<nikon::ModuleHeartbeat>());
         MaidReference handle = nikon::receivers().add(receiver);
         MaidResult result = kMaidOk;
         {

@@ -17,8 +17,8 @@ constexpr int kMostTries = 1000;
 constexpr std::uint32_t kMostCaps = 65'536;
 constexpr std::size_t kMostArrayBytes = std::size_t{64} << 20U;
 
-// The room for an announced number of elements; null when it is not to be had. None have an address,
-// too: a module may refuse a null one.
+// The room for an announced number of elements; null when it is not to be had. None have an
+// address, too: a module may refuse a null one.
 template <typename Array>
 std::shared_ptr<Array> makeArray(std::size_t size, std::size_t most)
 {

@@ -169,8 +169,8 @@ bool MaidDriver::lock()
         // Behind a command of the same camera session that hangs for long already nobody waits any
         // longer. A module may expose inside the command itself, and tells nothing meanwhile.
         const Clock::time_point commandBegun{Clock::duration(m_commandBegun)};
-        const bool mayWait = isWithinExposure() ||
-                             !patienceIsOver(m_inside > 0 ? commandBegun : begun, patience());
+        const bool mayWait =
+            isWithinExposure() || !patienceIsOver(m_inside > 0 ? commandBegun : begun, patience());
         if (!mayWait) {
             return false;
         }

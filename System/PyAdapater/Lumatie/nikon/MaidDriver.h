@@ -207,8 +207,8 @@ public:
     bool isSilent() const { return m_silent; }
 
     // Whether a thread has been inside the module for so long, without a sign of life since the
-    // stop was requested, that nobody should wait for it any more. In an exposure no silence counts,
-    // but the time since the stop.
+    // stop was requested, that nobody should wait for it any more. In an exposure no silence
+    // counts, but the time since the stop.
     bool hangs() const;
 
     // Whether the time is over that the stop leaves for an exposure and its picture.
