@@ -108,7 +108,8 @@ class FolderRejected(TetherError):
     def __init__(self, folder: str, why: Optional[str] = None) -> None:
         arguments = (folder, why)
         place = "there" if why is None else "into %s" % (folder or '""')
-        self.folder, self.why = ("", folder) if why is None else (folder, why)
+        self.folder: str = "" if why is None else folder
+        self.why: str = folder if why is None else why
         super().__init__(
             "pictures cannot go %s: %s" % (place, self.why),
             Reason.FOLDER_REJECTED,
