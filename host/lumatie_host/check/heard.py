@@ -51,7 +51,7 @@ class Camera:
         self._changed = threading.Condition()
         self.unreadable: List[str] = []
         self.pictures: List[Picture] = []  # in the order in which they were announced
-        self.reports = 0  # of this session: of a Nikon camera one a second
+        self.reports = 0  # since the start; a Nikon camera sends one a second
         self.is_open = False
         self.thread = CameraThread(target.is_nikon, self._note)
 
